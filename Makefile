@@ -1,0 +1,66 @@
+# Lectern: `make run` builds and runs the program, `make test` builds with sanitizers and runs
+# every test, `make bench` builds Release and runs the benchmarks.
+
+ARGS ?=
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+
+# Debian 12 packages the build and the tests need.
+DEB_PACKAGES := build-essential cmake ccache pkg-config \
+  libcurl4-openssl-dev libsqlite3-dev libxml2-dev libicu-dev libssl-dev zlib1g-dev \
+  nlohmann-json3-dev libcli11-dev libfmt-dev libsecret-1-dev \
+  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev python3
+# Only the benchmarks compare against these.
+BENCH_PACKAGES := newsboat python3-readability nodejs npm valgrind
+
+MAKEFLAGS += --no-print-directory
+export CCACHE_DIR ?= $(HOME)/.cache/ccache
+
+.PHONY: run test bench deps bench-deps build build-test build-bench clean
+
+define install_missing
+	@missing=""; \
+	for p in $(1); do \
+	  dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  if [ "$$(id -u)" = "0" ]; then \
+	    echo "Installing:$$missing"; \
+	    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $$missing; \
+	  else \
+	    echo "Lectern needs these Debian packages:$$missing"; \
+	    echo "Install them with:  sudo apt-get install -y$$missing"; \
+	    exit 1; \
+	  fi; \
+	fi
+endef
+
+deps:
+	$(call install_missing,$(DEB_PACKAGES))
+
+bench-deps: deps
+	$(call install_missing,$(BENCH_PACKAGES))
+
+build: deps
+	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLECTERN_BUILD_TESTS=OFF > /dev/null
+	@cmake --build build --target lectern -j $(JOBS)
+
+run: build
+	./build/lectern $(ARGS)
+
+build-test: deps
+	@cmake -S . -B build-test -DCMAKE_BUILD_TYPE=Debug -DLECTERN_SANITIZE=ON -DLECTERN_WERROR=ON \
+	  -DLECTERN_BUILD_TESTS=ON > /dev/null
+	@cmake --build build-test -j $(JOBS)
+
+test: build-test
+	cd build-test && ctest --output-on-failure -j $(JOBS)
+
+build-bench: bench-deps
+	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLECTERN_BUILD_TESTS=OFF -DLECTERN_BUILD_BENCH=ON > /dev/null
+	@cmake --build build-bench -j $(JOBS)
+
+bench: build-bench
+	./bench/run-all.sh build-bench
+
+clean:
+	rm -rf build build-test build-bench

@@ -1,0 +1,7 @@
+set(LECTERN_APP_SOURCES
+  src/app/AppEnvironment.cpp
+)
+# The program itself: argument parsing and presentation only.
+set(LECTERN_CLI_SOURCES
+  src/app/cli/main.cpp
+)

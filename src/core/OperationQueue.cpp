@@ -1,0 +1,206 @@
+#include "core/OperationQueue.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace lectern {
+
+void Operation::cancel() {
+  std::lock_guard lock(mutex_);
+  cancelled_ = true;
+}
+
+bool Operation::isCancelled() const {
+  std::lock_guard lock(mutex_);
+  return cancelled_;
+}
+
+bool Operation::isExecuting() const {
+  std::lock_guard lock(mutex_);
+  return state_ == State::kExecuting;
+}
+
+bool Operation::isFinished() const {
+  std::lock_guard lock(mutex_);
+  return state_ == State::kFinished;
+}
+
+bool Operation::isReady() const {
+  std::vector<std::shared_ptr<Operation>> deps;
+  {
+    std::lock_guard lock(mutex_);
+    if (state_ != State::kReady) return false;
+    deps = dependencies_;
+  }
+  return std::all_of(deps.begin(), deps.end(), [](const auto& d) { return d->isFinished(); });
+}
+
+void Operation::setCompletionBlock(std::function<void()> block) {
+  std::lock_guard lock(mutex_);
+  completion_ = std::move(block);
+}
+
+void Operation::addDependency(std::shared_ptr<Operation> other) {
+  std::lock_guard lock(mutex_);
+  dependencies_.push_back(std::move(other));
+}
+
+void Operation::waitUntilFinished() const {
+  std::unique_lock lock(mutex_);
+  finished_.wait(lock, [this] { return state_ == State::kFinished; });
+}
+
+void Operation::start() {
+  {
+    std::lock_guard lock(mutex_);
+    if (state_ != State::kReady) return;
+    state_ = State::kExecuting;
+  }
+  // A cancelled operation never starts its work: it finishes straight away.
+  if (isCancelled()) {
+    finish();
+    return;
+  }
+  main();
+  if (!isAsynchronous()) finish();
+}
+
+void Operation::finish() {
+  std::function<void()> completion;
+  std::function<void()> onFinish;
+  {
+    std::lock_guard lock(mutex_);
+    if (state_ == State::kFinished) return;
+    state_ = State::kFinished;
+    completion = std::move(completion_);
+    onFinish = std::move(onFinish_);
+    dependencies_.clear();
+  }
+  finished_.notify_all();
+  if (completion) completion();
+  if (onFinish) onFinish();
+}
+
+struct OperationQueue::State {
+  std::string name;
+  mutable std::mutex mutex;  // guards every member below
+  mutable std::condition_variable changed;
+  int maxConcurrent = kDefaultMaxConcurrentOperationCount;
+  int running = 0;        // started and not finished
+  int liveThreads = 0;    // worker threads still inside Operation::start
+  std::vector<std::shared_ptr<Operation>> operations;  // added and not finished, in order
+  std::vector<Operation*> started;
+};
+
+OperationQueue::OperationQueue(std::string name, int maxConcurrentOperationCount)
+    : name_(std::move(name)), state_(std::make_shared<State>()) {
+  state_->name = name_;
+  state_->maxConcurrent = std::max(1, maxConcurrentOperationCount);
+}
+
+OperationQueue::~OperationQueue() {
+  cancelAllOperations();
+  waitUntilAllOperationsAreFinished();
+  std::unique_lock lock(state_->mutex);
+  state_->changed.wait(lock, [this] { return state_->liveThreads == 0; });
+}
+
+int OperationQueue::maxConcurrentOperationCount() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->maxConcurrent;
+}
+
+void OperationQueue::setMaxConcurrentOperationCount(int count) {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->maxConcurrent = std::max(1, count);
+  }
+  pump(state_);
+}
+
+void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->operations.push_back(operation);
+  }
+  std::weak_ptr<State> weakState = state_;
+  Operation* raw = operation.get();
+  {
+    std::lock_guard lock(operation->mutex_);
+    // Called by Operation::finish on whatever thread finishes it.
+    operation->onFinish_ = [weakState, raw] {
+      auto state = weakState.lock();
+      if (!state) return;
+      {
+        std::lock_guard lock(state->mutex);
+        auto& ops = state->operations;
+        auto it = std::find_if(ops.begin(), ops.end(), [raw](const auto& op) { return op.get() == raw; });
+        const bool wasStarted = std::find(state->started.begin(), state->started.end(), raw) != state->started.end();
+        if (wasStarted) {
+          --state->running;
+          std::erase(state->started, raw);
+        }
+        if (it != ops.end()) ops.erase(it);
+      }
+      state->changed.notify_all();
+      pump(state);
+    };
+  }
+  pump(state_);
+}
+
+std::shared_ptr<Operation> OperationQueue::addOperation(std::function<void()> block) {
+  auto operation = std::make_shared<BlockOperation>(std::move(block));
+  addOperation(operation);
+  return operation;
+}
+
+std::vector<std::shared_ptr<Operation>> OperationQueue::operations() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->operations;
+}
+
+size_t OperationQueue::operationCount() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->operations.size();
+}
+
+void OperationQueue::cancelAllOperations() {
+  for (const auto& op : operations()) op->cancel();
+}
+
+void OperationQueue::waitUntilAllOperationsAreFinished() const {
+  std::unique_lock lock(state_->mutex);
+  state_->changed.wait(lock, [this] { return state_->operations.empty(); });
+}
+
+void OperationQueue::pump(const std::shared_ptr<State>& state) {
+  std::vector<std::shared_ptr<Operation>> toStart;
+  {
+    std::lock_guard lock(state->mutex);
+    for (const auto& op : state->operations) {
+      if (state->running >= state->maxConcurrent) break;
+      const bool started = std::find(state->started.begin(), state->started.end(), op.get()) != state->started.end();
+      if (started || !op->isReady()) continue;
+      state->started.push_back(op.get());
+      ++state->running;
+      ++state->liveThreads;
+      toStart.push_back(op);
+    }
+  }
+  for (auto& op : toStart) {
+    std::thread([state = state, op] {
+      pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
+      op->start();
+      {
+        std::lock_guard lock(state->mutex);
+        --state->liveThreads;
+      }
+      state->changed.notify_all();
+    }).detach();
+  }
+}
+
+}  // namespace lectern

@@ -1,0 +1,11 @@
+set(LECTERN_CORE_SOURCES
+  src/core/Error.cpp
+  src/core/Log.cpp
+  src/core/Paths.cpp
+  src/core/MainQueue.cpp
+  src/core/OperationQueue.cpp
+  src/core/Regex.cpp
+  src/core/Strings.cpp
+  src/core/Dates.cpp
+  src/core/UserDefaults.cpp
+)
