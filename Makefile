@@ -14,6 +14,8 @@ BENCH_PACKAGES := newsboat python3-readability nodejs npm valgrind
 
 MAKEFLAGS += --no-print-directory
 export CCACHE_DIR ?= $(HOME)/.cache/ccache
+# Relative paths in the cache key, so checkouts in different folders share compiled objects.
+export CCACHE_BASEDIR ?= $(abspath $(CURDIR)/..)
 
 .PHONY: run test bench deps bench-deps build build-test build-bench clean
 

@@ -4,4 +4,5 @@ set(LECTERN_APP_SOURCES
 # The program itself: argument parsing and presentation only.
 set(LECTERN_CLI_SOURCES
   src/app/cli/main.cpp
+  src/app/cli/Cli.cpp
 )

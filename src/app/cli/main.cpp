@@ -2,29 +2,25 @@
 #include <cstdio>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "app/AppEnvironment.h"
-#include "core/Error.h"
-
-namespace {
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
-
-}  // namespace
+#include "app/cli/Cli.h"
 
 int main(int argc, char** argv) {
+  using namespace lectern::cli;
   CLI::App app{"Lectern: a news reader and read-later client.", "lectern"};
   app.set_version_flag("--version", std::string("lectern ") + LECTERN_VERSION);
-  lectern::AppOptions options;
+  app.require_subcommand(0, 1);
+  CliContext context;
   std::string home;
   app.add_option("--home", home, "Keep data, configuration, logs and cache under DIR (also LECTERN_HOME)")
       ->type_name("DIR");
-  app.add_flag("--verbose", options.verbose, "Mirror the log to stderr");
-  app.footer("Data: $XDG_DATA_HOME/lectern  Configuration: $XDG_CONFIG_HOME/lectern  Log: $XDG_STATE_HOME/lectern");
+  app.add_flag("--verbose", context.options.verbose, "Mirror the log to stderr");
+  app.footer(
+      "Data: $XDG_DATA_HOME/lectern  Configuration: $XDG_CONFIG_HOME/lectern  Log: $XDG_STATE_HOME/lectern\n"
+      "Exit codes: 0 success, 1 failure, 2 usage error.");
+
+  // Command modules register here.
 
   try {
     app.parse(argc, argv);
@@ -38,12 +34,13 @@ int main(int argc, char** argv) {
     app.exit(e);
     return kExitUsage;
   }
-  if (!home.empty()) options.home = home;
+  if (!home.empty()) context.options.home = home;
 
   try {
-    auto environment = lectern::AppEnvironment::create(options);
+    if (auto handler = context.selectedHandler()) return handler();
+    auto environment = context.environment();
     if (!environment) {
-      fmt::print(stderr, "lectern: {}\n", environment.error().message());
+      printError(environment.error());
       return kExitFailure;
     }
     // No reader yet: the main job is to explain what Lectern can do.

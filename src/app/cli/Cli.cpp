@@ -1,0 +1,40 @@
+#include "app/cli/Cli.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include <fmt/format.h>
+
+namespace lectern::cli {
+
+Result<AppEnvironment*> CliContext::environment() {
+  if (!environment_) {
+    auto made = AppEnvironment::create(options);
+    if (!made) return fail(made.error());
+    environment_ = std::move(*made);
+  }
+  return environment_.get();
+}
+
+void CliContext::onCommand(CLI::App* command, std::function<int()> handler) {
+  handlers_.emplace_back(command, std::move(handler));
+}
+
+std::function<int()> CliContext::selectedHandler() const {
+  for (const auto& [command, handler] : handlers_) {
+    if (command->parsed()) return handler;
+  }
+  return nullptr;
+}
+
+void printError(const Error& error) {
+  fmt::print(stderr, "lectern: {}\n", error.description.empty() ? error.recoverySuggestion : error.description);
+  if (!error.description.empty() && !error.recoverySuggestion.empty()) {
+    fmt::print(stderr, "{}\n", error.recoverySuggestion);
+  }
+}
+
+bool stdoutIsTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
+
+}  // namespace lectern::cli

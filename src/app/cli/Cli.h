@@ -1,0 +1,47 @@
+#pragma once
+
+// Plumbing shared by the command modules of the `lectern` program.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "app/AppEnvironment.h"
+#include "core/Error.h"
+
+namespace lectern::cli {
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+
+// What every command gets: the global options and, on first use, the environment they select.
+class CliContext {
+ public:
+  AppOptions options;
+
+  // Made on first call (after argument parsing), so `--help` never touches the disk.
+  Result<AppEnvironment*> environment();
+
+  // Runs `handler` when `command` (a leaf subcommand) was given on the command line.
+  void onCommand(CLI::App* command, std::function<int()> handler);
+  // The handler of the command that was given, if any.
+  std::function<int()> selectedHandler() const;
+
+ private:
+  std::unique_ptr<AppEnvironment> environment_;
+  std::vector<std::pair<CLI::App*, std::function<int()>>> handlers_;
+};
+
+// "lectern: <description>" and, when there is one, the recovery suggestion on the next line.
+void printError(const Error& error);
+// True when standard output is a terminal (progress lines, colours).
+bool stdoutIsTerminal();
+
+// Command modules. Each adds its subcommands to `app` and registers their handlers.
+// (One line per module here and in main.cpp.)
+
+}  // namespace lectern::cli
