@@ -8,4 +8,5 @@ set(LECTERN_CORE_SOURCES
   src/core/Strings.cpp
   src/core/Dates.cpp
   src/core/UserDefaults.cpp
+  src/core/HtmlStrings.cpp
 )
