@@ -9,4 +9,5 @@ set(LECTERN_CORE_SOURCES
   src/core/Dates.cpp
   src/core/UserDefaults.cpp
   src/core/HtmlStrings.cpp
+  src/core/SecretStore.cpp
 )
