@@ -46,7 +46,8 @@ void appendUTF8(std::string& out, char32_t cp) {
     return;
   }
   const int continuations = cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
-  out += static_cast<char>(((0xFF << (7 - continuations)) & 0xFF) | (cp >> (6 * continuations)));  // lead byte
+  out +=
+      static_cast<char>(((0xFF << (7 - continuations)) & 0xFF) | (cp >> (6 * continuations)));  // lead byte
   for (int shift = 6 * (continuations - 1); shift >= 0; shift -= 6) {
     out += static_cast<char>(0x80 | ((cp >> shift) & 0x3F));
   }
@@ -127,17 +128,17 @@ std::string_view validUTF8(std::string_view text, std::string& storage) {
 }
 
 enum ElementFlag : std::uint16_t {
-  kLineBlock = 1 << 0,       // starts and ends on a line of its own
-  kParagraphBlock = 1 << 1,  // set off by an empty line
-  kLineBreak = 1 << 2,       // br
-  kCell = 1 << 3,            // table cells: a space between neighbours
-  kRawText = 1 << 4,         // contents are text up to the matching end tag
+  kLineBlock = 1 << 0,         // starts and ends on a line of its own
+  kParagraphBlock = 1 << 1,    // set off by an empty line
+  kLineBreak = 1 << 2,         // br
+  kCell = 1 << 3,              // table cells: a space between neighbours
+  kRawText = 1 << 4,           // contents are text up to the matching end tag
   kEscapableRawText = 1 << 5,  // the same, but character references count
   kPlaintextElement = 1 << 6,  // everything after it is text
-  kHidden = 1 << 7,          // contents never shown
-  kPreformatted = 1 << 8,    // line breaks in the text are kept
-  kForeign = 1 << 9,         // svg, math: any name inside is a tag
-  kLeavesForeign = 1 << 10,  // an HTML element that ends unclosed svg or math around it
+  kHidden = 1 << 7,            // contents never shown
+  kPreformatted = 1 << 8,      // line breaks in the text are kept
+  kForeign = 1 << 9,           // svg, math: any name inside is a tag
+  kLeavesForeign = 1 << 10,    // an HTML element that ends unclosed svg or math around it
 };
 
 struct ElementInfo {
@@ -148,15 +149,16 @@ struct ElementInfo {
 // Every HTML element, obsolete ones included, sorted by name. A "<" starts a tag only before one
 // of these names or a custom or prefixed one ("my-widget", "o:p"), so that text such as
 // "List<String>" or "if x<y" survives: it turns up when entities were decoded twice.
+// clang-format off
 constexpr ElementInfo kElements[] = {
     {"a", 0}, {"abbr", 0}, {"acronym", 0}, {"address", kLineBlock}, {"applet", 0}, {"area", 0},
-    {"article", kLineBlock}, {"aside", kLineBlock}, {"audio", kHidden}, {"b", kLeavesForeign},
-    {"base", 0}, {"basefont", 0}, {"bdi", 0}, {"bdo", 0}, {"bgsound", 0}, {"big", kLeavesForeign},
-    {"blink", 0}, {"blockquote", kParagraphBlock | kLeavesForeign}, {"body", kLeavesForeign},
+    {"article", kLineBlock}, {"aside", kLineBlock}, {"audio", kHidden}, {"b", kLeavesForeign}, {"base", 0},
+    {"basefont", 0}, {"bdi", 0}, {"bdo", 0}, {"bgsound", 0}, {"big", kLeavesForeign}, {"blink", 0},
+    {"blockquote", kParagraphBlock | kLeavesForeign}, {"body", kLeavesForeign},
     {"br", kLineBreak | kLeavesForeign}, {"button", 0}, {"canvas", kHidden}, {"caption", kLineBlock},
     {"center", kLineBlock | kLeavesForeign}, {"cite", 0}, {"code", kLeavesForeign}, {"col", 0},
-    {"colgroup", 0}, {"data", 0}, {"datalist", kHidden}, {"dd", kLineBlock | kLeavesForeign},
-    {"del", 0}, {"details", kLineBlock}, {"dfn", 0}, {"dialog", kLineBlock}, {"dir", kLineBlock},
+    {"colgroup", 0}, {"data", 0}, {"datalist", kHidden}, {"dd", kLineBlock | kLeavesForeign}, {"del", 0},
+    {"details", kLineBlock}, {"dfn", 0}, {"dialog", kLineBlock}, {"dir", kLineBlock},
     {"div", kLineBlock | kLeavesForeign}, {"dl", kLineBlock | kLeavesForeign},
     {"dt", kLineBlock | kLeavesForeign}, {"em", kLeavesForeign}, {"embed", kLeavesForeign},
     {"fieldset", kLineBlock}, {"figcaption", kLineBlock}, {"figure", kLineBlock}, {"font", 0},
@@ -170,32 +172,34 @@ constexpr ElementInfo kElements[] = {
     {"isindex", 0}, {"kbd", 0}, {"keygen", 0}, {"label", 0}, {"legend", kLineBlock},
     {"li", kLineBlock | kLeavesForeign}, {"link", 0},
     {"listing", kParagraphBlock | kPreformatted | kLeavesForeign}, {"main", kLineBlock}, {"map", 0},
-    {"mark", 0}, {"marquee", 0}, {"math", kForeign}, {"menu", kLineBlock | kLeavesForeign},
-    {"menuitem", 0}, {"meta", kLeavesForeign}, {"meter", 0}, {"multicol", 0}, {"nav", kLineBlock},
-    {"nextid", 0}, {"nobr", kLeavesForeign}, {"noembed", kRawText | kHidden},
-    {"noframes", kRawText | kHidden}, {"noscript", 0}, {"object", 0},
-    {"ol", kLineBlock | kLeavesForeign}, {"optgroup", kLineBlock}, {"option", kLineBlock},
-    {"output", 0}, {"p", kParagraphBlock | kLeavesForeign}, {"param", 0}, {"picture", 0},
-    {"plaintext", kPlaintextElement | kParagraphBlock | kPreformatted}, {"pre", kParagraphBlock | kPreformatted | kLeavesForeign},
-    {"progress", 0}, {"q", 0}, {"rb", 0}, {"rp", 0}, {"rt", 0}, {"rtc", 0}, {"ruby", kLeavesForeign},
-    {"s", kLeavesForeign}, {"samp", 0}, {"script", kRawText | kHidden}, {"search", kLineBlock},
-    {"section", kLineBlock}, {"select", kHidden}, {"slot", 0}, {"small", kLeavesForeign}, {"source", 0},
-    {"spacer", 0}, {"span", kLeavesForeign}, {"strike", kLeavesForeign}, {"strong", kLeavesForeign},
-    {"style", kRawText | kHidden}, {"sub", kLeavesForeign}, {"summary", kLineBlock},
-    {"sup", kLeavesForeign}, {"svg", kForeign | kHidden}, {"table", kLineBlock | kLeavesForeign},
-    {"tbody", kLineBlock}, {"td", kCell}, {"template", kHidden},
-    {"textarea", kEscapableRawText | kHidden}, {"tfoot", kLineBlock}, {"th", kCell},
-    {"thead", kLineBlock}, {"time", 0}, {"title", kEscapableRawText | kHidden},
-    {"tr", kLineBlock}, {"track", 0}, {"tt", kLeavesForeign}, {"u", kLeavesForeign},
-    {"ul", kLineBlock | kLeavesForeign}, {"var", kLeavesForeign}, {"video", kHidden}, {"wbr", 0},
+    {"mark", 0}, {"marquee", 0}, {"math", kForeign}, {"menu", kLineBlock | kLeavesForeign}, {"menuitem", 0},
+    {"meta", kLeavesForeign}, {"meter", 0}, {"multicol", 0}, {"nav", kLineBlock}, {"nextid", 0},
+    {"nobr", kLeavesForeign}, {"noembed", kRawText | kHidden}, {"noframes", kRawText | kHidden},
+    {"noscript", 0}, {"object", 0}, {"ol", kLineBlock | kLeavesForeign}, {"optgroup", kLineBlock},
+    {"option", kLineBlock}, {"output", 0}, {"p", kParagraphBlock | kLeavesForeign}, {"param", 0},
+    {"picture", 0}, {"plaintext", kPlaintextElement | kParagraphBlock | kPreformatted},
+    {"pre", kParagraphBlock | kPreformatted | kLeavesForeign}, {"progress", 0}, {"q", 0}, {"rb", 0},
+    {"rp", 0}, {"rt", 0}, {"rtc", 0}, {"ruby", kLeavesForeign}, {"s", kLeavesForeign}, {"samp", 0},
+    {"script", kRawText | kHidden}, {"search", kLineBlock}, {"section", kLineBlock}, {"select", kHidden},
+    {"slot", 0}, {"small", kLeavesForeign}, {"source", 0}, {"spacer", 0}, {"span", kLeavesForeign},
+    {"strike", kLeavesForeign}, {"strong", kLeavesForeign}, {"style", kRawText | kHidden},
+    {"sub", kLeavesForeign}, {"summary", kLineBlock}, {"sup", kLeavesForeign}, {"svg", kForeign | kHidden},
+    {"table", kLineBlock | kLeavesForeign}, {"tbody", kLineBlock}, {"td", kCell}, {"template", kHidden},
+    {"textarea", kEscapableRawText | kHidden}, {"tfoot", kLineBlock}, {"th", kCell}, {"thead", kLineBlock},
+    {"time", 0}, {"title", kEscapableRawText | kHidden}, {"tr", kLineBlock}, {"track", 0},
+    {"tt", kLeavesForeign}, {"u", kLeavesForeign}, {"ul", kLineBlock | kLeavesForeign},
+    {"var", kLeavesForeign}, {"video", kHidden}, {"wbr", 0},
     {"xmp", kRawText | kParagraphBlock | kPreformatted}};
+// clang-format on
 
 static_assert(std::ranges::adjacent_find(kElements, std::ranges::greater_equal{}, &ElementInfo::name) ==
                   std::ranges::end(kElements),
               "the element table must be sorted for binary search");
 
 constexpr size_t kMaxElementNameLength = 10;  // "blockquote", "figcaption"
-static_assert(std::ranges::all_of(kElements, [](const ElementInfo& e) { return e.name.size() <= kMaxElementNameLength; }));
+static_assert(std::ranges::all_of(kElements, [](const ElementInfo& e) {
+  return e.name.size() <= kMaxElementNameLength;
+}));
 
 const ElementInfo* findElement(std::string_view name) {
   if (name.size() > kMaxElementNameLength) return nullptr;
@@ -213,6 +217,12 @@ bool isHtmlSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r
 bool endsTagName(char c) { return isHtmlSpace(c) || c == '/' || c == '>'; }
 // What element names are made of, custom ("my-widget") and prefixed ("o:p") ones included.
 bool isNameChar(char c) { return isAsciiAlnum(c) || c == '-' || c == ':' || c == '_' || c == '.'; }
+
+// Ends `element` and whatever opened inside it and is still open; nothing when it is not open.
+void closeUpTo(std::vector<const ElementInfo*>& open, const ElementInfo* element) {
+  const auto it = std::find(open.rbegin(), open.rend(), element);
+  if (it != open.rend()) open.erase(std::prev(it.base()), open.end());
+}
 
 enum class TextKind {
   kMarkup,   // text where character references count
@@ -311,8 +321,7 @@ class HtmlScanner {
 
   void endTag(const ElementInfo* element) {
     if (element != nullptr && (element->flags & kForeign) != 0) {
-      const auto it = std::find(foreign_.rbegin(), foreign_.rend(), element);
-      if (it != foreign_.rend()) foreign_.erase(std::prev(it.base()), foreign_.end());
+      closeUpTo(foreign_, element);
     }
     sink_.endTag(element);
   }
@@ -444,8 +453,7 @@ class PlainTextWriter {
     if (element == nullptr) return;
     const std::uint16_t flags = element->flags;
     if ((flags & kHidden) != 0) {
-      const auto it = std::find(hidden_.rbegin(), hidden_.rend(), element);
-      if (it != hidden_.rend()) hidden_.erase(std::prev(it.base()), hidden_.end());
+      closeUpTo(hidden_, element);
       return;
     }
     if (!hidden_.empty()) return;
@@ -465,33 +473,18 @@ class PlainTextWriter {
         i = run;
         continue;
       }
-      const char c = text[i];
-      switch (kByteClass[static_cast<unsigned char>(c)]) {
-        case kSpace:
-          spaceOwed_ = true;
-          ++i;
-          break;
-        case kNewline:
-          if (preformatted_ > 0) {
-            addLineBreak();
-          } else {
-            spaceOwed_ = true;
-          }
-          // "\r\n" is one line end.
-          i += (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ? 2 : 1;
-          break;
-        case kControl:
-          ++i;
-          break;
-        case kAmpersand:
-          i += reference(text, i, kind);
-          break;
-        case kLeadC2:
-          i += twoByteCharacter(text, i);
-          break;
-        default:
-          ++i;
-          break;
+      const ByteClass byteClass = kByteClass[static_cast<unsigned char>(text[i])];
+      if (byteClass == kAmpersand) {
+        i += reference(text, i, kind);
+      } else if (byteClass == kLeadC2) {
+        i += twoByteCharacter(text, i);
+      } else {
+        if (byteClass == kNewline && preformatted_ > 0) {
+          addLineBreak();
+        } else if (byteClass != kControl) {
+          spaceOwed_ = true;  // a space, or a line end outside pre
+        }
+        i += text.substr(i).starts_with("\r\n") ? 2 : 1;
       }
     }
   }
@@ -540,13 +533,8 @@ class PlainTextWriter {
   void addLineBreak() { breaksOwed_ = std::min(breaksOwed_ + 1, 2); }
 
   void settleDebts() {
-    if (!out_.empty()) {
-      if (breaksOwed_ > 0) {
-        out_.append(static_cast<size_t>(breaksOwed_), '\n');
-      } else if (spaceOwed_) {
-        out_ += ' ';
-      }
-    }
+    if (!out_.empty() && breaksOwed_ > 0) out_.append(static_cast<size_t>(breaksOwed_), '\n');
+    if (!out_.empty() && breaksOwed_ == 0 && spaceOwed_) out_ += ' ';
     breaksOwed_ = 0;
     spaceOwed_ = false;
   }
@@ -557,47 +545,30 @@ class PlainTextWriter {
   std::string scratch_;  // a decoded reference
   int breaksOwed_ = 0;
   bool spaceOwed_ = false;
-  int preformatted_ = 0;  // open pre, textarea ... elements
+  int preformatted_ = 0;                    // open pre, textarea ... elements
   std::vector<const ElementInfo*> hidden_;  // open elements whose contents are not shown
 };
 
 // The code point at `i` and its length in bytes; length 0 for an invalid sequence.
 std::pair<char32_t, size_t> codePointAt(std::string_view text, size_t i) {
   const auto lead = static_cast<unsigned char>(text[i]);
-  if (lead < 0x80) return {lead, 1};
-  size_t length = 0;
-  char32_t cp = 0;
-  char32_t minimum = 0;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2, cp = lead & 0x1F, minimum = 0x80;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3, cp = lead & 0x0F, minimum = 0x800;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4, cp = lead & 0x07, minimum = 0x10000;
-  } else {
-    return {0, 0};
-  }
-  if (i + length > text.size()) return {0, 0};
-  for (size_t k = 1; k < length; ++k) {
-    const auto byte = static_cast<unsigned char>(text[i + k]);
-    if ((byte & 0xC0) != 0x80) return {0, 0};
-    cp = (cp << 6) | (byte & 0x3F);
-  }
-  if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return {0, 0};
+  const size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  if (i + length > text.size() || !isValidUTF8(text.substr(i, length))) return {0, 0};
+  char32_t cp = length == 1 ? lead : lead & (0x7F >> length);
+  for (size_t k = 1; k < length; ++k) cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
   return {cp, length};
 }
 
-// Characters that never belong to a link in running text.
+// Characters that never belong to a link in running text: white space, quotes and brackets
+// around it, and the CJK punctuation that follows it with no space.
+constexpr char32_t kLinkEnders[] = {0x00A0, 0x00AB, 0x00BB, 0x200B, 0x201C, 0x201D, 0x2028,
+                                    0x2029, 0x202F, 0x205F, 0x3000, 0x3001, 0x3002, 0x300C,
+                                    0x300D, 0xFEFF, 0xFF08, 0xFF09, 0xFF0C};
 bool endsLink(char32_t cp) {
-  if (cp < 0x80) return cp <= 0x20 || cp == 0x7F || std::strchr("<>\"`{}|\\^", static_cast<int>(cp)) != nullptr;
-  switch (cp) {
-    case 0x00A0: case 0x00AB: case 0x00BB: case 0x200B: case 0x2028: case 0x2029: case 0x202F:
-    case 0x205F: case 0x201C: case 0x201D: case 0x3000: case 0x3001: case 0x3002: case 0x300C:
-    case 0x300D: case 0xFEFF: case 0xFF08: case 0xFF09: case 0xFF0C:
-      return true;
-    default:
-      return cp >= 0x2000 && cp <= 0x200A;  // the typographic spaces
+  if (cp >= 0x80) {
+    return (cp >= 0x2000 && cp <= 0x200A) || std::ranges::find(kLinkEnders, cp) != std::end(kLinkEnders);
   }
+  return cp <= 0x20 || cp == 0x7F || std::strchr("<>\"`{}|\\^", static_cast<int>(cp)) != nullptr;
 }
 
 // Punctuation that ends a sentence more often than a link.
@@ -703,13 +674,16 @@ std::string encodeHtmlEntities(std::string_view text) {
   std::string out;
   out.reserve(text.size() + text.size() / 8);
   for (const char c : text) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c; break;
+    const char* escaped = c == '&'    ? "&amp;"
+                          : c == '<'  ? "&lt;"
+                          : c == '>'  ? "&gt;"
+                          : c == '"'  ? "&quot;"
+                          : c == '\'' ? "&#39;"
+                                      : nullptr;
+    if (escaped != nullptr) {
+      out += escaped;
+    } else {
+      out += c;
     }
   }
   return out;

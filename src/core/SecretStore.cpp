@@ -8,9 +8,8 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
-
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "core/Log.h"
 #include "core/Strings.h"
@@ -28,12 +27,15 @@ using nlohmann::json;
 
 constexpr std::string_view kLogCategory = "SecretStore";
 
-bool isStorableText(std::string_view text) { return isValidUTF8(text) && text.find('\0') == std::string_view::npos; }
+bool isStorableText(std::string_view text) {
+  return isValidUTF8(text) && text.find('\0') == std::string_view::npos;
+}
 
 // Every backend keeps text: the Secret Service takes C strings and the file is JSON.
 Result<void> checkStorable(std::string_view service, std::string_view account, std::string_view password) {
   if (isStorableText(service) && isStorableText(account) && isStorableText(password)) return {};
-  return fail(kLecternErrorDomain, kSecretStoreNotStorable, "Cannot store the password of " + sanitizeUTF8(account),
+  return fail(kLecternErrorDomain, kSecretStoreNotStorable,
+              "Cannot store the password of " + sanitizeUTF8(account),
               "A password, its service and its account must be UTF-8 text without NUL characters.");
 }
 
@@ -56,7 +58,8 @@ Result<json> loadPasswordFile(const fs::path& file) {
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT) return json::object();
-    return std::unexpected(fileError(kSecretStoreUnreadable, "Cannot read the password file", file, std::strerror(errno)));
+    return std::unexpected(
+        fileError(kSecretStoreUnreadable, "Cannot read the password file", file, std::strerror(errno)));
   }
   std::string text;
   char buffer[8192];
@@ -66,7 +69,8 @@ Result<json> loadPasswordFile(const fs::path& file) {
     if (n < 0) {
       const int err = errno;
       ::close(fd);
-      return std::unexpected(fileError(kSecretStoreUnreadable, "Cannot read the password file", file, std::strerror(err)));
+      return std::unexpected(
+          fileError(kSecretStoreUnreadable, "Cannot read the password file", file, std::strerror(err)));
     }
     if (n == 0) break;
     text.append(buffer, static_cast<size_t>(n));
@@ -76,14 +80,16 @@ Result<json> loadPasswordFile(const fs::path& file) {
   if (trimView(text).empty()) return json::object();  // made by hand, perhaps: nothing to lose
   json doc = json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!isPasswordDocument(doc)) {
-    return std::unexpected(fileError(kSecretStoreCorrupt, "Cannot read the password file", file,
-                                     "It is damaged. Repair it, or move it away and enter the passwords again."));
+    return std::unexpected(
+        fileError(kSecretStoreCorrupt, "Cannot read the password file", file,
+                  "It is damaged. Repair it, or move it away and enter the passwords again."));
   }
   return doc;
 }
 
 Result<void> savePasswordFile(const fs::path& file, const json& doc) {
-  auto written = writeFileAtomically(file, doc.dump(2) + "\n", fs::perms::owner_read | fs::perms::owner_write);
+  auto written =
+      writeFileAtomically(file, doc.dump(2) + "\n", fs::perms::owner_read | fs::perms::owner_write);
   if (!written) {
     return std::unexpected(fileError(kSecretStoreUnwritable, "Cannot save the password file", file,
                                      written.error().recoverySuggestion));
@@ -113,7 +119,8 @@ class Watchdog {
   Watchdog(GCancellable* cancellable, std::chrono::milliseconds timeout)
       : thread_([this, cancellable, timeout] {
           std::unique_lock lock(mutex_);
-          if (!finishedChanged_.wait_for(lock, timeout, [this] { return finished_; })) g_cancellable_cancel(cancellable);
+          const bool finished = finishedChanged_.wait_for(lock, timeout, [this] { return finished_; });
+          if (!finished) g_cancellable_cancel(cancellable);
         }) {}
   ~Watchdog() {
     {
@@ -168,15 +175,16 @@ bool probeSecretService(const std::string& address, std::chrono::milliseconds ti
   bool answers = false;
   if (GVariant* hello = callBus(bus.get(), "Hello", nullptr, "(s)", cancellable.get(), left())) {
     g_variant_unref(hello);
-    if (GVariant* reply = callBus(bus.get(), "NameHasOwner", g_variant_new("(s)", kSecretServiceBusName), "(b)",
-                                  cancellable.get(), left())) {
+    if (GVariant* reply = callBus(bus.get(), "NameHasOwner", g_variant_new("(s)", kSecretServiceBusName),
+                                  "(b)", cancellable.get(), left())) {
       gboolean running = FALSE;
       g_variant_get(reply, "(b)", &running);
       g_variant_unref(reply);
       answers = running != FALSE;
     }
     if (!answers) {
-      if (GVariant* reply = callBus(bus.get(), "ListActivatableNames", nullptr, "(as)", cancellable.get(), left())) {
+      if (GVariant* reply =
+              callBus(bus.get(), "ListActivatableNames", nullptr, "(as)", cancellable.get(), left())) {
         const gchar** names = nullptr;
         g_variant_get(reply, "(^a&s)", &names);
         for (size_t i = 0; names != nullptr && names[i] != nullptr; ++i) {
@@ -210,23 +218,26 @@ class LibsecretSecretStore final : public SecretStore {
   Result<std::optional<std::string>> password(std::string_view service, std::string_view account) override {
     const std::string s(service), a(account);
     GError* error = nullptr;
-    gchar* found = secret_password_lookup_sync(&lecternSchema(), nullptr, &error, "service", s.c_str(), "account",
-                                               a.c_str(), nullptr);
-    if (error != nullptr) return std::unexpected(serviceError("Cannot read the password of ", account, error));
+    gchar* found = secret_password_lookup_sync(&lecternSchema(), nullptr, &error, "service", s.c_str(),
+                                               "account", a.c_str(), nullptr);
+    if (error != nullptr)
+      return std::unexpected(serviceError("Cannot read the password of ", account, error));
     if (found == nullptr) return std::nullopt;
     std::string value(found);
     secret_password_free(found);  // wipes the memory
     return value;
   }
 
-  Result<void> setPassword(std::string_view service, std::string_view account, std::string_view password) override {
+  Result<void> setPassword(std::string_view service, std::string_view account,
+                           std::string_view password) override {
     if (auto storable = checkStorable(service, account, password); !storable) return storable;
     const std::string s(service), a(account), p(password);
     const std::string label = fmt::format("Lectern password for {}", a);
     GError* error = nullptr;
-    secret_password_store_sync(&lecternSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(), p.c_str(), nullptr, &error,
-                               "service", s.c_str(), "account", a.c_str(), nullptr);
-    if (error != nullptr) return std::unexpected(serviceError("Cannot store the password of ", account, error));
+    secret_password_store_sync(&lecternSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(), p.c_str(), nullptr,
+                               &error, "service", s.c_str(), "account", a.c_str(), nullptr);
+    if (error != nullptr)
+      return std::unexpected(serviceError("Cannot store the password of ", account, error));
     return {};
   }
 
@@ -234,8 +245,10 @@ class LibsecretSecretStore final : public SecretStore {
     const std::string s(service), a(account);
     GError* error = nullptr;
     // False without an error means there was nothing to delete.
-    secret_password_clear_sync(&lecternSchema(), nullptr, &error, "service", s.c_str(), "account", a.c_str(), nullptr);
-    if (error != nullptr) return std::unexpected(serviceError("Cannot delete the password of ", account, error));
+    secret_password_clear_sync(&lecternSchema(), nullptr, &error, "service", s.c_str(), "account", a.c_str(),
+                               nullptr);
+    if (error != nullptr)
+      return std::unexpected(serviceError("Cannot delete the password of ", account, error));
     return {};
   }
 
@@ -255,7 +268,8 @@ class LibsecretSecretStore final : public SecretStore {
 
 // ---------------------------------------------------------------------------------------------
 
-Result<std::optional<std::string>> MemorySecretStore::password(std::string_view service, std::string_view account) {
+Result<std::optional<std::string>> MemorySecretStore::password(std::string_view service,
+                                                               std::string_view account) {
   std::lock_guard lock(mutex_);
   const auto it = secrets_.find({std::string(service), std::string(account)});
   if (it == secrets_.end()) return std::nullopt;
@@ -278,7 +292,8 @@ Result<void> MemorySecretStore::deletePassword(std::string_view service, std::st
 
 FileSecretStore::FileSecretStore(std::filesystem::path file) : file_(std::move(file)) {}
 
-Result<std::optional<std::string>> FileSecretStore::password(std::string_view service, std::string_view account) {
+Result<std::optional<std::string>> FileSecretStore::password(std::string_view service,
+                                                             std::string_view account) {
   std::lock_guard lock(mutex_);
   auto doc = loadPasswordFile(file_);
   if (!doc) return std::unexpected(doc.error());

@@ -19,11 +19,11 @@ inline constexpr std::string_view kPasswordServiceName = "com.quillhq.Lectern";
 
 // Codes of the kLecternErrorDomain errors secret stores give. Their texts name the file or the
 // account, never a password.
-inline constexpr int kSecretStoreUnreadable = 1201;     // the password file cannot be read
-inline constexpr int kSecretStoreCorrupt = 1202;        // it is not what Lectern writes
-inline constexpr int kSecretStoreUnwritable = 1203;     // it cannot be saved
-inline constexpr int kSecretStoreNotStorable = 1204;    // not UTF-8 text, or holds a NUL character
-inline constexpr int kSecretServiceFailed = 1205;       // the Secret Service refused or failed
+inline constexpr int kSecretStoreUnreadable = 1201;   // the password file cannot be read
+inline constexpr int kSecretStoreCorrupt = 1202;      // it is not what Lectern writes
+inline constexpr int kSecretStoreUnwritable = 1203;   // it cannot be saved
+inline constexpr int kSecretStoreNotStorable = 1204;  // not UTF-8 text, or holds a NUL character
+inline constexpr int kSecretServiceFailed = 1205;     // the Secret Service refused or failed
 
 // Passwords by (service, account), the service being "com.quillhq.Lectern" and the account an
 // account's identifier. Implementations are thread-safe; secrets never reach logs or errors.

@@ -18,17 +18,19 @@ TEST(HtmlEntities, DecodesNamedReferencesAsBrowsersDo) {
   const Case cases[] = {
       {"Caf&eacute; &amp; cr&egrave;me", "Café & crème"},
       {"&lt;b&gt; &quot;q&quot; &apos;a&apos;", "<b> \"q\" 'a'"},
-      {"&AMP; &LT; &Aacute;", "& < Á"},                       // names are case-sensitive ...
-      {"&Amp; &aMp;", "&Amp; &aMp;"},                         // ... so these are unknown
-      {"&NotEqualTilde;", "\u2242\u0338"},                    // two code points
+      {"&AMP; &LT; &Aacute;", "& < Á"},     // names are case-sensitive ...
+      {"&Amp; &aMp;", "&Amp; &aMp;"},       // ... so these are unknown
+      {"&NotEqualTilde;", "\u2242\u0338"},  // two code points
       {"&fjlig;&ThickSpace;", "fj\u205F\u200A"},
-      {"&CounterClockwiseContourIntegral;", "\u2233"},        // the longest name
+      {"&CounterClockwiseContourIntegral;", "\u2233"},                  // the longest name
       {"&copy 2024 &copy2024 &nbsp", "\u00A9 2024 \u00A92024 \u00A0"},  // legacy forms without ";"
-      {"&notit; &notin; &notin", "\u00ACit; \u2209 \u00ACin"},  // longest legacy prefix wins
-      {"&ampx; &amp;amp;", "&x; &amp;"},                      // one pass only
+      {"&notit; &notin; &notin", "\u00ACit; \u2209 \u00ACin"},          // longest legacy prefix wins
+      {"&ampx; &amp;amp;", "&x; &amp;"},                                // one pass only
       {"&bogus; &; & &# &#; &#x; &#xG; &a", "&bogus; &; & &# &#; &#x; &#xG; &a"},
       {"AT&T R&D Q&A;", "AT&T R&D Q&A;"},
-      {"&", "&"}, {"&amp", "&"}, {"a&", "a&"},
+      {"&", "&"},
+      {"&amp", "&"},
+      {"a&", "a&"},
   };
   for (auto [in, want] : cases) EXPECT_EQ(decodeHtmlEntities(in), want) << in;
 }
@@ -40,7 +42,7 @@ TEST(HtmlEntities, DecodesNumericReferencesWithTheHtml5Substitutions) {
       {"&#x1F600;", "\U0001F600"},
       {"&#0; &#xD800; &#xDFFF; &#x110000; &#99999999999999999999999;", "\uFFFD \uFFFD \uFFFD \uFFFD \uFFFD"},
       {"&#128;&#x82;&#150;&#151;&#x99;&#x9F;", "€‚–—™Ÿ"},  // Windows-1252
-      {"&#x81;&#x8D;", "\u0081\u008D"},                     // undefined there: kept
+      {"&#x81;&#x8D;", "\u0081\u008D"},                    // undefined there: kept
       {"&#10;&#9;", "\n\t"},
   };
   for (auto [in, want] : cases) EXPECT_EQ(decodeHtmlEntities(in), want) << in;
@@ -62,14 +64,18 @@ TEST(HtmlToPlainText, LaysOutBlocksAndCollapsesWhiteSpace) {
       {"<p>para<br></p><div>div</div>", "para\n\ndiv"},
       {"  lots   of\n\t white\r\n space  ", "lots of white space"},
       {"<h1>Title</h1>Body <i>text</i>", "Title\n\nBody text"},
-      {"Intro<ul>\n  <li>One</li>\n  <li>Two <a href=\"/x\">link</a></li>\n</ul>Outro", "Intro\nOne\nTwo link\nOutro"},
+      {"Intro<ul>\n  <li>One</li>\n  <li>Two <a href=\"/x\">link</a></li>\n</ul>Outro",
+       "Intro\nOne\nTwo link\nOutro"},
       {"<table><tr><th>a</th><td>b</td></tr><tr><td>c</td></tr></table>", "a b\nc"},
       {"<blockquote><p>Quoted</p></blockquote><p>Reply</p>", "Quoted\n\nReply"},
       {"<pre>line 1\n    line 2\n\n\n\nline 3</pre>after", "line 1\nline 2\n\nline 3\n\nafter"},
       {"<P>Upper</P><DIV>Case</DIV>", "Upper\n\nCase"},
       {"a&nbsp;&nbsp; b\u00A0\u00A0c", "a b c"},  // no-break spaces collapse too
       {"Donau&shy;dampf\u00ADschiff", "Donaudampfschiff"},
-      {"a\x01" "b\x7F" "c&#1;d", "abcd"},  // control characters vanish
+      {"a\x01"
+       "b\x7F"
+       "c&#1;d",
+       "abcd"},  // control characters vanish
       {"<p>   </p><p></p><br><p>x</p>", "x"},
       {"", ""},
   };
@@ -103,8 +109,8 @@ TEST(HtmlToPlainText, ReadsAwkwardMarkupLikeABrowser) {
       {"<textarea>x</p>y</textarea>z<select><option>A</option></select>", "z"},
       {"<plaintext><b>x</b>", "<b>x</b>"},
       {"a</>b", "ab"},
-      {"<p>Hello <b>world", "Hello world"},                  // never closed
-      {"Text <a href=\"http://exa", "Text"},                 // cut off inside a tag
+      {"<p>Hello <b>world", "Hello world"},   // never closed
+      {"Text <a href=\"http://exa", "Text"},  // cut off inside a tag
       {"text<!-- never closed <p>more", "text"},
   };
   for (auto [in, want] : cases) EXPECT_EQ(htmlToPlainText(in), want) << in;
@@ -139,11 +145,11 @@ TEST(StripTags, RemovesTagsAndCommentsOnly) {
 }
 
 // Compares without printing megabytes when it fails.
-#define EXPECT_SAME_TEXT(actual, expected)                                                  \
-  do {                                                                                      \
-    const std::string a_ = (actual), e_ = (expected);                                       \
-    EXPECT_TRUE(a_ == e_) << #actual << ": " << a_.size() << " bytes, starting \""          \
-                          << a_.substr(0, 40) << "\"; expected " << e_.size() << " bytes"; \
+#define EXPECT_SAME_TEXT(actual, expected)                                                             \
+  do {                                                                                                 \
+    const std::string a_ = (actual), e_ = (expected);                                                  \
+    EXPECT_TRUE(a_ == e_) << #actual << ": " << a_.size() << " bytes, starting \"" << a_.substr(0, 40) \
+                          << "\"; expected " << e_.size() << " bytes";                                 \
   } while (false)
 
 TEST(HtmlTextTools, SurviveHostileInputInLinearTime) {
@@ -177,13 +183,17 @@ TEST(HtmlTextTools, SurviveHostileInputInLinearTime) {
 }
 
 TEST(HtmlTextTools, AlwaysGiveValidUTF8) {
-  std::vector<std::string> inputs = {
-      "\xFF\xFE<p>\xC3</p>&#xD800;\xE2\x82", "caf\xE9 &eacute;", std::string("nul\0byte&#0;", 12),
-      "\xF4\x90\x80\x80 over", "\xC2&nbsp;\xC2", "http://ex\xFF" "ample.com/\xC3\xA9"};
+  std::vector<std::string> inputs = {"\xFF\xFE<p>\xC3</p>&#xD800;\xE2\x82",
+                                     "caf\xE9 &eacute;",
+                                     std::string("nul\0byte&#0;", 12),
+                                     "\xF4\x90\x80\x80 over",
+                                     "\xC2&nbsp;\xC2",
+                                     "http://ex\xFF"
+                                     "ample.com/\xC3\xA9"};
   // Every byte value in every position of a short tag soup.
-  for (int b = 0; b < 256; ++b) inputs.push_back("<p a='" + std::string(1, static_cast<char>(b)) + "'>x" +
-                                                 std::string(1, static_cast<char>(b)) + "&amp" +
-                                                 std::string(1, static_cast<char>(b)));
+  for (int b = 0; b < 256; ++b)
+    inputs.push_back("<p a='" + std::string(1, static_cast<char>(b)) + "'>x" +
+                     std::string(1, static_cast<char>(b)) + "&amp" + std::string(1, static_cast<char>(b)));
   for (const auto& in : inputs) {
     EXPECT_TRUE(isValidUTF8(decodeHtmlEntities(in))) << in;
     EXPECT_TRUE(isValidUTF8(encodeHtmlEntities(in))) << in;
@@ -228,16 +238,20 @@ TEST(DetectLinks, FindsLinksAndLeavesSentencePunctuationOut) {
       {"[http://[::1]:8080/x]", {"http://[::1]:8080/x"}},
       {"Mail mailto:someone@example.com?subject=Hi.", {"mailto:someone@example.com?subject=Hi"}},
       {"Visit www.example.com/news... or WWW.Example.org", {"www.example.com/news", "WWW.Example.org"}},
-      {"\"http://quoted.example/\" <http://angle.example/>", {"http://quoted.example/", "http://angle.example/"}},
-      {"“https://curly.example/x”, ‘https://single.example’…", {"https://curly.example/x", "https://single.example"}},
+      {"\"http://quoted.example/\" <http://angle.example/>",
+       {"http://quoted.example/", "http://angle.example/"}},
+      {"“https://curly.example/x”, ‘https://single.example’…",
+       {"https://curly.example/x", "https://single.example"}},
       {"https://de.wikipedia.org/wiki/Äpfel。次", {"https://de.wikipedia.org/wiki/Äpfel"}},
       {"HTTPS://LOUD.EXAMPLE", {"HTTPS://LOUD.EXAMPLE"}},
-      {"not links: http:// http://. xhttp://a.com mailto:@x mailto:me@. a.www.b.com user@www.x.com javascript:alert(1)",
+      {"not links: http:// http://. xhttp://a.com mailto:@x mailto:me@. a.www.b.com user@www.x.com "
+       "javascript:alert(1)",
        {}},
   };
   for (const auto& c : cases) {
     std::vector<std::string_view> found;
-    for (const auto& link : detectLinks(c.text)) found.push_back(c.text.substr(link.begin, link.end - link.begin));
+    for (const auto& link : detectLinks(c.text))
+      found.push_back(c.text.substr(link.begin, link.end - link.begin));
     EXPECT_EQ(found, c.links) << c.text;
   }
 }

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -79,7 +78,10 @@ TEST_P(SecretStoreContract, RefusesWhatNoBackendCanKeepWithoutQuotingIt) {
   const std::string withNul = std::string(kSecret) + std::string(1, '\0') + "tail";
   const std::string notUtf8 = std::string(kSecret) + "\xFF";
   for (const auto& [account, password] : {std::pair<std::string, std::string>{"acct", withNul},
-                                          {"acct", notUtf8}, {"bad\xFF" "acct", std::string(kSecret)}}) {
+                                          {"acct", notUtf8},
+                                          {"bad\xFF"
+                                           "acct",
+                                           std::string(kSecret)}}) {
     const auto stored = store_->setPassword(kPasswordServiceName, account, password);
     ASSERT_FALSE(stored);
     EXPECT_EQ(stored.error().code, kSecretStoreNotStorable);
@@ -109,10 +111,12 @@ TEST_P(SecretStoreContract, ConcurrentWritersLoseNothing) {
 
 INSTANTIATE_TEST_SUITE_P(
     Backends, SecretStoreContract,
-    testing::Values(StoreFactory{"memory", [](const fs::path&) { return std::make_unique<MemorySecretStore>(); }},
+    testing::Values(StoreFactory{"memory",
+                                 [](const fs::path&) { return std::make_unique<MemorySecretStore>(); }},
                     StoreFactory{"file",
                                  [](const fs::path& folder) {
-                                   return std::make_unique<FileSecretStore>(folder / "config" / "secrets.json");
+                                   return std::make_unique<FileSecretStore>(folder / "config" /
+                                                                            "secrets.json");
                                  }}),
     [](const testing::TestParamInfo<StoreFactory>& info) { return std::string(info.param.name); });
 
@@ -149,9 +153,9 @@ TEST_F(FileSecretStoreTest, FileIsPrivatePersistentAndInItsDocumentedShape) {
 }
 
 TEST_F(FileSecretStoreTest, DamagedFileIsAnErrorAndIsNeverOverwritten) {
-  const std::string damaged[] = {
-      "not json", R"({"com.quillhq.Lectern": {"a": "hunter2")",  // cut short
-      R"(["hunter2"])", R"({"com.quillhq.Lectern": "hunter2"})", R"({"com.quillhq.Lectern": {"a": 42, "b": "hunter2"}})"};
+  const std::string damaged[] = {"not json", R"({"com.quillhq.Lectern": {"a": "hunter2")",  // cut short
+                                 R"(["hunter2"])", R"({"com.quillhq.Lectern": "hunter2"})",
+                                 R"({"com.quillhq.Lectern": {"a": 42, "b": "hunter2"}})"};
   for (const auto& contents : damaged) {
     test::writeFile(file_, contents);
     const auto read = store_.password(kPasswordServiceName, "a");
@@ -193,9 +197,9 @@ TEST_F(FileSecretStoreTest, FailedWriteKeepsTheOldFileAndKeepsTheSecretOutOfTheE
 
 // A private D-Bus daemon for one test.
 enum class BusKind {
-  kMute,                // takes connections but never answers a call (its policy lets nothing back)
-  kPlain,               // a working bus without a Secret Service
-  kWithSecretService,   // offers a Secret Service, which fails to start when asked for
+  kMute,               // takes connections but never answers a call (its policy lets nothing back)
+  kPlain,              // a working bus without a Secret Service
+  kWithSecretService,  // offers a Secret Service, which fails to start when asked for
 };
 
 class PrivateBus {
@@ -207,11 +211,12 @@ class PrivateBus {
       test::writeFile(services / "org.freedesktop.secrets.service",
                       "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/bin/false\n");
     }
-    const std::string policy = kind == BusKind::kMute
-                                   ? "<allow send_destination=\"*\"/>"
-                                   : "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>";
-    test::writeFile(dir / "bus.conf", "<busconfig><type>session</type><listen>unix:dir=" + dir.path().string() +
-                                          "</listen><servicedir>" + services.string() +
+    const std::string policy =
+        kind == BusKind::kMute
+            ? "<allow send_destination=\"*\"/>"
+            : "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>";
+    test::writeFile(dir / "bus.conf", "<busconfig><type>session</type><listen>unix:dir=" +
+                                          dir.path().string() + "</listen><servicedir>" + services.string() +
                                           "</servicedir><policy context=\"default\">" + policy +
                                           "<allow own=\"*\"/></policy></busconfig>");
     const std::string command = "dbus-daemon --config-file=" + (dir / "bus.conf").string() +
@@ -267,12 +272,14 @@ TEST(SecretStoreSelection, LiveBusIsAskedForTheSecretService) {
   PrivateBus mute(muteDir, BusKind::kMute);
   PrivateBus plain(plainDir, BusKind::kPlain);
   PrivateBus offering(offeringDir, BusKind::kWithSecretService);
-  if (!mute.running() || !plain.running() || !offering.running()) GTEST_SKIP() << "no dbus-daemon for a private bus";
+  if (!mute.running() || !plain.running() || !offering.running())
+    GTEST_SKIP() << "no dbus-daemon for a private bus";
 
   // A bus that never answers must cost the probe's time limit, not D-Bus's 25 seconds; the
   // test's own time limit would catch a wait on each of these.
   EXPECT_FALSE(secretServiceAnswers(mute.address()));
-  for (int i = 0; i < 20; ++i) EXPECT_FALSE(secretServiceAnswers(mute.address(), std::chrono::milliseconds(50)));
+  for (int i = 0; i < 20; ++i)
+    EXPECT_FALSE(secretServiceAnswers(mute.address(), std::chrono::milliseconds(50)));
   EXPECT_FALSE(secretServiceAnswers(plain.address()));
   EXPECT_EQ(makeDefaultSecretStore(plainDir / "secrets.json", plain.address())->backendName(), "file");
   EXPECT_EQ(secretServiceAnswers(offering.address()), secretServiceSupported());
