@@ -220,8 +220,9 @@ class LibsecretSecretStore final : public SecretStore {
     GError* error = nullptr;
     gchar* found = secret_password_lookup_sync(&lecternSchema(), nullptr, &error, "service", s.c_str(),
                                                "account", a.c_str(), nullptr);
-    if (error != nullptr)
+    if (error != nullptr) {
       return std::unexpected(serviceError("Cannot read the password of ", account, error));
+    }
     if (found == nullptr) return std::nullopt;
     std::string value(found);
     secret_password_free(found);  // wipes the memory
@@ -236,8 +237,9 @@ class LibsecretSecretStore final : public SecretStore {
     GError* error = nullptr;
     secret_password_store_sync(&lecternSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(), p.c_str(), nullptr,
                                &error, "service", s.c_str(), "account", a.c_str(), nullptr);
-    if (error != nullptr)
+    if (error != nullptr) {
       return std::unexpected(serviceError("Cannot store the password of ", account, error));
+    }
     return {};
   }
 
@@ -247,8 +249,9 @@ class LibsecretSecretStore final : public SecretStore {
     // False without an error means there was nothing to delete.
     secret_password_clear_sync(&lecternSchema(), nullptr, &error, "service", s.c_str(), "account", a.c_str(),
                                nullptr);
-    if (error != nullptr)
+    if (error != nullptr) {
       return std::unexpected(serviceError("Cannot delete the password of ", account, error));
+    }
     return {};
   }
 

@@ -272,8 +272,9 @@ TEST(SecretStoreSelection, LiveBusIsAskedForTheSecretService) {
   PrivateBus mute(muteDir, BusKind::kMute);
   PrivateBus plain(plainDir, BusKind::kPlain);
   PrivateBus offering(offeringDir, BusKind::kWithSecretService);
-  if (!mute.running() || !plain.running() || !offering.running())
+  if (!mute.running() || !plain.running() || !offering.running()) {
     GTEST_SKIP() << "no dbus-daemon for a private bus";
+  }
 
   // A bus that never answers must cost the probe's time limit, not D-Bus's 25 seconds; the
   // test's own time limit would catch a wait on each of these.
