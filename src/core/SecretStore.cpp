@@ -354,12 +354,12 @@ std::unique_ptr<SecretStore> makeDefaultSecretStore(const std::filesystem::path&
 
 std::unique_ptr<SecretStore> makeDefaultSecretStore(const std::filesystem::path& fallbackFile,
                                                     std::string_view sessionBusAddress) {
-#ifdef LECTERN_HAVE_LIBSECRET
   if (secretServiceAnswers(sessionBusAddress)) {
+#ifdef LECTERN_HAVE_LIBSECRET
     logInfo(kLogCategory, "Passwords are kept by the Secret Service");
     return std::make_unique<LibsecretSecretStore>();
-  }
 #endif
+  }
   logInfo(kLogCategory, "No Secret Service answers; passwords are kept in {}", fallbackFile.string());
   return std::make_unique<FileSecretStore>(fallbackFile);
 }
