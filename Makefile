@@ -10,7 +10,7 @@ DEB_PACKAGES := build-essential cmake ccache pkg-config \
   nlohmann-json3-dev libcli11-dev libfmt-dev libsecret-1-dev \
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev python3
 # Only the benchmarks compare against these.
-BENCH_PACKAGES := newsboat python3-readability nodejs npm valgrind
+BENCH_PACKAGES := newsboat python3-readability nodejs npm valgrind time
 
 MAKEFLAGS += --no-print-directory
 export CCACHE_DIR ?= $(HOME)/.cache/ccache
