@@ -5,4 +5,5 @@ set(LECTERN_APP_SOURCES
 set(LECTERN_CLI_SOURCES
   src/app/cli/main.cpp
   src/app/cli/Cli.cpp
+  src/app/cli/FeedCommands.cpp
 )

@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
       "Exit codes: 0 success, 1 failure, 2 usage error.");
 
   // Command modules register here.
+  addFeedCommands(app, context);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,150 @@
+#include "feeds/FeedStrings.h"
+
+#include <cctype>
+#include <charconv>
+#include <cfloat>
+#include <climits>
+
+namespace lectern {
+namespace {
+
+bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
+
+// The code point of the UTF-8 sequence that starts at `i`, with its length; {0, 1} for a stray byte.
+std::pair<char32_t, std::size_t> decodeAt(std::string_view s, std::size_t i) {
+  const auto b = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char c = b(i);
+  if (c < 0x80) return {c, 1};
+  std::size_t n = (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+  if (n == 0 || i + n > s.size()) return {0, 1};
+  char32_t cp = c & (0x7F >> n);
+  for (std::size_t k = 1; k < n; ++k) {
+    if ((b(i + k) & 0xC0) != 0x80) return {0, 1};
+    cp = (cp << 6) | (b(i + k) & 0x3F);
+  }
+  return {cp, n};
+}
+
+// ICU's \s: [\t\n\f\r\p{Z}].
+bool isPatternSpace(char32_t c) {
+  switch (c) {
+    case '\t': case '\n': case '\f': case '\r': case ' ':
+    case 0x00A0: case 0x1680: case 0x2028: case 0x2029: case 0x202F: case 0x205F: case 0x3000:
+      return true;
+    default:
+      return c >= 0x2000 && c <= 0x200A;
+  }
+}
+
+// The start of the UTF-8 sequence that ends just before `end`.
+std::size_t previousStart(std::string_view s, std::size_t end) {
+  std::size_t i = end - 1;
+  while (i > 0 && end - i < 4 && (static_cast<unsigned char>(s[i]) & 0xC0) == 0x80) --i;
+  return i;
+}
+
+// Trailing white space ending at `end`: the offset where it starts.
+std::size_t trailingSpaceStart(std::string_view s, std::size_t begin, std::size_t end) {
+  while (end > begin) {
+    const std::size_t start = previousStart(s, end);
+    const auto [cp, n] = decodeAt(s, start);
+    if (start + n != end || !isPatternSpace(cp)) break;
+    end = start;
+  }
+  return end;
+}
+
+// The digits of a number at the start of `text` after white space: [+-]digits[.digits][e[+-]digits].
+std::string_view numberPrefix(std::string_view text, bool allowFraction) {
+  std::size_t i = 0;
+  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+  const std::size_t start = i;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+  std::size_t digits = 0;
+  while (i < text.size() && isAsciiDigit(text[i])) ++i, ++digits;
+  if (allowFraction) {
+    if (i < text.size() && text[i] == '.') {
+      ++i;
+      while (i < text.size() && isAsciiDigit(text[i])) ++i, ++digits;
+    }
+    if (digits > 0 && i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+      std::size_t j = i + 1;
+      if (j < text.size() && (text[j] == '+' || text[j] == '-')) ++j;
+      if (j < text.size() && isAsciiDigit(text[j])) {
+        while (j < text.size() && isAsciiDigit(text[j])) ++j;
+        i = j;
+      }
+    }
+  }
+  return digits == 0 ? std::string_view() : text.substr(start, i - start);
+}
+
+}  // namespace
+
+std::string_view trimWhitespaces(std::string_view text) {
+  std::size_t begin = 0;
+  while (begin < text.size()) {
+    const auto [cp, n] = decodeAt(text, begin);
+    if (!isPatternSpace(cp)) break;
+    begin += n;
+  }
+  const std::size_t end = trailingSpaceStart(text, begin, text.size());
+  return text.substr(begin, end - begin);
+}
+
+std::int32_t intValue(std::string_view text) {
+  std::string_view digits = numberPrefix(text, false);
+  if (digits.empty()) return 0;
+  const bool negative = digits.front() == '-';
+  if (digits.front() == '+' || digits.front() == '-') digits.remove_prefix(1);
+  long long value = 0;
+  for (char c : digits) {
+    value = value * 10 + (c - '0');
+    if (value > static_cast<long long>(INT_MAX) + 1) break;
+  }
+  if (negative) return value > static_cast<long long>(INT_MAX) ? INT_MIN : static_cast<std::int32_t>(-value);
+  return value > INT_MAX ? INT_MAX : static_cast<std::int32_t>(value);
+}
+
+float floatValue(std::string_view text) {
+  std::string_view number = numberPrefix(text, true);
+  if (number.empty()) return 0;
+  const bool negative = number.front() == '-';
+  if (number.front() == '+' || number.front() == '-') number.remove_prefix(1);
+  double parsed = 0;
+  if (std::from_chars(number.data(), number.data() + number.size(), parsed).ec == std::errc::result_out_of_range) {
+    const bool tiny = number.find("e-") != std::string_view::npos || number.find("E-") != std::string_view::npos;
+    parsed = tiny ? 0 : DBL_MAX;
+  }
+  const float value = parsed > FLT_MAX ? FLT_MAX : static_cast<float>(parsed);
+  return negative ? -value : value;
+}
+
+std::string urlOrigin(std::string_view url) {
+  std::size_t i = 0;
+  if (url.empty() || !std::isalpha(static_cast<unsigned char>(url[0]))) return {};
+  while (i < url.size() && (std::isalnum(static_cast<unsigned char>(url[i])) || url[i] == '+' || url[i] == '-' ||
+                            url[i] == '.')) {
+    ++i;
+  }
+  if (url.substr(i, 3) != "://") return {};
+  const std::string_view scheme = url.substr(0, i);
+  std::string_view authority = url.substr(i + 3);
+  authority = authority.substr(0, authority.find_first_of("/?#"));
+  if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
+  std::string_view host;
+  if (!authority.empty() && authority.front() == '[') {
+    const std::size_t close = authority.find(']');
+    if (close == std::string_view::npos) return {};
+    host = authority.substr(0, close + 1);
+  } else {
+    host = authority.substr(0, authority.find(':'));
+  }
+  if (host.empty()) return {};
+  std::string origin;
+  origin.reserve(scheme.size() + 3 + host.size());
+  origin.append(scheme).append("://").append(host);
+  return origin;
+}
+
+}  // namespace lectern

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace lectern {
+
+// Small text readers shared by the feed parsers. Pure functions.
+
+// Leading and trailing white space removed, white space being the ICU class \s (tab, line feed,
+// form feed, carriage return and every Unicode separator, U+00A0 and U+3000 among them): what
+// removing "^\s*" and "\s*$" does, except that white space before a final U+0085 stays too.
+std::string_view trimWhitespaces(std::string_view text);
+
+// The number at the start of the text, after white space; 0 when there is none. Integers clamp
+// to the 32-bit range; a float too large for its type becomes the largest finite one.
+std::int32_t intValue(std::string_view text);
+float floatValue(std::string_view text);
+
+// "scheme://host" of an absolute URL, without user, password or port (an IPv6 host keeps its
+// brackets); "" when the URL has no scheme or no host.
+std::string urlOrigin(std::string_view url);
+
+}  // namespace lectern
