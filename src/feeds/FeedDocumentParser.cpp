@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "core/Dates.h"
-#include "core/Regex.h"
 #include "core/Strings.h"
 #include "feeds/FeedStrings.h"
 #include "feeds/XMLReader.h"
@@ -165,7 +164,7 @@ void parseRSS(const XmlNode& root, std::string_view rootName, RSSFeed& feed, Dat
     entry.date = entryDate(node, {"pubDate.textNode", "dc:date.textNode", "published.textNode"},
                            DateFormatHint::kRFC822, now);
     entry.attachedMedia = enclosureOf(node);
-    entry.content = FeedDocumentParser::fixRelativeLinksInImageTags(content, *entry.url);
+    entry.content = FeedDocumentParser::fixRelativeLinksInImageTags(std::move(content), *entry.url);
   }
 }
 
@@ -232,23 +231,20 @@ std::string FeedDocumentParser::lastElementOfKeyPath(std::string_view keyPath) {
   return std::string(dot == std::string_view::npos ? keyPath : keyPath.substr(dot + 1));
 }
 
-std::string FeedDocumentParser::fixRelativeLinksInImageTags(std::string_view html, std::string_view entryUrl) {
-  // The pattern needs "<img"; most entries have none, and the search is cheaper than the pattern.
-  if (html.find("<img") == std::string_view::npos) return std::string(html);
+std::string FeedDocumentParser::fixRelativeLinksInImageTags(std::string html, std::string_view entryUrl) {
+  const std::vector<std::string_view> found = rootRelativeImageSources(html);
+  if (found.empty()) return html;
   const std::string origin = urlOrigin(entryUrl);
-  if (origin.empty()) return std::string(html);
-  static const Regex imageSource = Regex::compileOrThrow(R"(<img[^>]*src=["'](/[^"']*)["'][^>]*/?>)");
+  if (origin.empty()) return html;
   std::vector<std::string> paths;
-  for (const auto& match : imageSource.allMatches(html)) {
-    std::string path = match.group(1);
-    // "//host/x.png" names another host, not a path on this one. A path already repaired would
-    // get the origin twice.
-    if (path.empty() || path.starts_with("//") || std::find(paths.begin(), paths.end(), path) != paths.end()) continue;
-    paths.push_back(std::move(path));
+  for (const auto path : found) {
+    // "//host/x.png" names another host, not a path on this one; and a path already repaired
+    // would get the origin twice.
+    if (path.starts_with("//") || std::find(paths.begin(), paths.end(), path) != paths.end()) continue;
+    paths.emplace_back(path);
   }
-  std::string result(html);
-  for (const auto& path : paths) result = replaceAll(result, path, origin + path);
-  return result;
+  for (const auto& path : paths) html = replaceAll(html, path, origin + path);
+  return html;
 }
 
 }  // namespace lectern

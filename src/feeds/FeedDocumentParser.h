@@ -41,7 +41,7 @@ class FeedDocumentParser {
   // Every root-relative path that some <img src="/..."> names is prefixed, wherever it occurs in
   // the HTML, with "scheme://host" of the entry's URL (no port, no user). HTML without such an
   // image, or an entry URL without scheme or host, is returned unchanged.
-  static std::string fixRelativeLinksInImageTags(std::string_view html, std::string_view entryUrl);
+  static std::string fixRelativeLinksInImageTags(std::string html, std::string_view entryUrl);
 };
 
 }  // namespace lectern

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cfloat>
 #include <climits>
+#include <algorithm>
 
 namespace lectern {
 namespace {
@@ -145,6 +146,36 @@ std::string urlOrigin(std::string_view url) {
   origin.reserve(scheme.size() + 3 + host.size());
   origin.append(scheme).append("://").append(host);
   return origin;
+}
+
+std::vector<std::string_view> rootRelativeImageSources(std::string_view html) {
+  constexpr std::string_view kOpen = "<img", kSource = "src=";
+  std::vector<std::string_view> sources;
+  std::size_t from = 0;
+  for (std::size_t tag; (tag = html.find(kOpen, from)) != std::string_view::npos;) {
+    const std::size_t attributes = tag + kOpen.size();
+    // [^>]* stops at the tag's first '>' and, being greedy, backs off from there: the last
+    // "src=" that lets the rest of the pattern match is the one taken.
+    std::size_t searchEnd = std::min(html.find('>', attributes), html.size());
+    std::size_t matchEnd = std::string_view::npos;
+    while (searchEnd >= attributes + kSource.size()) {
+      const std::size_t source = html.rfind(kSource, searchEnd - kSource.size());
+      if (source == std::string_view::npos || source < attributes) break;
+      const std::size_t quote = source + kSource.size();
+      if (quote + 1 < html.size() && (html[quote] == '"' || html[quote] == '\'') && html[quote + 1] == '/') {
+        const std::size_t closing = html.find_first_of("\"'", quote + 1);
+        const std::size_t end = closing == std::string_view::npos ? closing : html.find('>', closing + 1);
+        if (end != std::string_view::npos) {
+          sources.push_back(html.substr(quote + 1, closing - quote - 1));
+          matchEnd = end + 1;
+          break;
+        }
+      }
+      searchEnd = source;
+    }
+    from = matchEnd != std::string_view::npos ? matchEnd : tag + 1;
+  }
+  return sources;
 }
 
 }  // namespace lectern

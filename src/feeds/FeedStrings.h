@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace lectern {
 
@@ -21,5 +22,10 @@ float floatValue(std::string_view text);
 // "scheme://host" of an absolute URL, without user, password or port (an IPv6 host keeps its
 // brackets); "" when the URL has no scheme or no host.
 std::string urlOrigin(std::string_view url);
+
+// The captures of the pattern <img[^>]*src=["'](/[^"']*)["'][^>]*/?> over `html`, leftmost
+// match first: the root-relative sources of its image tags. Matched by hand, because the pattern
+// engine would step through every character of every entry.
+std::vector<std::string_view> rootRelativeImageSources(std::string_view html);
 
 }  // namespace lectern

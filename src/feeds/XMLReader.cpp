@@ -216,21 +216,25 @@ void appendUTF8(std::string& out, char32_t cp) {
 // Bytes as UTF-8 text: UTF-8 sequences kept, every other byte taken as a Windows-1252
 // character, and the control characters XML forbids dropped.
 std::string asUTF8(std::string_view bytes) {
+  const auto plain = [](unsigned char c) { return c >= 0x20 && c < 0x80; };
   std::string out;
   out.reserve(bytes.size() + bytes.size() / 8);
   for (std::size_t i = 0; i < bytes.size();) {
+    std::size_t run = i;
+    while (run < bytes.size() && plain(static_cast<unsigned char>(bytes[run]))) ++run;
+    out.append(bytes.substr(i, run - i));
+    if ((i = run) == bytes.size()) break;
     const auto c = static_cast<unsigned char>(bytes[i]);
-    if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') {
+    if (c < 0x20) {
+      if (c == '\t' || c == '\n' || c == '\r') out += static_cast<char>(c);
       ++i;
-      continue;
-    }
-    if (const std::size_t n = utf8Length(bytes, i)) {
+    } else if (const std::size_t n = utf8Length(bytes, i)) {
       out.append(bytes.substr(i, n));
       i += n;
-      continue;
+    } else {
+      appendUTF8(out, c < 0xA0 ? kWindows1252High[c - 0x80] : c);
+      ++i;
     }
-    appendUTF8(out, c < 0xA0 ? kWindows1252High[c - 0x80] : c);
-    ++i;
   }
   return out;
 }
@@ -274,23 +278,23 @@ std::string repairedText(std::string_view bytes) {
   out.reserve(rest.size() + 64);
   std::size_t i = 0;
   while (i < rest.size()) {
-    bool verbatim = false;
+    const std::size_t special = std::min(rest.find_first_of("<&", i), rest.size());
+    out.append(rest.substr(i, special - i));
+    if ((i = special) == rest.size()) break;
+    if (rest[i] == '&') {
+      out += startsReference(rest, i) ? "&" : "&amp;";
+      ++i;
+      continue;
+    }
+    std::size_t stop = i + 1;
     for (const auto& [open, close] : {std::pair<std::string_view, std::string_view>{"<![CDATA[", "]]>"}, {"<!--", "-->"}}) {
       if (!rest.substr(i).starts_with(open)) continue;
       const std::size_t end = rest.find(close, i + open.size());
-      const std::size_t stop = end == std::string_view::npos ? rest.size() : end + close.size();
-      out.append(rest.substr(i, stop - i));
-      i = stop;
-      verbatim = true;
+      stop = end == std::string_view::npos ? rest.size() : end + close.size();
       break;
     }
-    if (verbatim) continue;
-    if (rest[i] == '&' && !startsReference(rest, i)) {
-      out += "&amp;";
-    } else {
-      out += rest[i];
-    }
-    ++i;
+    out.append(rest.substr(i, stop - i));
+    i = stop;
   }
   return out;
 }

@@ -44,11 +44,15 @@ Error errorFromLibxml(const xmlError& error) {
   return result;
 }
 
-// Where the bytes come from: memory or a file, read in chunks as libxml2 asks for them.
+// Where the bytes come from, read in chunks as libxml2 asks for them: the parser then holds only
+// the part it is working on, never a second copy of the whole document.
 class ByteSource {
  public:
   virtual ~ByteSource() = default;
   virtual int read(char* buffer, int length) = 0;  // bytes read, 0 at the end, -1 on failure
+
+  static int read(void* source, char* buffer, int length) { return static_cast<ByteSource*>(source)->read(buffer, length); }
+  static int close(void*) { return 0; }
 };
 
 class MemorySource final : public ByteSource {
@@ -70,6 +74,8 @@ class FileSource final : public ByteSource {
  public:
   explicit FileSource(std::FILE* file) : file_(file) {}
   ~FileSource() override { std::fclose(file_); }
+  FileSource(const FileSource&) = delete;
+  FileSource& operator=(const FileSource&) = delete;
   int read(char* buffer, int length) override {
     const std::size_t n = std::fread(buffer, 1, static_cast<std::size_t>(length), file_);
     return n == 0 && std::ferror(file_) ? -1 : static_cast<int>(n);
@@ -264,9 +270,6 @@ void onStructuredError(void* context, xmlErrorPtr error) {
 // Errors libxml2 raises without a parser context (encoding conversion) would go to stderr.
 void onStrayError(void*, xmlErrorPtr) {}
 
-int readSource(void* source, char* buffer, int length) { return static_cast<ByteSource*>(source)->read(buffer, length); }
-int closeSource(void*) { return 0; }
-
 const xmlSAXHandler& saxHandler() {
   static const xmlSAXHandler handler = [] {
     xmlSAXHandler h;
@@ -313,7 +316,7 @@ Result<void> run(ByteSource& source, std::size_t documentBytes, XmlSaxHandler& h
 
   xmlSAXHandler sax = saxHandler();
   const bool forceUTF8 = encoding == XmlInputEncoding::kUTF8;
-  xmlParserCtxtPtr context = xmlCreateIOParserCtxt(&sax, nullptr, readSource, closeSource, &source,
+  xmlParserCtxtPtr context = xmlCreateIOParserCtxt(&sax, nullptr, ByteSource::read, ByteSource::close, &source,
                                                    forceUTF8 ? XML_CHAR_ENCODING_UTF8 : XML_CHAR_ENCODING_NONE);
   if (!context) {
     xmlSetStructuredErrorFunc(savedContext, savedHandler);

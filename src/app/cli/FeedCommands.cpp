@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include <fmt/format.h>
@@ -77,6 +78,8 @@ Result<std::string> readDocument(const std::string& path) {
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (!file) return fail(kLecternErrorDomain, errno, "Couldn't read " + path, std::strerror(errno));
   std::string bytes;
+  std::error_code ec;
+  if (const auto size = std::filesystem::file_size(path, ec); !ec) bytes.reserve(static_cast<std::size_t>(size));
   char buffer[64 * 1024];
   std::size_t n = 0;
   while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) bytes.append(buffer, n);

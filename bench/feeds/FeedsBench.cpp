@@ -1,0 +1,181 @@
+// Parse throughput of the feed parsers over the shared real-world corpus and a generated set,
+// with libxml2's bare SAX parse of the same bytes as the floor.
+#include <benchmark/benchmark.h>
+#include <libxml/parser.h>
+#include <libxml/parserInternals.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "core/Log.h"
+#include "feeds/FeedDocumentParser.h"
+#include "feeds/RSSParser.h"
+#include "feeds/XMLReader.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace lectern;
+
+struct FeedSet {
+  std::vector<std::string> documents;
+  std::size_t bytes = 0;
+};
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  return buffer.str();
+}
+
+FeedSet loadFolder(const fs::path& folder) {
+  FeedSet set;
+  std::vector<fs::path> files;
+  for (const auto& item : fs::directory_iterator(folder)) {
+    const auto ext = item.path().extension();
+    if (item.is_regular_file() && ext != ".tsv" && ext != ".txt") files.push_back(item.path());
+  }
+  std::sort(files.begin(), files.end());
+  for (const auto& file : files) {
+    set.documents.push_back(readFile(file));
+    set.bytes += set.documents.back().size();
+  }
+  return set;
+}
+
+// The generated set is made once per run in a temporary folder, and removed at exit; or read from
+// the folder LECTERN_FEEDS_BENCH_GENERATED names (made by gen-feeds.py beforehand), when set.
+struct GeneratedFeeds {
+  fs::path folder;
+  FeedSet set;
+  GeneratedFeeds() {
+    if (const char* given = std::getenv("LECTERN_FEEDS_BENCH_GENERATED")) {
+      set = loadFolder(given);
+      return;
+    }
+    char pattern[] = "/tmp/lectern-feeds-bench-XXXXXX";
+    if (!mkdtemp(pattern)) return;
+    folder = pattern;
+    const std::string command = std::string("python3 '") + LECTERN_CORPUS_DIR + "/gen-feeds.py' -n 60 -m 50 -o '" +
+                                folder.string() + "' > /dev/null";
+    if (std::system(command.c_str()) == 0) set = loadFolder(folder);
+  }
+  ~GeneratedFeeds() {
+    std::error_code ec;
+    if (!folder.empty()) fs::remove_all(folder, ec);
+  }
+};
+
+const FeedSet& corpus() {
+  static const FeedSet set = loadFolder(fs::path(LECTERN_CORPUS_DIR) / "feeds");
+  return set;
+}
+
+const FeedSet& generated() {
+  static const GeneratedFeeds feeds;
+  return feeds.set;
+}
+
+const FeedSet& setFor(const benchmark::State& state) { return state.range(0) == 0 ? corpus() : generated(); }
+
+void noElementStart(void*, const xmlChar*, const xmlChar*, const xmlChar*, int, const xmlChar**, int, int,
+                    const xmlChar**) {}
+void noElementEnd(void*, const xmlChar*, const xmlChar*, const xmlChar*) {}
+void noCharacters(void*, const xmlChar*, int) {}
+void noError(void*, xmlErrorPtr) {}
+
+// libxml2 alone: SAX2 with callbacks that do nothing, straight from memory.
+void BM_BareSax(benchmark::State& state) {
+  const FeedSet& set = setFor(state);
+  xmlSAXHandler handler;
+  std::memset(&handler, 0, sizeof handler);
+  xmlSAXVersion(&handler, 2);
+  handler.startElementNs = noElementStart;
+  handler.endElementNs = noElementEnd;
+  handler.characters = noCharacters;
+  handler.ignorableWhitespace = noCharacters;
+  handler.cdataBlock = noCharacters;
+  handler.comment = nullptr;
+  handler.serror = noError;
+  for (auto _ : state) {
+    for (const auto& document : set.documents) {
+      xmlParserCtxtPtr context = xmlCreateMemoryParserCtxt(document.data(), static_cast<int>(document.size()));
+      std::memcpy(context->sax, &handler, sizeof handler);
+      xmlCtxtUseOptions(context, XML_PARSE_NONET);
+      xmlParseDocument(context);
+      benchmark::DoNotOptimize(context->wellFormed);
+      if (context->myDoc) xmlFreeDoc(context->myDoc);
+      xmlFreeParserCtxt(context);
+    }
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * set.bytes));
+}
+
+// The dictionary tree alone.
+void BM_XMLReader(benchmark::State& state) {
+  const FeedSet& set = setFor(state);
+  for (auto _ : state) {
+    for (const auto& document : set.documents) {
+      auto tree = XMLReader::dictionaryForXMLData(document);
+      benchmark::DoNotOptimize(tree);
+    }
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * set.bytes));
+}
+
+// What a feed refresh does: the tree, then the feed.
+void BM_DictionaryPath(benchmark::State& state) {
+  const FeedSet& set = setFor(state);
+  const Date now = std::chrono::system_clock::now();
+  for (auto _ : state) {
+    for (const auto& document : set.documents) {
+      auto feed = FeedDocumentParser::parseFeedData(document, now);
+      benchmark::DoNotOptimize(feed);
+    }
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * set.bytes));
+}
+
+void BM_RSSParser(benchmark::State& state) {
+  const FeedSet& set = setFor(state);
+  std::vector<RSSParser> parsers;
+  for (const auto& document : set.documents) parsers.push_back(RSSParser::withData(document));
+  for (auto _ : state) {
+    for (auto& parser : parsers) {
+      auto feed = parser.fetch();
+      benchmark::DoNotOptimize(feed);
+    }
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * set.bytes));
+}
+
+void sets(benchmark::internal::Benchmark* b) {
+  b->ArgName("generated")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+}
+
+BENCHMARK(BM_BareSax)->Apply(sets);
+BENCHMARK(BM_XMLReader)->Apply(sets);
+BENCHMARK(BM_DictionaryPath)->Apply(sets);
+BENCHMARK(BM_RSSParser)->Apply(sets);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Unreadable dates in the corpus would otherwise cost a log line each.
+  lectern::Log::setDebugEnabled(false);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  std::fprintf(stderr, "corpus: %zu documents, %.1f MB; generated: %zu documents, %.1f MB\n",
+               corpus().documents.size(), corpus().bytes / 1e6, generated().documents.size(),
+               generated().bytes / 1e6);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
