@@ -63,8 +63,8 @@ struct GeneratedFeeds {
     char pattern[] = "/tmp/lectern-feeds-bench-XXXXXX";
     if (!mkdtemp(pattern)) return;
     folder = pattern;
-    const std::string command = std::string("python3 '") + LECTERN_CORPUS_DIR + "/gen-feeds.py' -n 60 -m 50 -o '" +
-                                folder.string() + "' > /dev/null";
+    const std::string command = std::string("python3 '") + LECTERN_CORPUS_DIR +
+                                "/gen-feeds.py' -n 60 -m 50 -o '" + folder.string() + "' > /dev/null";
     if (std::system(command.c_str()) == 0) set = loadFolder(folder);
   }
   ~GeneratedFeeds() {
@@ -106,7 +106,8 @@ void BM_BareSax(benchmark::State& state) {
   handler.serror = noError;
   for (auto _ : state) {
     for (const auto& document : set.documents) {
-      xmlParserCtxtPtr context = xmlCreateMemoryParserCtxt(document.data(), static_cast<int>(document.size()));
+      xmlParserCtxtPtr context =
+          xmlCreateMemoryParserCtxt(document.data(), static_cast<int>(document.size()));
       std::memcpy(context->sax, &handler, sizeof handler);
       xmlCtxtUseOptions(context, XML_PARSE_NONET);
       xmlParseDocument(context);

@@ -69,7 +69,8 @@ std::vector<XmlNode> dictionariesUnder(const XmlValue* value) {
   return result;
 }
 
-std::string lookup(const XmlNode& node, std::string_view keyPath, WhitespaceTrim trim = WhitespaceTrim::kTrim) {
+std::string lookup(const XmlNode& node, std::string_view keyPath,
+                   WhitespaceTrim trim = WhitespaceTrim::kTrim) {
   return std::string(FeedDocumentParser::valueForKeyPath(node, keyPath, trim));
 }
 
@@ -82,7 +83,8 @@ std::string firstNonEmpty(const XmlNode& node, std::initializer_list<std::string
   return {};
 }
 
-Date entryDate(const XmlNode& node, std::initializer_list<std::string_view> keyPaths, DateFormatHint hint, Date now) {
+Date entryDate(const XmlNode& node, std::initializer_list<std::string_view> keyPaths, DateFormatHint hint,
+               Date now) {
   return dateFromInternetDateTimeString(firstNonEmpty(node, keyPaths), hint).value_or(now);
 }
 
@@ -143,7 +145,8 @@ void parseRSS(const XmlNode& root, std::string_view rootName, RSSFeed& feed, Dat
   feed.generator = lookup(channel, "generator.textNode");
   feed.iconUrl = lookup(channel, "image.url.textNode");
   feed.validTime = floatValue(lookup(channel, "ttl.textNode"));
-  if (const std::string date = firstNonEmpty(channel, {"lastBuildDate.textNode", "dc:date.textNode"}); !date.empty()) {
+  if (const std::string date = firstNonEmpty(channel, {"lastBuildDate.textNode", "dc:date.textNode"});
+      !date.empty()) {
     feed.date = dateFromInternetDateTimeString(date, DateFormatHint::kRFC822);
   }
 

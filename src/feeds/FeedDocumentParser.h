@@ -32,7 +32,8 @@ class FeedDocumentParser {
   // gives the value of the whole path; a list (a repeated element) gives the first member's value,
   // unless a later member has rel="self", when the last such member's value wins; a string
   // member ends the walk as the result. Anything but a string gives "". A view into the tree.
-  static std::string_view valueForKeyPath(const XmlNode& dictionary, std::string_view keyPath, WhitespaceTrim trim);
+  static std::string_view valueForKeyPath(const XmlNode& dictionary, std::string_view keyPath,
+                                          WhitespaceTrim trim);
 
   // "author.name.textNode" -> "author.name" and "textNode"; a path without a dot has parent "".
   static std::string removeLastPathComponentFromKeyPath(std::string_view keyPath);

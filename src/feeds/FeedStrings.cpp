@@ -1,10 +1,10 @@
 #include "feeds/FeedStrings.h"
 
-#include <cctype>
-#include <charconv>
-#include <cfloat>
-#include <climits>
 #include <algorithm>
+#include <cctype>
+#include <cfloat>
+#include <charconv>
+#include <climits>
 
 namespace lectern {
 namespace {
@@ -26,11 +26,23 @@ std::pair<char32_t, std::size_t> decodeAt(std::string_view s, std::size_t i) {
   return {cp, n};
 }
 
-// ICU's \s: [\t\n\f\r\p{Z}].
+// ICU's \s: the Unicode White_Space property.
 bool isPatternSpace(char32_t c) {
   switch (c) {
-    case '\t': case '\n': case '\f': case '\r': case ' ':
-    case 0x00A0: case 0x1680: case 0x2028: case 0x2029: case 0x202F: case 0x205F: case 0x3000:
+    case 0x09:
+    case 0x0A:
+    case 0x0B:
+    case 0x0C:
+    case 0x0D:
+    case 0x20:
+    case 0x85:
+    case 0xA0:
+    case 0x1680:
+    case 0x2028:
+    case 0x2029:
+    case 0x202F:
+    case 0x205F:
+    case 0x3000:
       return true;
     default:
       return c >= 0x2000 && c <= 0x200A;
@@ -113,8 +125,10 @@ float floatValue(std::string_view text) {
   const bool negative = number.front() == '-';
   if (number.front() == '+' || number.front() == '-') number.remove_prefix(1);
   double parsed = 0;
-  if (std::from_chars(number.data(), number.data() + number.size(), parsed).ec == std::errc::result_out_of_range) {
-    const bool tiny = number.find("e-") != std::string_view::npos || number.find("E-") != std::string_view::npos;
+  if (std::from_chars(number.data(), number.data() + number.size(), parsed).ec ==
+      std::errc::result_out_of_range) {
+    const bool tiny =
+        number.find("e-") != std::string_view::npos || number.find("E-") != std::string_view::npos;
     parsed = tiny ? 0 : DBL_MAX;
   }
   const float value = parsed > FLT_MAX ? FLT_MAX : static_cast<float>(parsed);
@@ -124,15 +138,16 @@ float floatValue(std::string_view text) {
 std::string urlOrigin(std::string_view url) {
   std::size_t i = 0;
   if (url.empty() || !std::isalpha(static_cast<unsigned char>(url[0]))) return {};
-  while (i < url.size() && (std::isalnum(static_cast<unsigned char>(url[i])) || url[i] == '+' || url[i] == '-' ||
-                            url[i] == '.')) {
+  while (i < url.size() && (std::isalnum(static_cast<unsigned char>(url[i])) || url[i] == '+' ||
+                            url[i] == '-' || url[i] == '.')) {
     ++i;
   }
   if (url.substr(i, 3) != "://") return {};
   const std::string_view scheme = url.substr(0, i);
   std::string_view authority = url.substr(i + 3);
   authority = authority.substr(0, authority.find_first_of("/?#"));
-  if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
+  if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos)
+    authority.remove_prefix(at + 1);
   std::string_view host;
   if (!authority.empty() && authority.front() == '[') {
     const std::size_t close = authority.find(']');

@@ -9,9 +9,9 @@ namespace lectern {
 
 // Small text readers shared by the feed parsers. Pure functions.
 
-// Leading and trailing white space removed, white space being the ICU class \s (tab, line feed,
-// form feed, carriage return and every Unicode separator, U+00A0 and U+3000 among them): what
-// removing "^\s*" and "\s*$" does, except that white space before a final U+0085 stays too.
+// Leading and trailing white space removed, white space being what the ICU pattern class \s
+// matches (Unicode White_Space: tab to carriage return, U+0085, U+00A0, U+3000 ...): the same as
+// removing the first match of "^\s*" and then of "\s*$".
 std::string_view trimWhitespaces(std::string_view text);
 
 // The number at the start of the text, after white space; 0 when there is none. Integers clamp

@@ -1,10 +1,10 @@
 #include "feeds/RSSParser.h"
 
+#include <fmt/format.h>
+
 #include <optional>
 #include <unordered_map>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "core/Dates.h"
 #include "feeds/FeedStrings.h"
@@ -13,11 +13,35 @@ namespace lectern {
 namespace {
 
 enum class Action {
-  kFeedTitle, kFeedDescription, kFeedUid, kFeedLink, kFeedLanguage, kFeedCopyright, kFeedCategory,
-  kFeedGenerator, kFeedTtl, kFeedIcon, kFeedCloud, kFeedDateRFC822, kFeedDateRFC3339, kFeedManagingEditor,
-  kFeedAuthorName, kFeedAuthorEmail,
-  kEntryTitle, kEntryLink, kEntrySummary, kEntryCategory, kEntryComments, kEntryAuthor, kEntryContent,
-  kEntryEnclosure, kEntryUid, kEntryDateRFC822, kEntryDateRFC3339, kEntryRights, kEntryEnd,
+  kFeedTitle,
+  kFeedDescription,
+  kFeedUid,
+  kFeedLink,
+  kFeedLanguage,
+  kFeedCopyright,
+  kFeedCategory,
+  kFeedGenerator,
+  kFeedTtl,
+  kFeedIcon,
+  kFeedCloud,
+  kFeedDateRFC822,
+  kFeedDateRFC3339,
+  kFeedManagingEditor,
+  kFeedAuthorName,
+  kFeedAuthorEmail,
+  kEntryTitle,
+  kEntryLink,
+  kEntrySummary,
+  kEntryCategory,
+  kEntryComments,
+  kEntryAuthor,
+  kEntryContent,
+  kEntryEnclosure,
+  kEntryUid,
+  kEntryDateRFC822,
+  kEntryDateRFC3339,
+  kEntryRights,
+  kEntryEnd,
 };
 
 const std::unordered_map<std::string_view, Action>& pathTable() {
@@ -124,16 +148,36 @@ class FeedEventHandler final : public XmlSaxHandler {
   void apply(Action action, const Frame& frame) {
     const std::string& text = frame.text;
     switch (action) {
-      case Action::kFeedTitle: feed_.title = text; return;
-      case Action::kFeedDescription: feed_.descriptionText = text; return;
-      case Action::kFeedUid: feed_.uid = text; return;
-      case Action::kFeedLink: feed_.url = frame.attributeOrText("href"); return;
-      case Action::kFeedLanguage: feed_.language = text; return;
-      case Action::kFeedCopyright: feed_.copyright = text; return;
-      case Action::kFeedCategory: feed_.categories.push_back(frame.attributeOrText("term")); return;
-      case Action::kFeedGenerator: feed_.generator = text; return;
-      case Action::kFeedTtl: feed_.validTime = floatValue(text); return;
-      case Action::kFeedIcon: feed_.iconUrl = text; return;
+      case Action::kFeedTitle:
+        feed_.title = text;
+        return;
+      case Action::kFeedDescription:
+        feed_.descriptionText = text;
+        return;
+      case Action::kFeedUid:
+        feed_.uid = text;
+        return;
+      case Action::kFeedLink:
+        feed_.url = frame.attributeOrText("href");
+        return;
+      case Action::kFeedLanguage:
+        feed_.language = text;
+        return;
+      case Action::kFeedCopyright:
+        feed_.copyright = text;
+        return;
+      case Action::kFeedCategory:
+        feed_.categories.push_back(frame.attributeOrText("term"));
+        return;
+      case Action::kFeedGenerator:
+        feed_.generator = text;
+        return;
+      case Action::kFeedTtl:
+        feed_.validTime = floatValue(text);
+        return;
+      case Action::kFeedIcon:
+        feed_.iconUrl = text;
+        return;
       case Action::kFeedCloud: {
         RSSCloudService cloud;
         cloud.domain = frame.attribute("domain");
@@ -144,9 +188,15 @@ class FeedEventHandler final : public XmlSaxHandler {
         feed_.cloudService = std::move(cloud);
         return;
       }
-      case Action::kFeedDateRFC822: feed_.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC822); return;
-      case Action::kFeedDateRFC3339: feed_.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC3339); return;
-      case Action::kFeedManagingEditor: feed_.author = text; return;
+      case Action::kFeedDateRFC822:
+        feed_.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC822);
+        return;
+      case Action::kFeedDateRFC3339:
+        feed_.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC3339);
+        return;
+      case Action::kFeedManagingEditor:
+        feed_.author = text;
+        return;
       case Action::kFeedAuthorName:
         authorName_ = text;
         feed_.author = combinedAuthor();
@@ -155,18 +205,33 @@ class FeedEventHandler final : public XmlSaxHandler {
         authorEmail_ = text;
         feed_.author = combinedAuthor();
         return;
-      default: break;
+      default:
+        break;
     }
     if (!entry_) return;
     RSSEntry& entry = *entry_;
     switch (action) {
-      case Action::kEntryTitle: entry.title = text; return;
-      case Action::kEntryLink: entry.url = frame.attributeOrText("href"); return;
-      case Action::kEntrySummary: entry.summary = text; return;
-      case Action::kEntryCategory: entry.categories.push_back(frame.attributeOrText("term")); return;
-      case Action::kEntryComments: entry.comments = text; return;
-      case Action::kEntryAuthor: entry.author = text; return;
-      case Action::kEntryContent: entry.content = text; return;
+      case Action::kEntryTitle:
+        entry.title = text;
+        return;
+      case Action::kEntryLink:
+        entry.url = frame.attributeOrText("href");
+        return;
+      case Action::kEntrySummary:
+        entry.summary = text;
+        return;
+      case Action::kEntryCategory:
+        entry.categories.push_back(frame.attributeOrText("term"));
+        return;
+      case Action::kEntryComments:
+        entry.comments = text;
+        return;
+      case Action::kEntryAuthor:
+        entry.author = text;
+        return;
+      case Action::kEntryContent:
+        entry.content = text;
+        return;
       case Action::kEntryEnclosure: {
         RSSAttachedMedia media;
         media.url = frame.attribute("url");
@@ -175,15 +240,24 @@ class FeedEventHandler final : public XmlSaxHandler {
         entry.attachedMedia = std::move(media);
         return;
       }
-      case Action::kEntryUid: entry.uid = text; return;
-      case Action::kEntryDateRFC822: entry.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC822); return;
-      case Action::kEntryDateRFC3339: entry.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC3339); return;
-      case Action::kEntryRights: entry.copyright = text; return;
+      case Action::kEntryUid:
+        entry.uid = text;
+        return;
+      case Action::kEntryDateRFC822:
+        entry.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC822);
+        return;
+      case Action::kEntryDateRFC3339:
+        entry.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC3339);
+        return;
+      case Action::kEntryRights:
+        entry.copyright = text;
+        return;
       case Action::kEntryEnd:
         feed_.articles.push_back(std::move(entry));
         entry_.reset();
         return;
-      default: return;
+      default:
+        return;
     }
   }
 

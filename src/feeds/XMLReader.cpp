@@ -187,10 +187,14 @@ std::size_t utf8Length(std::string_view s, std::size_t i) {
   std::size_t n = 0;
   std::uint32_t min = 0, cp = 0;
   if (c < 0x80) return 1;
-  if ((c & 0xE0) == 0xC0) n = 2, min = 0x80, cp = c & 0x1F;
-  else if ((c & 0xF0) == 0xE0) n = 3, min = 0x800, cp = c & 0x0F;
-  else if ((c & 0xF8) == 0xF0) n = 4, min = 0x10000, cp = c & 0x07;
-  else return 0;
+  if ((c & 0xE0) == 0xC0)
+    n = 2, min = 0x80, cp = c & 0x1F;
+  else if ((c & 0xF0) == 0xE0)
+    n = 3, min = 0x800, cp = c & 0x0F;
+  else if ((c & 0xF8) == 0xF0)
+    n = 4, min = 0x10000, cp = c & 0x07;
+  else
+    return 0;
   if (i + n > s.size()) return 0;
   for (std::size_t k = 1; k < n; ++k) {
     if ((byte(i + k) & 0xC0) != 0x80) return 0;
@@ -240,7 +244,8 @@ std::string asUTF8(std::string_view bytes) {
 }
 
 bool isNameStart(char c) {
-  return std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == ':' || static_cast<unsigned char>(c) >= 0x80;
+  return std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == ':' ||
+         static_cast<unsigned char>(c) >= 0x80;
 }
 
 bool isNameChar(char c) {
@@ -256,7 +261,8 @@ bool startsReference(std::string_view text, std::size_t i) {
     if (hex) ++j;
     const std::size_t first = j;
     while (j < text.size() && j - first < kLongestName &&
-           (hex ? std::isxdigit(static_cast<unsigned char>(text[j])) : std::isdigit(static_cast<unsigned char>(text[j])))) {
+           (hex ? std::isxdigit(static_cast<unsigned char>(text[j]))
+                : std::isdigit(static_cast<unsigned char>(text[j])))) {
       ++j;
     }
     return j > first && j < text.size() && text[j] == ';';
@@ -287,7 +293,8 @@ std::string repairedText(std::string_view bytes) {
       continue;
     }
     std::size_t stop = i + 1;
-    for (const auto& [open, close] : {std::pair<std::string_view, std::string_view>{"<![CDATA[", "]]>"}, {"<!--", "-->"}}) {
+    for (const auto& [open, close] :
+         {std::pair<std::string_view, std::string_view>{"<![CDATA[", "]]>"}, {"<!--", "-->"}}) {
       if (!rest.substr(i).starts_with(open)) continue;
       const std::size_t end = rest.find(close, i + open.size());
       stop = end == std::string_view::npos ? rest.size() : end + close.size();
@@ -301,7 +308,8 @@ std::string repairedText(std::string_view bytes) {
 
 Result<XmlDocument> read(std::string_view data, XmlInputEncoding encoding, const XmlParseLimits& limits) {
   TreeBuilder builder(data.size());
-  if (auto parsed = XmlSaxParser::parse(data, builder, encoding, limits); !parsed) return fail(parsed.error());
+  if (auto parsed = XmlSaxParser::parse(data, builder, encoding, limits); !parsed)
+    return fail(parsed.error());
   return std::move(builder).finish();
 }
 

@@ -19,12 +19,15 @@ namespace lectern {
 // layout, not content, and is dropped; an element without children keeps its text as written.
 class XMLReader {
  public:
-  // When the bytes are not well-formed XML they are read once more as text made into UTF-8
-  // (bytes that are not UTF-8 taken as Windows-1252 characters), whatever encoding the document
-  // declares. If that fails too, its error is returned.
+  // When the bytes are not well-formed XML they are read once more as repaired UTF-8 text,
+  // whatever encoding the document declares: bytes that are not UTF-8 taken as Windows-1252
+  // characters, control characters XML forbids dropped, white space before the declaration
+  // dropped and an '&' that starts no reference escaped. If that fails too, its error is returned.
+  // HTML's named characters (&nbsp;) read as their characters in either reading.
   static Result<XmlDocument> dictionaryForXMLData(std::string_view data, const XmlParseLimits& limits = {});
   // Text is already UTF-8 here, so this is the same as reading its bytes.
-  static Result<XmlDocument> dictionaryForXMLString(std::string_view text, const XmlParseLimits& limits = {}) {
+  static Result<XmlDocument> dictionaryForXMLString(std::string_view text,
+                                                    const XmlParseLimits& limits = {}) {
     return dictionaryForXMLData(text, limits);
   }
 };

@@ -1,5 +1,6 @@
 #include "feeds/XmlSaxParser.h"
 
+#include <fmt/format.h>
 #include <libxml/HTMLparser.h>
 #include <libxml/SAX2.h>
 #include <libxml/entities.h>
@@ -16,8 +17,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include <fmt/format.h>
-
 #include "core/Strings.h"
 
 namespace lectern {
@@ -25,7 +24,9 @@ namespace {
 
 constexpr std::size_t kExpansionSlack = std::size_t{1} << 20;
 
-std::string_view view(const xmlChar* text) { return text ? std::string_view(reinterpret_cast<const char*>(text)) : ""; }
+std::string_view view(const xmlChar* text) {
+  return text ? std::string_view(reinterpret_cast<const char*>(text)) : "";
+}
 
 Error parserError(int code, std::string_view recoverySuggestion) {
   return Error::make(kXmlParserErrorDomain, code, "Couldn't read the XML document", recoverySuggestion);
@@ -33,10 +34,12 @@ Error parserError(int code, std::string_view recoverySuggestion) {
 
 Error errorFromLibxml(const xmlError& error) {
   // libxml2 ends its messages with a line break and sometimes puts the offending bytes on a second line.
-  std::string message = replaceAll(trimView(view(reinterpret_cast<const xmlChar*>(error.message))), "\n", " ");
+  std::string message =
+      replaceAll(trimView(view(reinterpret_cast<const xmlChar*>(error.message))), "\n", " ");
   if (message.empty()) message = "The document is not well-formed XML.";
-  Error result = parserError(error.code, error.line > 0 ? fmt::format("Line {}, column {}: {}", error.line, error.int2, message)
-                                                        : message);
+  Error result = parserError(
+      error.code,
+      error.line > 0 ? fmt::format("Line {}, column {}: {}", error.line, error.int2, message) : message);
   if (error.line > 0) {
     result.userInfo["line"] = std::to_string(error.line);
     result.userInfo["column"] = std::to_string(error.int2);
@@ -51,7 +54,9 @@ class ByteSource {
   virtual ~ByteSource() = default;
   virtual int read(char* buffer, int length) = 0;  // bytes read, 0 at the end, -1 on failure
 
-  static int read(void* source, char* buffer, int length) { return static_cast<ByteSource*>(source)->read(buffer, length); }
+  static int read(void* source, char* buffer, int length) {
+    return static_cast<ByteSource*>(source)->read(buffer, length);
+  }
   static int close(void*) { return 0; }
 };
 
@@ -96,7 +101,8 @@ struct PointerPairHash {
 class Session {
  public:
   Session(XmlSaxHandler& handler, const XmlParseLimits& limits, std::size_t documentBytes)
-      : handler_(handler), limits_(limits),
+      : handler_(handler),
+        limits_(limits),
         textBudget_(documentBytes * limits.maxExpansion + kExpansionSlack) {}
 
   ~Session() {
@@ -105,21 +111,25 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  static Session& of(void* context) { return *static_cast<Session*>(static_cast<xmlParserCtxtPtr>(context)->_private); }
+  static Session& of(void* context) {
+    return *static_cast<Session*>(static_cast<xmlParserCtxtPtr>(context)->_private);
+  }
 
   bool failed() const { return limitError_.has_value(); }
   const std::optional<Error>& limitError() const { return limitError_; }
   const std::optional<Error>& firstFatalError() const { return fatalError_; }
 
-  void startElement(xmlParserCtxtPtr context, const xmlChar* localname, const xmlChar* prefix, int namespaceCount,
-                    const xmlChar** namespaces, int attributeCount, const xmlChar** attributes) {
+  void startElement(xmlParserCtxtPtr context, const xmlChar* localname, const xmlChar* prefix,
+                    int namespaceCount, const xmlChar** namespaces, int attributeCount,
+                    const xmlChar** attributes) {
     if (failed()) return;
     if (++elements_ > limits_.maxElements) {
       return stop(context, kXmlErrorTooManyElements,
                   fmt::format("The document has more than {} elements.", limits_.maxElements));
     }
     if (++depth_ > limits_.maxDepth) {
-      return stop(context, kXmlErrorTooDeep, fmt::format("The document nests deeper than {} elements.", limits_.maxDepth));
+      return stop(context, kXmlErrorTooDeep,
+                  fmt::format("The document nests deeper than {} elements.", limits_.maxDepth));
     }
     attributes_.clear();
     decoded_.clear();
@@ -137,7 +147,8 @@ class Session {
       const auto length = static_cast<std::size_t>(a[4] - a[3]);
       std::string_view value(reinterpret_cast<const char*>(a[3]), length);
       if (value.find('&') != std::string_view::npos) {
-        xmlChar* expanded = xmlStringLenDecodeEntities(context, a[3], static_cast<int>(length), XML_SUBSTITUTE_REF, 0, 0, 0);
+        xmlChar* expanded =
+            xmlStringLenDecodeEntities(context, a[3], static_cast<int>(length), XML_SUBSTITUTE_REF, 0, 0, 0);
         const std::size_t at = decoded_.size();
         decoded_ += view(expanded);
         xmlFree(expanded);
@@ -203,7 +214,8 @@ class Session {
   bool spend(xmlParserCtxtPtr context, std::size_t bytes) {
     textBytes_ += bytes;
     if (textBytes_ <= textBudget_) return true;
-    stop(context, kXmlErrorExpansionTooLarge, "The document's entities expand to more text than Lectern reads.");
+    stop(context, kXmlErrorExpansionTooLarge,
+         "The document's entities expand to more text than Lectern reads.");
     return false;
   }
 
@@ -299,8 +311,8 @@ const xmlSAXHandler& saxHandler() {
   return handler;
 }
 
-Result<void> run(ByteSource& source, std::size_t documentBytes, XmlSaxHandler& handler, XmlInputEncoding encoding,
-                 const XmlParseLimits& limits) {
+Result<void> run(ByteSource& source, std::size_t documentBytes, XmlSaxHandler& handler,
+                 XmlInputEncoding encoding, const XmlParseLimits& limits) {
   static std::once_flag initialised;
   std::call_once(initialised, [] { xmlInitParser(); });
   if (documentBytes > limits.maxDocumentBytes) {
@@ -316,8 +328,9 @@ Result<void> run(ByteSource& source, std::size_t documentBytes, XmlSaxHandler& h
 
   xmlSAXHandler sax = saxHandler();
   const bool forceUTF8 = encoding == XmlInputEncoding::kUTF8;
-  xmlParserCtxtPtr context = xmlCreateIOParserCtxt(&sax, nullptr, ByteSource::read, ByteSource::close, &source,
-                                                   forceUTF8 ? XML_CHAR_ENCODING_UTF8 : XML_CHAR_ENCODING_NONE);
+  xmlParserCtxtPtr context =
+      xmlCreateIOParserCtxt(&sax, nullptr, ByteSource::read, ByteSource::close, &source,
+                            forceUTF8 ? XML_CHAR_ENCODING_UTF8 : XML_CHAR_ENCODING_NONE);
   if (!context) {
     xmlSetStructuredErrorFunc(savedContext, savedHandler);
     return fail(parserError(XML_ERR_NO_MEMORY, "The XML parser could not be started."));

@@ -58,7 +58,8 @@ class XmlSaxHandler {
 class XmlSaxParser {
  public:
   static Result<void> parse(std::string_view bytes, XmlSaxHandler& handler,
-                            XmlInputEncoding encoding = XmlInputEncoding::kDeclared, const XmlParseLimits& limits = {});
+                            XmlInputEncoding encoding = XmlInputEncoding::kDeclared,
+                            const XmlParseLimits& limits = {});
   // Reads the file in chunks, so a large one is never held in memory whole.
   static Result<void> parseFile(const std::filesystem::path& file, XmlSaxHandler& handler,
                                 const XmlParseLimits& limits = {});

@@ -1,11 +1,11 @@
 // `lectern feed ...`: feed documents from the command line.
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
-
-#include <fmt/format.h>
 
 #include "app/cli/Cli.h"
 #include "core/Dates.h"
@@ -51,7 +51,8 @@ void printText(const RSSFeed& feed) {
     if (entry.author && !entry.author->empty()) details += (details.empty() ? "" : "  ") + *entry.author;
     if (!details.empty()) fmt::print("   {}\n", details);
     if (entry.attachedMedia && entry.attachedMedia->url) {
-      fmt::print("   enclosure: {} ({})\n", *entry.attachedMedia->url, entry.attachedMedia->type.value_or("?"));
+      fmt::print("   enclosure: {} ({})\n", *entry.attachedMedia->url,
+                 entry.attachedMedia->type.value_or("?"));
     }
   }
 }
@@ -67,7 +68,8 @@ int printFeedDocument(std::string bytes, FeedParserKind parser, FeedOutput outpu
     return kExitFailure;
   }
   if (output == FeedOutput::kJson) {
-    fmt::print("{}\n", rssFeedToJson(*feed).dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    fmt::print("{}\n",
+               rssFeedToJson(*feed).dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
   } else {
     printText(*feed);
   }
@@ -79,7 +81,8 @@ Result<std::string> readDocument(const std::string& path) {
   if (!file) return fail(kLecternErrorDomain, errno, "Couldn't read " + path, std::strerror(errno));
   std::string bytes;
   std::error_code ec;
-  if (const auto size = std::filesystem::file_size(path, ec); !ec) bytes.reserve(static_cast<std::size_t>(size));
+  if (const auto size = std::filesystem::file_size(path, ec); !ec)
+    bytes.reserve(static_cast<std::size_t>(size));
   char buffer[64 * 1024];
   std::size_t n = 0;
   while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) bytes.append(buffer, n);
@@ -96,8 +99,9 @@ int runFeedParse(const CliContext& context, const FeedParseOptions& options) {
     Log::configure(settings);
   }
   if (looksLikeURL(options.source)) {
-    printError(Error::make(kLecternErrorDomain, 1, "Cannot fetch " + options.source,
-                           "This version of lectern parses feeds from files only; save the feed and pass its path."));
+    printError(Error::make(
+        kLecternErrorDomain, 1, "Cannot fetch " + options.source,
+        "This version of lectern parses feeds from files only; save the feed and pass its path."));
     return kExitFailure;
   }
   auto bytes = readDocument(options.source);
@@ -105,7 +109,8 @@ int runFeedParse(const CliContext& context, const FeedParseOptions& options) {
     printError(bytes.error());
     return kExitFailure;
   }
-  return printFeedDocument(std::move(*bytes), options.stream ? FeedParserKind::kStream : FeedParserKind::kDictionary,
+  return printFeedDocument(std::move(*bytes),
+                           options.stream ? FeedParserKind::kStream : FeedParserKind::kDictionary,
                            options.json ? FeedOutput::kJson : FeedOutput::kText);
 }
 
