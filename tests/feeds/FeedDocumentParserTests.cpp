@@ -13,6 +13,7 @@
 namespace lectern {
 namespace {
 
+using test::expectFields;
 using test::utc;
 
 const Date kNow = utc(2024, 3, 1, 12);
@@ -128,23 +129,23 @@ TEST(FeedDocumentParser, AtomFeedsAndEntries) {
     <entry><title>Three</title><updated>yesterday</updated></entry>
   </feed>)");
   EXPECT_EQ(feed.type, RSSFeedType::kAtom);
-  EXPECT_EQ(feed.title, "Example");
-  EXPECT_EQ(feed.url, "http://example.org/atom");
-  EXPECT_EQ(feed.descriptionText, "Sub");
-  EXPECT_EQ(feed.author, "Ann");
-  EXPECT_EQ(feed.uid, "urn:feed");
-  EXPECT_EQ(feed.language, "Unknown");
-  EXPECT_EQ(feed.copyright, "(c)");
-  EXPECT_EQ(feed.generator, "gen");
-  EXPECT_EQ(feed.iconUrl, "/i.png");
+  expectFields({{"title", feed.title, "Example"},
+                {"url", feed.url, "http://example.org/atom"},
+                {"descriptionText", feed.descriptionText, "Sub"},
+                {"author", feed.author, "Ann"},
+                {"uid", feed.uid, "urn:feed"},
+                {"language", feed.language, "Unknown"},
+                {"copyright", feed.copyright, "(c)"},
+                {"generator", feed.generator, "gen"},
+                {"iconUrl", feed.iconUrl, "/i.png"}});
   EXPECT_EQ(feed.validTime, 0);
   EXPECT_EQ(feed.date, utc(2003, 12, 13, 18, 30, 2));
   ASSERT_EQ(feed.articles.size(), 3u);
   const RSSEntry& one = feed.articles[0];
-  EXPECT_EQ(one.url, "http://example.org/1.atom");
-  EXPECT_EQ(one.uid, "1");
-  EXPECT_EQ(one.author, "Bob");
-  EXPECT_EQ(one.copyright, "r");
+  expectFields({{"url", one.url, "http://example.org/1.atom"},
+                {"uid", one.uid, "1"},
+                {"author", one.author, "Bob"},
+                {"copyright", one.copyright, "r"}});
   EXPECT_EQ(one.content, "Short");  // empty content: the summary
   EXPECT_EQ(one.date, utc(2003, 12, 13, 17, 30, 2, 250));
   EXPECT_EQ(feed.articles[1].content, " <p>Body</p> ");  // content is never trimmed
@@ -173,24 +174,24 @@ TEST(FeedDocumentParser, RSSChannelsAndItems) {
     <item><title>Fourth</title></item>
   </channel></rss>)");
   EXPECT_EQ(feed.type, RSSFeedType::kRSS);
-  EXPECT_EQ(feed.title, "News");
-  EXPECT_EQ(feed.url, "http://example.com/");
-  EXPECT_EQ(feed.descriptionText, "D");
-  EXPECT_EQ(feed.author, "ed@example.com");
-  EXPECT_EQ(feed.language, "en");
-  EXPECT_EQ(feed.copyright, "C");
-  EXPECT_EQ(feed.generator, "G");
-  EXPECT_EQ(feed.iconUrl, "http://example.com/logo.png");
+  expectFields({{"title", feed.title, "News"},
+                {"url", feed.url, "http://example.com/"},
+                {"descriptionText", feed.descriptionText, "D"},
+                {"author", feed.author, "ed@example.com"},
+                {"language", feed.language, "en"},
+                {"copyright", feed.copyright, "C"},
+                {"generator", feed.generator, "G"},
+                {"iconUrl", feed.iconUrl, "http://example.com/logo.png"}});
   EXPECT_EQ(feed.validTime, 60);
   EXPECT_EQ(feed.date, utc(2003, 6, 10, 4));
   ASSERT_EQ(feed.articles.size(), 4u);
 
   const RSSEntry& first = feed.articles[0];
-  EXPECT_EQ(first.title, "First");
-  EXPECT_EQ(first.uid, "g1");
-  EXPECT_EQ(first.summary, "Desc");
-  EXPECT_EQ(first.comments, "http://example.com/c");
-  EXPECT_EQ(first.author, "me@example.com");
+  expectFields({{"title", first.title, "First"},
+                {"uid", first.uid, "g1"},
+                {"summary", first.summary, "Desc"},
+                {"comments", first.comments, "http://example.com/c"},
+                {"author", first.author, "me@example.com"}});
   EXPECT_EQ(first.content, R"(<img src="http://example.com/img/a.png"> see http://example.com/img/a.png)");
   EXPECT_EQ(first.date, utc(2003, 6, 10, 4));
   ASSERT_TRUE(first.attachedMedia);

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "core/Clock.h"
 #include "feeds/XMLReader.h"
@@ -15,6 +17,12 @@ inline Date utc(int y, unsigned mo, unsigned d, int h = 0, int mi = 0, int s = 0
   using namespace std::chrono;
   return Date(duration_cast<Date::duration>(sys_days(year(y) / month(mo) / day(d)).time_since_epoch() +
                                             hours(h) + minutes(mi) + seconds(s) + milliseconds(ms)));
+}
+
+// Text fields checked in one go: {name, actual, expected}.
+using FieldCheck = std::tuple<const char*, std::optional<std::string>, std::optional<std::string>>;
+inline void expectFields(std::initializer_list<FieldCheck> checks) {
+  for (const auto& [name, actual, expected] : checks) EXPECT_EQ(actual, expected) << name;
 }
 
 // The tree as compact text, so a test states a whole tree at once: {key=value,...}, [a,b], "text".

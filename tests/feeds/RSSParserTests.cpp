@@ -6,6 +6,7 @@
 namespace lectern {
 namespace {
 
+using test::expectFields;
 using test::utc;
 
 RSSFeed stream(std::string xml) {
@@ -28,13 +29,12 @@ TEST(RSSParserPaths, RSSChannelAndItemsAsWritten) {
     <item><title>B</title><pubDate> not a date </pubDate></item>
   </channel></rss>)");
   EXPECT_EQ(feed.type, RSSFeedType::kRSS);
-  EXPECT_EQ(feed.title, " News ");  // never trimmed
-  EXPECT_EQ(feed.url, "http://example.com/");
-  EXPECT_EQ(feed.descriptionText, "D");
-  EXPECT_EQ(feed.language, "en");
+  expectFields({{"title", feed.title, " News "},  // never trimmed
+                {"url", feed.url, "http://example.com/"},
+                {"descriptionText", feed.descriptionText, "D"},
+                {"language", feed.language, "en"}});
   EXPECT_EQ(feed.validTime, 15);
-  EXPECT_EQ(feed.author, "ed");
-  EXPECT_EQ(feed.iconUrl, "http://example.com/logo.png");
+  expectFields({{"author", feed.author, "ed"}, {"iconUrl", feed.iconUrl, "http://example.com/logo.png"}});
   EXPECT_EQ(feed.categories, std::vector<std::string>{"Tech"});
   EXPECT_EQ(feed.date, utc(2003, 6, 10, 4));
   ASSERT_TRUE(feed.cloudService);
@@ -43,13 +43,13 @@ TEST(RSSParserPaths, RSSChannelAndItemsAsWritten) {
       R"({"domain":"rpc.example.com","path":"/RPC2","procedure":"notify","protocol":"xml-rpc","port":80})");
   ASSERT_EQ(feed.articles.size(), 2u);
   const RSSEntry& a = feed.articles[0];
-  EXPECT_EQ(a.url, "http://example.com/a");
-  EXPECT_EQ(a.uid, "g");
-  EXPECT_EQ(a.summary, "S");
+  expectFields({{"url", a.url, "http://example.com/a"},
+                {"uid", a.uid, "g"},
+                {"summary", a.summary, "S"},
+                {"comments", a.comments, "c"},
+                {"author", a.author, "au"},
+                {"content", a.content, "<p>x</p>"}});
   EXPECT_EQ(a.categories, (std::vector<std::string>{"one", "two"}));
-  EXPECT_EQ(a.comments, "c");
-  EXPECT_EQ(a.author, "au");
-  EXPECT_EQ(a.content, "<p>x</p>");
   EXPECT_EQ(a.date, utc(2003, 6, 10, 4));
   ASSERT_TRUE(a.attachedMedia);  // the last enclosure wins
   EXPECT_EQ(a.attachedMedia->url, "2.mp3");
@@ -70,23 +70,23 @@ TEST(RSSParserPaths, AtomAuthorsLinksAndTerms) {
       <rights>r</rights><category term="x"/><updated>2003-12-13T18:30:02.25+01:00</updated></entry>
   </feed>)");
   EXPECT_EQ(feed.type, RSSFeedType::kAtom);
-  EXPECT_EQ(feed.title, "T");
-  EXPECT_EQ(feed.descriptionText, "S");
-  EXPECT_EQ(feed.uid, "urn:f");
-  EXPECT_EQ(feed.copyright, "R");
-  EXPECT_EQ(feed.iconUrl, "i.png");
-  EXPECT_EQ(feed.url, "http://e/atom");
-  EXPECT_EQ(feed.author, "Ann (ann@e)");
+  expectFields({{"title", feed.title, "T"},
+                {"descriptionText", feed.descriptionText, "S"},
+                {"uid", feed.uid, "urn:f"},
+                {"copyright", feed.copyright, "R"},
+                {"iconUrl", feed.iconUrl, "i.png"},
+                {"url", feed.url, "http://e/atom"},
+                {"author", feed.author, "Ann (ann@e)"}});
   EXPECT_EQ(feed.categories, (std::vector<std::string>{"t1", "plain"}));
   EXPECT_EQ(feed.date, utc(2003, 12, 13, 18, 30, 2));
   EXPECT_EQ(feed.language, std::nullopt);
   ASSERT_EQ(feed.articles.size(), 1u);
   const RSSEntry& e = feed.articles[0];
-  EXPECT_EQ(e.url, "http://e/1.atom");
-  EXPECT_EQ(e.author, "Bob");
-  EXPECT_EQ(e.summary, "s");
-  EXPECT_EQ(e.content, "c");
-  EXPECT_EQ(e.copyright, "r");
+  expectFields({{"url", e.url, "http://e/1.atom"},
+                {"author", e.author, "Bob"},
+                {"summary", e.summary, "s"},
+                {"content", e.content, "c"},
+                {"copyright", e.copyright, "r"}});
   EXPECT_EQ(e.categories, std::vector<std::string>{"x"});
   EXPECT_EQ(e.date, utc(2003, 12, 13, 17, 30, 2, 250));
 
