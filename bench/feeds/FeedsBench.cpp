@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "core/Dates.h"
 #include "core/Log.h"
 #include "feeds/FeedDocumentParser.h"
 #include "feeds/RSSParser.h"
@@ -144,6 +145,40 @@ void BM_DictionaryPath(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * set.bytes));
 }
 
+// The mapping alone, over trees read beforehand.
+void BM_ParseResponseDictionary(benchmark::State& state) {
+  const FeedSet& set = setFor(state);
+  std::vector<XmlDocument> trees;
+  for (const auto& document : set.documents) {
+    if (auto tree = XMLReader::dictionaryForXMLData(document)) trees.push_back(std::move(*tree));
+  }
+  const Date now = std::chrono::system_clock::now();
+  std::size_t articles = 0;
+  for (auto _ : state) {
+    articles = 0;
+    for (const auto& tree : trees) {
+      auto feed = FeedDocumentParser::parseResponseDictionary(tree.root(), now);
+      if (feed) articles += feed->articles.size();
+      benchmark::DoNotOptimize(feed);
+    }
+  }
+  state.counters["articles"] = static_cast<double>(articles);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * set.bytes));
+}
+
+// One feed date through the shared readers (core/Dates), in the forms the generated feeds use.
+void BM_InternetDate(benchmark::State& state) {
+  static const std::pair<const char*, DateFormatHint> kDates[] = {
+      {"Thu, 07 Mar 2024 17:45:00 +0000", DateFormatHint::kRFC822},
+      {"Thu, 07 Mar 2024 12:45:00 EST", DateFormatHint::kRFC822},
+      {"Thu, 07 Mar 2024 17:45:00 GMT", DateFormatHint::kRFC822},
+      {"2024-03-07T11:35:00-05:00", DateFormatHint::kRFC3339},
+      {"2024-03-07T15:08:00Z", DateFormatHint::kRFC3339}};
+  const auto& [text, hint] = kDates[state.range(0)];
+  for (auto _ : state) benchmark::DoNotOptimize(dateFromInternetDateTimeString(text, hint));
+  state.SetLabel(text);
+}
+
 void BM_RSSParser(benchmark::State& state) {
   const FeedSet& set = setFor(state);
   std::vector<RSSParser> parsers;
@@ -165,6 +200,8 @@ BENCHMARK(BM_BareSax)->Apply(sets);
 BENCHMARK(BM_XMLReader)->Apply(sets);
 BENCHMARK(BM_DictionaryPath)->Apply(sets);
 BENCHMARK(BM_RSSParser)->Apply(sets);
+BENCHMARK(BM_ParseResponseDictionary)->Apply(sets);
+BENCHMARK(BM_InternetDate)->DenseRange(0, 4)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -1,10 +1,13 @@
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <random>
+#include <thread>
 
 #include "core/Log.h"
 #include "feeds/FeedDocumentParser.h"
 #include "feeds/FeedTestHelpers.h"
+#include "feeds/RSSFeedJson.h"
 #include "feeds/RSSParser.h"
 #include "support/TestSupport.h"
 
@@ -113,6 +116,33 @@ TEST_F(FeedRobustness, MutatedDocumentsNeverCrashEitherParser) {
       expectFeedOrError(bytes, std::string(seed) + " round " + std::to_string(round));
     }
   }
+}
+
+TEST_F(FeedRobustness, ParsesFromSeveralThreadsAtOnceAlikeToOne) {
+  std::vector<std::string> documents;
+  for (const char* name :
+       {"feeds/feed-rs__rss_2.0_bbc.xml", "feeds/feed-rs__atom_example_reddit.xml",
+        "feeds/feed-rs__rss_1.0_debian.xml", "feeds/node-feedparser__invalid-characters-gzipped.xml"}) {
+    documents.push_back(test::readFile(test::corpusPath(name)));
+  }
+  const auto describe = [&](const std::string& bytes) {
+    auto feed = FeedDocumentParser::parseFeedData(bytes, kNow);
+    return feed ? rssFeedToJson(*feed).dump() : feed.error().message();
+  };
+  std::vector<std::string> expected;
+  for (const auto& document : documents) expected.push_back(describe(document));
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 10; ++round) {
+        const std::size_t i = static_cast<std::size_t>(t + round) % documents.size();
+        mismatches += describe(documents[i]) != expected[i];
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
 }
 
 TEST_F(FeedRobustness, FiftyMegabyteFeedParsesWithBothParsers) {
