@@ -54,7 +54,7 @@ XmlNode dictionaryAt(const XmlNode& node, std::string_view path) {
   return {};
 }
 
-// The dictionaries stored under `key`: one, or each dictionary of a list.
+// The dictionaries a value holds: itself, or each dictionary of a list.
 std::vector<XmlNode> dictionariesUnder(const XmlValue* value) {
   std::vector<XmlNode> result;
   if (!value) return result;

@@ -98,7 +98,7 @@ class TreeBuilder final : public XmlSaxHandler {
   // end up unique by content too, so grouping can compare addresses.
   std::string_view intern(std::string_view name) {
     auto [it, inserted] = keysByAddress_.try_emplace(name.data());
-    if (inserted || it->second.size() != name.size()) it->second = internText(name);
+    if (inserted || it->second != name) it->second = internText(name);
     return it->second;
   }
 
