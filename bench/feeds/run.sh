@@ -15,7 +15,7 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 printf '<rss><channel><title>t</title><item><title>i</title></item></channel></rss>' > "$tmp/tiny.rss"
 python3 "$corpus/gen-feeds.py" -n 1 -m 8000 -o "$tmp/big" > /dev/null 2>&1
-largest="$corpus/feeds/$(ls -S "$corpus/feeds" | head -1)"
+largest="$corpus/feeds/$(ls -S "$corpus/feeds" | sed -n 1p)"
 
 measure() {  # parser file -> "max RSS in MB, seconds"
   /usr/bin/time -f "%M %e" "$peak" "$1" "$2" 2>&1 >/dev/null | tail -1 | awk '{printf "%7.1f MB %5.2f s", $1 / 1024, $2}'
