@@ -6,4 +6,5 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/main.cpp
   src/app/cli/Cli.cpp
   src/app/cli/FeedCommands.cpp
+  src/app/cli/ContentCommands.cpp
 )

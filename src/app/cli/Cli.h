@@ -44,5 +44,6 @@ bool stdoutIsTerminal();
 // Command modules. Each adds its subcommands to `app` and registers their handlers.
 // (One line per module here and in main.cpp.)
 void addFeedCommands(CLI::App& app, CliContext& context);
+void addContentCommands(CLI::App& app, CliContext& context);
 
 }  // namespace lectern::cli

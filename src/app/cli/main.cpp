@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
 
   // Command modules register here.
   addFeedCommands(app, context);
+  addContentCommands(app, context);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,171 @@
+#include "content/HtmlDocument.h"
+
+#include <libxml/HTMLparser.h>
+#include <libxml/HTMLtree.h>
+#include <libxml/parser.h>
+#include <libxml/xmlerror.h>
+#include <libxml/xmlsave.h>
+#include <libxml/xpath.h>
+
+#include <climits>
+#include <mutex>
+
+namespace lectern {
+namespace {
+
+void ignoreGenericError(void*, const char*, ...) {}
+void ignoreStructuredError(void*, xmlErrorPtr) {}
+
+// libxml2 prints parser, encoding and XPath complaints to stderr unless told otherwise; its
+// handlers are per thread, so this silences the calling thread only, and puts back what the
+// thread had before.
+class QuietLibxml {
+ public:
+  QuietLibxml()
+      : generic_(xmlGenericError),
+        genericContext_(xmlGenericErrorContext),
+        structured_(xmlStructuredError),
+        structuredContext_(xmlStructuredErrorContext) {
+    xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
+    xmlSetStructuredErrorFunc(nullptr, ignoreStructuredError);
+  }
+  ~QuietLibxml() {
+    xmlSetGenericErrorFunc(genericContext_, generic_);
+    xmlSetStructuredErrorFunc(structuredContext_, structured_);
+  }
+  QuietLibxml(const QuietLibxml&) = delete;
+  QuietLibxml& operator=(const QuietLibxml&) = delete;
+
+ private:
+  xmlGenericErrorFunc generic_;
+  void* genericContext_;
+  xmlStructuredErrorFunc structured_;
+  void* structuredContext_;
+};
+
+// libxml2 wants its one-time set-up done before threads use it concurrently.
+void initializeLibxml() {
+  static std::once_flag once;
+  std::call_once(once, [] { xmlInitParser(); });
+}
+
+// Recovering, silent, offline; the text is already UTF-8, so <meta charset> must not re-decode it.
+constexpr int kParseOptions = HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING | HTML_PARSE_NONET |
+                              HTML_PARSE_COMPACT | HTML_PARSE_IGNORE_ENC;
+
+const char* asChars(const xmlChar* text) { return reinterpret_cast<const char*>(text); }
+const xmlChar* asXmlChars(const char* text) { return reinterpret_cast<const xmlChar*>(text); }
+
+}  // namespace
+
+Result<std::unique_ptr<HtmlDocument>> HtmlDocument::parse(std::string_view utf8) {
+  if (utf8.size() > static_cast<size_t>(INT_MAX)) {
+    return fail(kLecternErrorDomain, 0, "Failed to read page", "The page is too large.");
+  }
+  initializeLibxml();
+  QuietLibxml quiet;
+  htmlDocPtr doc = nullptr;
+  if (!utf8.empty()) {
+    doc = htmlReadMemory(utf8.data(), static_cast<int>(utf8.size()), nullptr, "UTF-8", kParseOptions);
+  }
+  // libxml2 gives no document for an empty or blank page; an empty one reads the same.
+  if (!doc) doc = htmlNewDocNoDtD(nullptr, nullptr);
+  if (!doc) return fail(kLecternErrorDomain, 0, "Failed to read page", "Out of memory.");
+  // Stamps document order on the elements, which makes sorting XPath unions cheap.
+  xmlXPathOrderDocElems(doc);
+  return std::unique_ptr<HtmlDocument>(new HtmlDocument(doc));
+}
+
+HtmlDocument::HtmlDocument(xmlDocPtr doc) : doc_(doc) {}
+
+HtmlDocument::~HtmlDocument() {
+  // Removed nodes still use the document's name dictionary: they go first.
+  for (xmlNodePtr node : removed_) xmlFreeNode(node);
+  xmlFreeDoc(doc_);
+}
+
+std::vector<xmlNodePtr> HtmlDocument::select(const char* xpath, xmlNodePtr context) const {
+  std::vector<xmlNodePtr> nodes;
+  QuietLibxml quiet;
+  std::unique_ptr<xmlXPathContext, decltype(&xmlXPathFreeContext)> xpathContext(xmlXPathNewContext(doc_),
+                                                                                 &xmlXPathFreeContext);
+  if (!xpathContext) return nodes;
+  xpathContext->node = context ? context : reinterpret_cast<xmlNodePtr>(doc_);
+  std::unique_ptr<xmlXPathObject, decltype(&xmlXPathFreeObject)> result(
+      xmlXPathEvalExpression(asXmlChars(xpath), xpathContext.get()), &xmlXPathFreeObject);
+  if (!result || result->type != XPATH_NODESET || !result->nodesetval) return nodes;
+  const int count = xmlXPathNodeSetGetLength(result->nodesetval);
+  nodes.reserve(static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) nodes.push_back(xmlXPathNodeSetItem(result->nodesetval, i));
+  return nodes;
+}
+
+xmlNodePtr HtmlDocument::first(const char* xpath, xmlNodePtr context) const {
+  const auto nodes = select(xpath, context);
+  return nodes.empty() ? nullptr : nodes.front();
+}
+
+void HtmlDocument::remove(xmlNodePtr node) {
+  if (!node || !node->parent) return;
+  xmlUnlinkNode(node);
+  removed_.push_back(node);
+}
+
+void HtmlDocument::replaceRoot(xmlNodePtr root) {
+  if (xmlNodePtr old = xmlDocSetRootElement(doc_, root)) removed_.push_back(old);
+}
+
+xmlNodePtr HtmlDocument::newElement(const char* name) {
+  return xmlNewDocNode(doc_, nullptr, asXmlChars(name), nullptr);
+}
+
+std::string HtmlDocument::serialize(xmlNodePtr node) {
+  if (!node) return {};
+  QuietLibxml quiet;
+  std::unique_ptr<xmlBuffer, decltype(&xmlBufferFree)> buffer(xmlBufferCreate(), &xmlBufferFree);
+  if (!buffer) return {};
+  xmlSaveCtxtPtr save = xmlSaveToBuffer(buffer.get(), "UTF-8", XML_SAVE_AS_XML | XML_SAVE_NO_DECL);
+  if (!save) return {};
+  xmlSaveTree(save, node);
+  xmlSaveClose(save);
+  return std::string(asChars(xmlBufferContent(buffer.get())), static_cast<size_t>(xmlBufferLength(buffer.get())));
+}
+
+std::string_view elementName(const xmlNode* node) {
+  if (!node || node->type != XML_ELEMENT_NODE || !node->name) return {};
+  return asChars(node->name);
+}
+
+bool isElement(const xmlNode* node, std::string_view name) { return elementName(node) == name; }
+
+std::string attribute(const xmlNode* node, const char* name) {
+  if (!node || node->type != XML_ELEMENT_NODE) return {};
+  for (const xmlAttr* attr = node->properties; attr; attr = attr->next) {
+    if (!attr->name || std::string_view(asChars(attr->name)) != name) continue;
+    // Almost always one text child; anything else goes through libxml2.
+    if (attr->children && !attr->children->next && attr->children->type == XML_TEXT_NODE) {
+      return attr->children->content ? asChars(attr->children->content) : "";
+    }
+    xmlChar* value = xmlNodeGetContent(reinterpret_cast<const xmlNode*>(attr));
+    std::string text = value ? asChars(value) : "";
+    xmlFree(value);
+    return text;
+  }
+  return {};
+}
+
+std::string textContent(const xmlNode* node) {
+  std::string text;
+  forEachNode(const_cast<xmlNodePtr>(node), [&](xmlNodePtr n) {
+    if ((n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) && n->content) text += asChars(n->content);
+  });
+  return text;
+}
+
+size_t characterCount(std::string_view utf8) {
+  size_t count = 0;
+  for (const char c : utf8) count += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  return count;
+}
+
+}  // namespace lectern

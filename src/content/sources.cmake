@@ -1,0 +1,9 @@
+set(LECTERN_CONTENT_SOURCES
+  src/content/PageDecoder.cpp
+  src/content/HtmlDocument.cpp
+  src/content/ElementStats.cpp
+  src/content/QKContentCandidate.cpp
+  src/content/QKContentCandidates.cpp
+  src/content/QKContentParser.cpp
+  src/content/QKContentParserAsync.cpp
+)
