@@ -19,9 +19,9 @@ const QKContentCandidate* QKContentCandidates::candidateForElement(const _xmlNod
 
 bool QKContentCandidates::containsElement(const _xmlNode* element) const { return byElement_.contains(element); }
 
-QKContentCandidate* QKContentCandidates::selectBestCandidate() {
-  QKContentCandidate* best = nullptr;
-  for (auto& candidate : candidates_) {
+const QKContentCandidate* QKContentCandidates::selectBestCandidate() const {
+  const QKContentCandidate* best = nullptr;
+  for (const auto& candidate : candidates_) {
     if (!best || candidate.score() > best->score()) best = &candidate;
   }
   return best;

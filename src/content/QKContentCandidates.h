@@ -21,7 +21,7 @@ class QKContentCandidates {
   const std::deque<QKContentCandidate>& allContentCandidates() const { return candidates_; }
   std::deque<QKContentCandidate>& allContentCandidates() { return candidates_; }
   // The highest score, the earliest added among equal scores; null when there is none.
-  QKContentCandidate* selectBestCandidate();
+  const QKContentCandidate* selectBestCandidate() const;
 
  private:
   std::deque<QKContentCandidate> candidates_;
