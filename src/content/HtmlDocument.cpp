@@ -66,7 +66,7 @@ Result<std::unique_ptr<HtmlDocument>> HtmlDocument::parse(std::string_view utf8)
   QuietLibxml quiet;
   htmlDocPtr doc = nullptr;
   if (!utf8.empty()) {
-    doc = htmlReadMemory(utf8.data(), static_cast<int>(utf8.size()), nullptr, "UTF-8", kParseOptions);
+    doc = htmlReadMemory(utf8.data(), static_cast<int>(utf8.size()), nullptr, nullptr, kParseOptions);
   }
   // libxml2 gives no document for an empty or blank page; an empty one reads the same.
   if (!doc) doc = htmlNewDocNoDtD(nullptr, nullptr);
@@ -122,13 +122,18 @@ xmlNodePtr HtmlDocument::newElement(const char* name) {
 std::string HtmlDocument::serialize(xmlNodePtr node) {
   if (!node) return {};
   QuietLibxml quiet;
-  std::unique_ptr<xmlBuffer, decltype(&xmlBufferFree)> buffer(xmlBufferCreate(), &xmlBufferFree);
-  if (!buffer) return {};
-  xmlSaveCtxtPtr save = xmlSaveToBuffer(buffer.get(), "UTF-8", XML_SAVE_AS_XML | XML_SAVE_NO_DECL);
+  // Written straight into a string: libxml2's own buffers grow by the exact size needed, which
+  // turns a large article into quadratic copying.
+  std::string out;
+  const auto write = [](void* context, const char* bytes, int length) {
+    static_cast<std::string*>(context)->append(bytes, static_cast<size_t>(length));
+    return length;
+  };
+  xmlSaveCtxtPtr save = xmlSaveToIO(write, nullptr, &out, "UTF-8", XML_SAVE_AS_XML | XML_SAVE_NO_DECL);
   if (!save) return {};
   xmlSaveTree(save, node);
   xmlSaveClose(save);
-  return std::string(asChars(xmlBufferContent(buffer.get())), static_cast<size_t>(xmlBufferLength(buffer.get())));
+  return out;
 }
 
 std::string_view elementName(const xmlNode* node) {

@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 #include <fmt/format.h>
 
 #include "content/ElementStats.h"
 #include "content/HtmlDocument.h"
+#include "content/KeywordPattern.h"
 #include "content/PageDecoder.h"
 #include "core/Log.h"
 #include "core/Regex.h"
@@ -19,23 +19,19 @@
 namespace lectern {
 namespace {
 
-// The class and id rules. Compiled once and shared (a compiled Regex is immutable).
+// The class and id rules. Built once and shared: they are immutable.
 struct Patterns {
-  Regex unlikely = Regex::compileOrThrow(
+  KeywordPattern unlikely{
       "combx|comment|community|disqus|extra|foot|header|menu|remark|rss|shoutbox|sidebar|sponsor|ad-break|agegate|"
-      "pagination|pager|popup|respond|hidden|hide",
-      kRegexCaseInsensitive);
-  Regex maybeCandidate = Regex::compileOrThrow("and|article|body|column|main|shadow", kRegexCaseInsensitive);
-  Regex negative = Regex::compileOrThrow(
+      "pagination|pager|popup|respond|hidden|hide"};
+  KeywordPattern maybeCandidate{"and|article|body|column|main|shadow"};
+  KeywordPattern negative{
       "combx|comment|com-|contact|foot|footer|footnote|masthead|media|meta|outbrain|promo|related|scroll|shoutbox|"
-      "sidebar|sponsor|shopping|tags|tool|widget",
-      kRegexCaseInsensitive);
-  Regex positive = Regex::compileOrThrow(
-      "article|body|content|entry|hentry|main|page|pagination|post|text|blog|story|instapaper|readability",
-      kRegexCaseInsensitive);
-  Regex instapaperBody = Regex::compileOrThrow("instapaper_body", kRegexCaseInsensitive);
-  Regex clutter = Regex::compileOrThrow("title|meta|related|author|share|sharing|menu|nav|navigation|date|hidden|hide",
-                                        kRegexCaseInsensitive);
+      "sidebar|sponsor|shopping|tags|tool|widget"};
+  KeywordPattern positive{
+      "article|body|content|entry|hentry|main|page|pagination|post|text|blog|story|instapaper|readability"};
+  KeywordPattern instapaperBody{"instapaper_body"};
+  KeywordPattern clutter{"title|meta|related|author|share|sharing|menu|nav|navigation|date|hidden|hide"};
   Regex sentenceEnd = Regex::compileOrThrow("\\.( |$)");
 };
 
@@ -43,25 +39,6 @@ const Patterns& patterns() {
   static const Patterns compiled;
   return compiled;
 }
-
-// A pattern with the answers it already gave: a page repeats the same few class names on
-// thousands of elements.
-class MemoizedPattern {
- public:
-  explicit MemoizedPattern(const Regex& regex) : regex_(regex) {}
-
-  bool search(const std::string& text) {
-    const auto found = answers_.find(text);
-    if (found != answers_.end()) return found->second;
-    const bool matched = regex_.search(text);
-    answers_.emplace(text, matched);
-    return matched;
-  }
-
- private:
-  const Regex& regex_;
-  std::unordered_map<std::string, bool> answers_;
-};
 
 // Paragraphs, divs and a blockquote start ahead of other elements; forms and table headers behind.
 std::int64_t nameBonus(std::string_view name) {
@@ -131,12 +108,12 @@ struct QKContentParser::Impl {
   // Measurements of the page as scored; assembling the article reads them too.
   std::optional<ElementStats> scoredStats;
 
-  MemoizedPattern unlikely{patterns().unlikely};
-  MemoizedPattern maybeCandidate{patterns().maybeCandidate};
-  MemoizedPattern negative{patterns().negative};
-  MemoizedPattern positive{patterns().positive};
-  MemoizedPattern instapaperBody{patterns().instapaperBody};
-  MemoizedPattern clutter{patterns().clutter};
+  const KeywordPattern& unlikely = patterns().unlikely;
+  const KeywordPattern& maybeCandidate = patterns().maybeCandidate;
+  const KeywordPattern& negative = patterns().negative;
+  const KeywordPattern& positive = patterns().positive;
+  const KeywordPattern& instapaperBody = patterns().instapaperBody;
+  const KeywordPattern& clutter = patterns().clutter;
 };
 
 void QKContentParser::Impl::removeComments() {

@@ -2,6 +2,7 @@ set(LECTERN_CONTENT_SOURCES
   src/content/PageDecoder.cpp
   src/content/HtmlDocument.cpp
   src/content/ElementStats.cpp
+  src/content/KeywordPattern.cpp
   src/content/QKContentCandidate.cpp
   src/content/QKContentCandidates.cpp
   src/content/QKContentParser.cpp
