@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -101,7 +103,56 @@ std::optional<std::string> convert(std::string_view bytes, const std::string& na
   return out;
 }
 
-std::string asUTF8(std::string_view bytes) { return isValidUTF8(bytes) ? std::string(bytes) : sanitizeUTF8(bytes); }
+// The toolkit's isValidUTF8 rules (no overlong forms, surrogates or values past U+10FFFF), with
+// runs of ASCII, most of any page, skipped eight bytes at a time.
+bool isValidPageUTF8(std::string_view text) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const size_t size = text.size();
+  size_t i = 0;
+  while (i < size) {
+    while (i + 8 <= size) {
+      std::uint64_t word = 0;
+      std::memcpy(&word, bytes + i, 8);
+      if (word & 0x8080808080808080ull) break;
+      i += 8;
+    }
+    if (i >= size) break;
+    const unsigned char lead = bytes[i];
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    }
+    size_t length = 0;
+    std::uint32_t codePoint = 0;
+    if ((lead & 0xE0) == 0xC0) {
+      length = 2;
+      codePoint = lead & 0x1F;
+    } else if ((lead & 0xF0) == 0xE0) {
+      length = 3;
+      codePoint = lead & 0x0F;
+    } else if ((lead & 0xF8) == 0xF0) {
+      length = 4;
+      codePoint = lead & 0x07;
+    } else {
+      return false;
+    }
+    if (i + length > size) return false;
+    for (size_t k = 1; k < length; ++k) {
+      if ((bytes[i + k] & 0xC0) != 0x80) return false;
+      codePoint = (codePoint << 6) | (bytes[i + k] & 0x3F);
+    }
+    if ((length == 2 && codePoint < 0x80) || (length == 3 && codePoint < 0x800) ||
+        (length == 4 && codePoint < 0x10000) || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
+      return false;
+    }
+    i += length;
+  }
+  return true;
+}
+
+std::string asUTF8(std::string_view bytes) {
+  return isValidPageUTF8(bytes) ? std::string(bytes) : sanitizeUTF8(bytes);
+}
 
 // libxml2 reads NUL as the end of a text; browsers show it as U+FFFD, and so do we.
 void replaceNuls(std::string& text) {
@@ -152,7 +203,11 @@ DecodedPage decodePage(std::string_view bytes, std::string_view transportCharset
     const std::string name = converterName(label, fromMeta);
     if (name == kUTF8 || converterExists(name)) return decodeWith(bytes, name);
   }
-  if (isValidUTF8(bytes)) return decodeWith(bytes, std::string(kUTF8));
+  if (isValidPageUTF8(bytes)) {
+    DecodedPage page{std::string(bytes), std::string(kUTF8)};
+    replaceNuls(page.text);
+    return page;
+  }
   return decodeWith(bytes, std::string(kWindows1252));
 }
 

@@ -47,6 +47,23 @@ TEST(PageDecoder, PicksTheCharsetLikeABrowser) {
   }
 }
 
+// Without a declaration, only well-formed UTF-8 is read as UTF-8, wherever the fault sits.
+TEST(PageDecoder, TellsUTF8FromOtherBytes) {
+  const std::pair<std::string_view, bool> cases[] = {
+      {"\xF0\x9F\x98\x80 four bytes", true},  {"\xE2\x82\xAC three", true},
+      {"\xC0\xAF overlong", false},          {"\xE0\x80\xAF overlong three", false},
+      {"\xED\xA0\x80 surrogate", false},     {"\xF4\x90\x80\x80 past U+10FFFF", false},
+      {"\x80 lone continuation", false},      {"\xF8\x88\x80\x80\x80 five bytes", false},
+      {"truncated \xE2\x82", false},
+  };
+  for (const auto& [sequence, valid] : cases) {
+    for (const std::string& lead : {std::string(), std::string("ascii run longer than a word "), std::string(7, 'a')}) {
+      const std::string bytes = lead + std::string(sequence);
+      EXPECT_EQ(decodePage(bytes).encoding, valid ? "UTF-8" : "windows-1252") << lead.size() << ": " << sequence;
+    }
+  }
+}
+
 TEST(PageDecoder, FindsTheDeclarationOnlyNearTheTop) {
   EXPECT_EQ(declaredCharset("<head><META  CHARSET = 'Big5' ></head>"), "Big5");
   EXPECT_EQ(declaredCharset("<meta name=\"viewport\" content=\"width=device-width\"><meta charset=gbk>"), "gbk");
