@@ -132,7 +132,7 @@ void QKContentParser::Impl::removeUnlikelyCandidates() {
     const std::string name = toLowerASCII(elementName(element));
     if (name == "body" || name == "html") continue;
     const std::string match = attribute(element, "class") + attribute(element, "id");
-    if (match.empty()) continue;  // neither expression matches nothing
+    if (match.empty()) continue;  // no class and no id: nothing to match
     if (unlikely.search(match) && !maybeCandidate.search(match)) document->remove(element);
   }
 }
