@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -115,7 +115,8 @@ void BM_ParseCorpus(benchmark::State& state) { runCorpus(state, Step::kParse); }
 // One page of about 20 MB: many sections of long paragraphs.
 void BM_Extract20MBPage(benchmark::State& state) {
   std::string paragraph = "<p>";
-  while (paragraph.size() < 2000) paragraph += "Text of a very long page, with commas, and <a href=\"/l\">a link</a>. ";
+  while (paragraph.size() < 2000)
+    paragraph += "Text of a very long page, with commas, and <a href=\"/l\">a link</a>. ";
   paragraph += "</p>";
   std::string page = "<html><head><title>Wide</title></head><body>";
   for (int section = 0; page.size() < 20'000'000; ++section) {
@@ -125,7 +126,8 @@ void BM_Extract20MBPage(benchmark::State& state) {
   }
   page += "</body></html>";
   for (auto _ : state) benchmark::DoNotOptimize(timeExtraction(page, Step::kExtract));
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(page.size()));
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                          static_cast<std::int64_t>(page.size()));
 }
 
 }  // namespace
@@ -133,9 +135,15 @@ void BM_Extract20MBPage(benchmark::State& state) {
 int main(int argc, char** argv) {
   // Debug lines have no reader here; formatting them would only add noise to the figures.
   lectern::Log::setDebugEnabled(false);
-  benchmark::RegisterBenchmark("BM_ExtractCorpus", BM_ExtractCorpus)->Iterations(repeats())->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark("BM_ParseCorpus", BM_ParseCorpus)->Iterations(repeats())->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark("BM_Extract20MBPage", BM_Extract20MBPage)->Iterations(3)->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark("BM_ExtractCorpus", BM_ExtractCorpus)
+      ->Iterations(repeats())
+      ->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark("BM_ParseCorpus", BM_ParseCorpus)
+      ->Iterations(repeats())
+      ->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark("BM_Extract20MBPage", BM_Extract20MBPage)
+      ->Iterations(3)
+      ->Unit(benchmark::kMillisecond);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

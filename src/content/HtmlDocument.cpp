@@ -50,8 +50,8 @@ void initializeLibxml() {
 }
 
 // Recovering, silent, offline; the text is already UTF-8, so <meta charset> must not re-decode it.
-constexpr int kParseOptions = HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING | HTML_PARSE_NONET |
-                              HTML_PARSE_COMPACT | HTML_PARSE_IGNORE_ENC;
+constexpr int kParseOptions = HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING |
+                              HTML_PARSE_NONET | HTML_PARSE_COMPACT | HTML_PARSE_IGNORE_ENC;
 
 const char* asChars(const xmlChar* text) { return reinterpret_cast<const char*>(text); }
 const xmlChar* asXmlChars(const char* text) { return reinterpret_cast<const xmlChar*>(text); }
@@ -88,7 +88,7 @@ std::vector<xmlNodePtr> HtmlDocument::select(const char* xpath, xmlNodePtr conte
   std::vector<xmlNodePtr> nodes;
   QuietLibxml quiet;
   std::unique_ptr<xmlXPathContext, decltype(&xmlXPathFreeContext)> xpathContext(xmlXPathNewContext(doc_),
-                                                                                 &xmlXPathFreeContext);
+                                                                                &xmlXPathFreeContext);
   if (!xpathContext) return nodes;
   xpathContext->node = context ? context : reinterpret_cast<xmlNodePtr>(doc_);
   std::unique_ptr<xmlXPathObject, decltype(&xmlXPathFreeObject)> result(
@@ -162,7 +162,8 @@ std::string attribute(const xmlNode* node, const char* name) {
 std::string textContent(const xmlNode* node) {
   std::string text;
   forEachNode(const_cast<xmlNodePtr>(node), [&](xmlNodePtr n) {
-    if ((n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) && n->content) text += asChars(n->content);
+    if ((n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) && n->content)
+      text += asChars(n->content);
   });
   return text;
 }

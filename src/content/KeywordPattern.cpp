@@ -8,7 +8,9 @@
 namespace lectern {
 namespace {
 
-bool isKeywordCharacter(char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-'; }
+bool isKeywordCharacter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
+}
 
 char lowerASCII(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -37,8 +39,9 @@ bool KeywordPattern::search(std::string_view text) const {
   }
   std::transform(text.begin(), text.end(), lower, lowerASCII);
   const std::string_view haystack(lower, text.size());
-  return std::any_of(keywords_.begin(), keywords_.end(),
-                     [&](const std::string& keyword) { return haystack.find(keyword) != std::string_view::npos; });
+  return std::any_of(keywords_.begin(), keywords_.end(), [&](const std::string& keyword) {
+    return haystack.find(keyword) != std::string_view::npos;
+  });
 }
 
 }  // namespace lectern

@@ -46,8 +46,8 @@ std::string charsetInTag(std::string_view tag) {
     while (i < tag.size() && isSpace(tag[i])) ++i;
     if (i < tag.size() && (tag[i] == '"' || tag[i] == '\'')) ++i;
     const size_t begin = i;
-    while (i < tag.size() && !isSpace(tag[i]) && tag[i] != '"' && tag[i] != '\'' && tag[i] != ';' && tag[i] != '>' &&
-           tag[i] != '/') {
+    while (i < tag.size() && !isSpace(tag[i]) && tag[i] != '"' && tag[i] != '\'' && tag[i] != ';' &&
+           tag[i] != '>' && tag[i] != '/') {
       ++i;
     }
     if (i > begin) return std::string(tag.substr(begin, i - begin));
@@ -60,10 +60,10 @@ std::string charsetInTag(std::string_view tag) {
 std::string converterName(std::string_view label, bool fromMeta) {
   const std::string name = toLowerASCII(trimView(label));
   static constexpr std::array<std::string_view, 14> kWindows1252Labels = {
-      "iso-8859-1", "iso8859-1", "iso_8859-1", "latin1", "l1",     "us-ascii",       "ascii",
+      "iso-8859-1", "iso8859-1", "iso_8859-1", "latin1",      "l1",     "us-ascii",       "ascii",
       "cp819",      "ibm819",    "iso-ir-100", "csisolatin1", "cp1252", "x-user-defined", "windows-1252"};
-  static constexpr std::array<std::string_view, 6> kGbLabels = {"gb2312", "gbk",      "x-gbk",
-                                                                  "chinese", "csgb2312", "gb_2312-80"};
+  static constexpr std::array<std::string_view, 6> kGbLabels = {"gb2312",  "gbk",      "x-gbk",
+                                                                "chinese", "csgb2312", "gb_2312-80"};
   if (std::find(kWindows1252Labels.begin(), kWindows1252Labels.end(), name) != kWindows1252Labels.end()) {
     return std::string(kWindows1252);
   }
@@ -89,8 +89,8 @@ std::optional<std::string> convert(std::string_view bytes, const std::string& na
   const auto sourceLength = static_cast<int32_t>(bytes.size());
   // Three UTF-8 bytes per source byte covers every single-byte set; others are preflighted.
   std::string out(bytes.size() * 3 + 16, '\0');
-  int32_t length = ucnv_toAlgorithmic(UCNV_UTF8, converter.get(), out.data(), static_cast<int32_t>(out.size()),
-                                      bytes.data(), sourceLength, &status);
+  int32_t length = ucnv_toAlgorithmic(UCNV_UTF8, converter.get(), out.data(),
+                                      static_cast<int32_t>(out.size()), bytes.data(), sourceLength, &status);
   if (status == U_BUFFER_OVERFLOW_ERROR) {
     status = U_ZERO_ERROR;
     out.assign(static_cast<size_t>(length) + 1, '\0');
@@ -142,7 +142,8 @@ bool isValidPageUTF8(std::string_view text) {
       codePoint = (codePoint << 6) | (bytes[i + k] & 0x3F);
     }
     if ((length == 2 && codePoint < 0x80) || (length == 3 && codePoint < 0x800) ||
-        (length == 4 && codePoint < 0x10000) || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
+        (length == 4 && codePoint < 0x10000) || codePoint > 0x10FFFF ||
+        (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
       return false;
     }
     i += length;
@@ -197,8 +198,8 @@ DecodedPage decodePage(std::string_view bytes, std::string_view transportCharset
   if (bytes.starts_with("\xFE\xFF")) return decodeWith(bytes.substr(2), "UTF-16BE");
   if (bytes.starts_with("\xFF\xFE")) return decodeWith(bytes.substr(2), "UTF-16LE");
 
-  for (const auto& [label, fromMeta] : {std::pair{std::string(transportCharset), false},
-                                        std::pair{declaredCharset(bytes), true}}) {
+  for (const auto& [label, fromMeta] :
+       {std::pair{std::string(transportCharset), false}, std::pair{declaredCharset(bytes), true}}) {
     if (label.empty()) continue;
     const std::string name = converterName(label, fromMeta);
     if (name == kUTF8 || converterExists(name)) return decodeWith(bytes, name);

@@ -7,7 +7,9 @@
 
 namespace lectern {
 
-QKContentCandidate::QKContentCandidate() { throw InternalInconsistency(std::string(kMustUseInitWithElementScore)); }
+QKContentCandidate::QKContentCandidate() {
+  throw InternalInconsistency(std::string(kMustUseInitWithElementScore));
+}
 
 std::string QKContentCandidate::description() const {
   return fmt::format("Element: {}... [Score: {}]", HtmlDocument::serialize(element_), score_);

@@ -17,7 +17,9 @@ const QKContentCandidate* QKContentCandidates::candidateForElement(const _xmlNod
   return found == byElement_.end() ? nullptr : &candidates_[found->second];
 }
 
-bool QKContentCandidates::containsElement(const _xmlNode* element) const { return byElement_.contains(element); }
+bool QKContentCandidates::containsElement(const _xmlNode* element) const {
+  return byElement_.contains(element);
+}
 
 const QKContentCandidate* QKContentCandidates::selectBestCandidate() const {
   const QKContentCandidate* best = nullptr;

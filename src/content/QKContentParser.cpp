@@ -1,12 +1,11 @@
 #include "content/QKContentParser.h"
 
+#include <fmt/format.h>
 #include <libxml/tree.h>
 
 #include <algorithm>
 #include <optional>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "content/ElementStats.h"
 #include "content/HtmlDocument.h"
@@ -22,11 +21,13 @@ namespace {
 // The class and id rules. Built once and shared: they are immutable.
 struct Patterns {
   KeywordPattern unlikely{
-      "combx|comment|community|disqus|extra|foot|header|menu|remark|rss|shoutbox|sidebar|sponsor|ad-break|agegate|"
+      "combx|comment|community|disqus|extra|foot|header|menu|remark|rss|shoutbox|sidebar|sponsor|ad-break|"
+      "agegate|"
       "pagination|pager|popup|respond|hidden|hide"};
   KeywordPattern maybeCandidate{"and|article|body|column|main|shadow"};
   KeywordPattern negative{
-      "combx|comment|com-|contact|foot|footer|footnote|masthead|media|meta|outbrain|promo|related|scroll|shoutbox|"
+      "combx|comment|com-|contact|foot|footer|footnote|masthead|media|meta|outbrain|promo|related|scroll|"
+      "shoutbox|"
       "sidebar|sponsor|shopping|tags|tool|widget"};
   KeywordPattern positive{
       "article|body|content|entry|hentry|main|page|pagination|post|text|blog|story|instapaper|readability"};
@@ -53,7 +54,8 @@ std::int64_t nameBonus(std::string_view name) {
 
 // A div holding none of these is a paragraph in disguise.
 bool hasBlockChild(const xmlNode* div) {
-  static constexpr std::string_view kBlockNames[] = {"blockquote", "a", "div", "dl", "ol", "img", "pre", "p", "ul", "table"};
+  static constexpr std::string_view kBlockNames[] = {"blockquote", "a",   "div", "dl", "ol",
+                                                     "img",        "pre", "p",   "ul", "table"};
   for (const xmlNode* child = div->children; child; child = child->next) {
     const std::string_view name = elementName(child);
     if (std::find(std::begin(kBlockNames), std::end(kBlockNames), name) != std::end(kBlockNames)) return true;
@@ -65,7 +67,8 @@ bool isEmptyParagraph(xmlNodePtr paragraph) {
   bool hasMedia = false;
   forEachNode(paragraph, [&](xmlNodePtr node) {
     const std::string_view name = elementName(node);
-    hasMedia = hasMedia || name == "img" || name == "embed" || name == "object" || name == "iframe" || name == "video";
+    hasMedia = hasMedia || name == "img" || name == "embed" || name == "object" || name == "iframe" ||
+               name == "video";
   });
   return !hasMedia && trimView(textContent(paragraph)).empty();
 }
@@ -107,13 +110,7 @@ struct QKContentParser::Impl {
   std::string domain;
   // Measurements of the page as scored; assembling the article reads them too.
   std::optional<ElementStats> scoredStats;
-
-  const KeywordPattern& unlikely = patterns().unlikely;
-  const KeywordPattern& maybeCandidate = patterns().maybeCandidate;
-  const KeywordPattern& negative = patterns().negative;
-  const KeywordPattern& positive = patterns().positive;
-  const KeywordPattern& instapaperBody = patterns().instapaperBody;
-  const KeywordPattern& clutter = patterns().clutter;
+  const Patterns& rules = patterns();
 };
 
 void QKContentParser::Impl::removeComments() {
@@ -133,7 +130,7 @@ void QKContentParser::Impl::removeUnlikelyCandidates() {
     if (name == "body" || name == "html") continue;
     const std::string match = attribute(element, "class") + attribute(element, "id");
     if (match.empty()) continue;  // no class and no id: nothing to match
-    if (unlikely.search(match) && !maybeCandidate.search(match)) document->remove(element);
+    if (rules.unlikely.search(match) && !rules.maybeCandidate.search(match)) document->remove(element);
   }
 }
 
@@ -150,13 +147,13 @@ std::int64_t QKContentParser::Impl::classWeight(const xmlNode* element) {
   if (!weightClasses) return 0;
   std::int64_t weight = 0;
   if (const std::string className = attribute(element, "class"); !className.empty()) {
-    if (negative.search(className)) weight -= 25;
-    if (positive.search(className)) weight += 25;
-    if (instapaperBody.search(className)) weight += 500;
+    if (rules.negative.search(className)) weight -= 25;
+    if (rules.positive.search(className)) weight += 25;
+    if (rules.instapaperBody.search(className)) weight += 500;
   }
   if (const std::string id = attribute(element, "id"); !id.empty()) {
-    if (negative.search(id)) weight -= 25;
-    if (positive.search(id)) weight += 25;
+    if (rules.negative.search(id)) weight -= 25;
+    if (rules.positive.search(id)) weight += 25;
   }
   return weight;
 }
@@ -170,17 +167,20 @@ void QKContentParser::Impl::scoreParagraphs(std::uint64_t minimumLength) {
   const ElementStats& stats = *scoredStats;
   const auto raise = [&](xmlNodePtr element, std::int64_t by) {
     QKContentCandidate* candidate = candidates.candidateForElement(element);
-    if (!candidate) candidate = &candidates.addContentCandidate(QKContentCandidate(element, scoreNode(element)));
+    if (!candidate)
+      candidate = &candidates.addContentCandidate(QKContentCandidate(element, scoreNode(element)));
     candidate->setScore(candidate->score() + by);
   };
   for (xmlNodePtr node : document->select("//p | //td | //div")) {
-    if (isElement(node, "div") && !positive.search(attribute(node, "class")) && !positive.search(attribute(node, "id"))) {
+    if (isElement(node, "div") && !rules.positive.search(attribute(node, "class")) &&
+        !rules.positive.search(attribute(node, "id"))) {
       continue;
     }
     const ElementCounts counts = stats.of(node);
     if (static_cast<std::uint64_t>(counts.textLength) < minimumLength) continue;
     // One point to start, one per comma-separated piece, one per hundred characters up to three.
-    const std::int64_t contentScore = 1 + (counts.commas + 1) + std::min<std::int64_t>(counts.textLength / 100, 3);
+    const std::int64_t contentScore =
+        1 + (counts.commas + 1) + std::min<std::int64_t>(counts.textLength / 100, 3);
     xmlNodePtr parent = node->parent;
     if (!parent || parent->type != XML_ELEMENT_NODE) continue;
     raise(parent, contentScore);
@@ -190,7 +190,8 @@ void QKContentParser::Impl::scoreParagraphs(std::uint64_t minimumLength) {
   }
   for (QKContentCandidate& candidate : candidates.allContentCandidates()) {
     const double linkDensity = stats.of(candidate.element()).linkDensity();
-    candidate.setScore(static_cast<std::int64_t>((1.0 - linkDensity) * static_cast<double>(candidate.score())));
+    candidate.setScore(
+        static_cast<std::int64_t>((1.0 - linkDensity) * static_cast<double>(candidate.score())));
   }
 }
 
@@ -219,7 +220,7 @@ bool QKContentParser::Impl::getArticle() {
       if (counts.textLength > 80 && linkDensity < 0.25) {
         append = true;
       } else if (counts.textLength < 80 && linkDensity == 0.0 &&
-                 patterns().sentenceEnd.search(textContent(sibling))) {
+                 rules.sentenceEnd.search(textContent(sibling))) {
         append = true;
       }
     }
@@ -251,7 +252,8 @@ void QKContentParser::Impl::sanitizeElement(xmlNodePtr element) {
     }
   }
   for (xmlNodePtr node : document->select("//p | //div | //span | //ul | //ol")) {
-    if (clutter.search(attribute(node, "class")) || clutter.search(attribute(node, "id"))) document->remove(node);
+    if (rules.clutter.search(attribute(node, "class")) || rules.clutter.search(attribute(node, "id")))
+      document->remove(node);
   }
   for (xmlNodePtr node : document->select("//form | //header | //footer | //nav")) document->remove(node);
   for (xmlNodePtr paragraph : document->select("//p")) {
@@ -278,10 +280,11 @@ void QKContentParser::Impl::cleanConditionallyNode(xmlNodePtr node, std::string_
     const std::int64_t contentScore = candidate ? candidate->score() : 0;
     const std::string_view name = elementName(element);
     if (weight + contentScore < 0) {
-      logDebugMessage(kContentParserLogCategory,
-                      "Conditionally cleaned {} #{}.{} with weight {} and content score {} because score + content "
-                      "score was less than zero.",
-                      name, attribute(element, "id"), attribute(element, "class"), weight, contentScore);
+      logDebugMessage(
+          kContentParserLogCategory,
+          "Conditionally cleaned {} #{}.{} with weight {} and content score {} because score + content "
+          "score was less than zero.",
+          name, attribute(element, "id"), attribute(element, "class"), weight, contentScore);
       document->remove(element);
       continue;
     }
@@ -311,8 +314,9 @@ void QKContentParser::Impl::cleanConditionallyNode(xmlNodePtr node, std::string_
     }
     if (reason.empty()) continue;
     logDebugMessage(kContentParserLogCategory,
-                    "Conditionally cleaned {}#{}.{} with weight {} and content score {} because it has {}.", name,
-                    attribute(element, "id"), attribute(element, "class"), weight, contentScore, reason);
+                    "Conditionally cleaned {}#{}.{} with weight {} and content score {} because it has {}.",
+                    name, attribute(element, "id"), attribute(element, "class"), weight, contentScore,
+                    reason);
     document->remove(element);
   }
 }
@@ -382,7 +386,9 @@ const std::string& QKContentParser::title() { return impl_->readTitle(); }
 bool QKContentParser::isWeightClasses() const { return impl_->weightClasses; }
 void QKContentParser::setWeightClasses(bool weightClasses) { impl_->weightClasses = weightClasses; }
 bool QKContentParser::isRemoveEmptyNodes() const { return impl_->removeEmptyNodes; }
-void QKContentParser::setRemoveEmptyNodes(bool removeEmptyNodes) { impl_->removeEmptyNodes = removeEmptyNodes; }
+void QKContentParser::setRemoveEmptyNodes(bool removeEmptyNodes) {
+  impl_->removeEmptyNodes = removeEmptyNodes;
+}
 bool QKContentParser::isCleanConditionally() const { return impl_->cleanConditionally; }
 void QKContentParser::setCleanConditionally(bool cleanConditionally) {
   impl_->cleanConditionally = cleanConditionally;

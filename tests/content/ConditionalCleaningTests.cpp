@@ -13,7 +13,9 @@ using test::contentPage;
 
 // A block inside an article of four long paragraphs without commas, so that only the block's
 // text decides whether the article's elements reach the tests that follow the comma count.
-std::string articleWith(const std::string& block) { return contentPage("conditional-cleaning.html", "BLOCK", block); }
+std::string articleWith(const std::string& block) {
+  return contentPage("conditional-cleaning.html", "BLOCK", block);
+}
 
 // "BLOCK-MARKER, ab, ab..." with `commas` commas: 52 characters for ten.
 std::string marker(int commas) {
@@ -57,7 +59,9 @@ TEST(ConditionalCleaning, ReasonsApplyOnlyFromTenCommas) {
   };
   const Case cases[] = {
       {"too many images",
-       [](int n) { return "<div id=\"block\"><p>" + marker(n) + "</p><img src=\"a.png\"/><img src=\"b.png\"/></div>"; }},
+       [](int n) {
+         return "<div id=\"block\"><p>" + marker(n) + "</p><img src=\"a.png\"/><img src=\"b.png\"/></div>";
+       }},
       {"more <li>s than <p>s",
        [](int n) {
          std::string items;
@@ -67,7 +71,9 @@ TEST(ConditionalCleaning, ReasonsApplyOnlyFromTenCommas) {
       {"less than 3x <p>s than <input>s",
        [](int n) { return "<div id=\"block\"><p>" + marker(n) + "</p><input name=\"q\"/></div>"; }},
       {"too short a content length without a single image",
-       [](int n) { return "<div id=\"block\"><pre>" + std::string(static_cast<size_t>(n), ',') + "</pre></div>"; }},
+       [](int n) {
+         return "<div id=\"block\"><pre>" + std::string(static_cast<size_t>(n), ',') + "</pre></div>";
+       }},
       {"too many links for its weight (0)",
        [](int n) {
          return "<div id=\"block\"><p>" + marker(n) +
@@ -87,7 +93,8 @@ TEST(ConditionalCleaning, ReasonsApplyOnlyFromTenCommas) {
     EXPECT_TRUE(contains(spared.content, "id=\"block\"")) << c.reason << "\n" << spared.content;
     EXPECT_TRUE(spared.log.empty()) << c.reason << ": " << (spared.log.empty() ? "" : spared.log.front());
 
-    EXPECT_TRUE(contains(clean(articleWith(c.block(10)), /*cleanConditionally=*/false).content, "id=\"block\""))
+    EXPECT_TRUE(
+        contains(clean(articleWith(c.block(10)), /*cleanConditionally=*/false).content, "id=\"block\""))
         << c.reason;
   }
 }
@@ -96,12 +103,14 @@ TEST(ConditionalCleaning, LogLinesCarryNameIdClassWeightAndScore) {
   const Cleaned images = clean(articleWith("<div id=\"block\" class=\"gallery\"><p>" + marker(10) +
                                            "</p><img src=\"a.png\"/><img src=\"b.png\"/></div>"));
   // The block is scored as the parent of its paragraph: 5 for a div, 1 + 11 pieces for the text.
-  EXPECT_EQ(images.log, std::vector<std::string>{"Conditionally cleaned div#block.gallery with weight 0 and content "
-                                                 "score 17 because it has too many images."});
+  EXPECT_EQ(images.log,
+            std::vector<std::string>{"Conditionally cleaned div#block.gallery with weight 0 and content "
+                                     "score 17 because it has too many images."});
 
   const Cleaned negative = clean(articleWith("<div id=\"block\" class=\"widget\"><p>short words</p></div>"));
-  EXPECT_EQ(negative.log, std::vector<std::string>{"Conditionally cleaned div #block.widget with weight -25 and "
-                                                   "content score 0 because score + content score was less than zero."});
+  EXPECT_EQ(negative.log,
+            std::vector<std::string>{"Conditionally cleaned div #block.widget with weight -25 and "
+                                     "content score 0 because score + content score was less than zero."});
   EXPECT_FALSE(contains(negative.content, "short words"));
 }
 
@@ -113,7 +122,8 @@ TEST(ConditionalCleaning, ListsMayHoldMoreItemsThanParagraphs) {
   EXPECT_TRUE(list.log.empty());
   const Cleaned div = clean(articleWith("<div id=\"block\"><ul>" + items + "</ul></div>"));
   EXPECT_FALSE(contains(div.content, "id=\"block\""));
-  EXPECT_TRUE(logged(div, "div#block. with weight 0 and content score 0 because it has more <li>s than <p>s."));
+  EXPECT_TRUE(
+      logged(div, "div#block. with weight 0 and content score 0 because it has more <li>s than <p>s."));
 }
 
 }  // namespace

@@ -60,10 +60,11 @@ TEST_F(ContentParserAsyncTest, ParsesOnWorkersAndDeliversOnTheMainQueue) {
 TEST_F(ContentParserAsyncTest, ErrorsAreDeliveredToo) {
   QKContentParserAsync async(mainQueue_);
   std::optional<Error> error;
-  async.contentOfData(std::string(QKContentParser::kMaxPageBytes + 1, 'x'), [&](Result<QKContentParser> parser) {
-    ASSERT_FALSE(parser);
-    error = parser.error();
-  });
+  async.contentOfData(std::string(QKContentParser::kMaxPageBytes + 1, 'x'),
+                      [&](Result<QKContentParser> parser) {
+                        ASSERT_FALSE(parser);
+                        error = parser.error();
+                      });
   ASSERT_TRUE(mainQueue_.runUntil([&] { return error.has_value(); }, std::chrono::seconds(60)));
   EXPECT_EQ(error->code, kContentPageTooLarge);
 }

@@ -38,36 +38,45 @@ TEST(ContentRobustness, BrokenAndStrangeInputGivesAResult) {
   for (char& byte : binary) byte = static_cast<char>(random() & 0xFF);
   const std::pair<std::string, std::string> inputs[] = {
       {"binary bytes", binary},
-      {"NULs inside markup",
-       std::string("<div class=\"content\"><p>a") + '\0' + "b, c, d, e, f, g, h, i, j, k, l, m, n" + '\0' + "</p></div>"},
+      {"NULs inside markup", std::string("<div class=\"content\"><p>a") + '\0' +
+                                 "b, c, d, e, f, g, h, i, j, k, l, m, n" + '\0' + "</p></div>"},
       {"angle brackets", "<<<>>><p<p>>></p <div =\"\" class=>>"},
-      {"unclosed everything", nested(2000, "<div class=\"post\"><p>Unclosed paragraph text, long enough to score.", "", "")},
-      {"stray closing tags", "</p></div></body></html><p>After the end of the page, a paragraph still comes along.</p>"},
+      {"unclosed everything",
+       nested(2000, "<div class=\"post\"><p>Unclosed paragraph text, long enough to score.", "", "")},
+      {"stray closing tags",
+       "</p></div></body></html><p>After the end of the page, a paragraph still comes along.</p>"},
       {"a table never closed", nested(3000, "<table><tr><td>cell text with a comma, and words", "", "")},
       {"only a doctype", "<!DOCTYPE html>"},
-      {"a comment never closed", "<div><p>Before the comment, some text to score here.</p><!-- and then nothing"},
-      {"a script never closed", "<div><p>Before the script, some text to score here.</p><script>var x = '</div>"},
-      {"entities and bad references", "<p>&amp;&#0;&#xD800;&#x110000;&bogus;&#99999999999; with more words, to score</p>"},
-      {"invalid UTF-8 with a UTF-8 declaration", "<meta charset=utf-8><p>\xC3\x28 \xE2\x82 \xF0\x90\x28 and words to score</p>"},
+      {"a comment never closed",
+       "<div><p>Before the comment, some text to score here.</p><!-- and then nothing"},
+      {"a script never closed",
+       "<div><p>Before the script, some text to score here.</p><script>var x = '</div>"},
+      {"entities and bad references",
+       "<p>&amp;&#0;&#xD800;&#x110000;&bogus;&#99999999999; with more words, to score</p>"},
+      {"invalid UTF-8 with a UTF-8 declaration",
+       "<meta charset=utf-8><p>\xC3\x28 \xE2\x82 \xF0\x90\x28 and words to score</p>"},
   };
   for (const auto& [name, bytes] : inputs) extractAnything(bytes, name);
 }
 
 TEST(ContentRobustness, DeepNestingKeepsWhatCameBeforeIt) {
   const std::string article =
-      "<div class=\"article\"><p>ARTICLE-TEXT before the deep part, long enough to be scored as a paragraph.</p>"
+      "<div class=\"article\"><p>ARTICLE-TEXT before the deep part, long enough to be scored as a "
+      "paragraph.</p>"
       "<p>More of the article, so that it clearly wins over anything the deep part could hold.</p></div>";
   for (const std::string_view tag : {"div", "span", "table", "p", "b"}) {
     const std::string open = "<" + std::string(tag) + ">";
     const std::string close = "</" + std::string(tag) + ">";
-    const std::string page = "<html><body>" + article + nested(50'000, open, close, "deep") + "</body></html>";
+    const std::string page =
+        "<html><body>" + article + nested(50'000, open, close, "deep") + "</body></html>";
     EXPECT_TRUE(contains(extractAnything(page, tag), "ARTICLE-TEXT")) << tag;
   }
 }
 
 TEST(ContentRobustness, TwentyMegabytePagesFinish) {
   std::string paragraph = "<p>";
-  while (paragraph.size() < 2000) paragraph += "Text of a very long page, with commas, and <a href=\"/l\">a link</a> now and then. ";
+  while (paragraph.size() < 2000)
+    paragraph += "Text of a very long page, with commas, and <a href=\"/l\">a link</a> now and then. ";
   paragraph += "</p>";
 
   // Many paragraphs in many containers.
@@ -104,7 +113,8 @@ TEST(ContentRobustness, EveryCorpusPageGivesAResult) {
   for (const auto& entry : std::filesystem::directory_iterator(test::corpusPath("pages"))) {
     if (entry.path().extension() != ".html") continue;
     ++pages;
-    const std::string content = extractAnything(test::readFile(entry.path()), entry.path().filename().string());
+    const std::string content =
+        extractAnything(test::readFile(entry.path()), entry.path().filename().string());
     if (content.size() > 200) ++withText;
   }
   ASSERT_GT(pages, 100u);

@@ -1,14 +1,14 @@
 // `lectern extract`: the readable article of a saved web page.
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "app/cli/Cli.h"
 #include "content/QKContentParser.h"
@@ -17,19 +17,21 @@ namespace lectern::cli {
 namespace {
 
 Error readFailure(const std::string& path, std::string_view reason) {
-  return Error::make(kLecternErrorDomain, kContentPageUnreadable, fmt::format("Failed to read {}", path), reason);
+  return Error::make(kLecternErrorDomain, kContentPageUnreadable, fmt::format("Failed to read {}", path),
+                     reason);
 }
 
 Result<std::string> readPage(const std::string& path) {
   if (path.starts_with("http://") || path.starts_with("https://")) {
-    return fail(readFailure(path, "Downloading pages is not available yet: save the page and pass the file."));
+    return fail(
+        readFailure(path, "Downloading pages is not available yet: save the page and pass the file."));
   }
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) return fail(readFailure(path, "It is a folder."));
   const auto size = std::filesystem::file_size(path, ec);
   if (!ec && size > QKContentParser::kMaxPageBytes) {
-    return fail(readFailure(path, fmt::format("The page is {} bytes long; pages above {} bytes are not read.", size,
-                                              QKContentParser::kMaxPageBytes)));
+    return fail(readFailure(path, fmt::format("The page is {} bytes long; pages above {} bytes are not read.",
+                                              size, QKContentParser::kMaxPageBytes)));
   }
   std::ifstream in(path, std::ios::binary);
   if (!in) return fail(readFailure(path, std::strerror(errno)));
