@@ -87,8 +87,11 @@ std::optional<std::string> convert(std::string_view bytes, const std::string& na
   std::unique_ptr<UConverter, decltype(&ucnv_close)> converter(ucnv_open(name.c_str(), &status), &ucnv_close);
   if (U_FAILURE(status) || !converter) return std::nullopt;
   const auto sourceLength = static_cast<int32_t>(bytes.size());
-  // Three UTF-8 bytes per source byte covers every single-byte set; others are preflighted.
-  std::string out(bytes.size() * 3 + 16, '\0');
+  // Three UTF-8 bytes per source byte covers every single-byte set. A large page gets less
+  // (its markup is ASCII) and is measured first when that is not enough.
+  constexpr size_t kGenerousUpTo = 4 * 1024 * 1024;
+  const size_t guess = bytes.size() <= kGenerousUpTo ? bytes.size() * 3 : bytes.size() + bytes.size() / 2;
+  std::string out(guess + 16, '\0');
   int32_t length = ucnv_toAlgorithmic(UCNV_UTF8, converter.get(), out.data(),
                                       static_cast<int32_t>(out.size()), bytes.data(), sourceLength, &status);
   if (status == U_BUFFER_OVERFLOW_ERROR) {

@@ -80,6 +80,14 @@ TEST(PageDecoder, TellsUTF8FromOtherBytes) {
   }
 }
 
+TEST(PageDecoder, ConvertsLargePagesWhole) {
+  // Five megabytes of euro signs need three times the room: more than the first guess.
+  const DecodedPage page = decodePage(std::string(5 << 20, '\x80'));
+  EXPECT_EQ(page.encoding, "windows-1252");
+  ASSERT_EQ(page.text.size(), 15u << 20);
+  EXPECT_EQ(page.text.substr(page.text.size() - 3), "\xE2\x82\xAC");
+}
+
 TEST(PageDecoder, FindsTheDeclarationOnlyNearTheTop) {
   EXPECT_EQ(declaredCharset("<head><META  CHARSET = 'Big5' ></head>"), "Big5");
   EXPECT_EQ(declaredCharset("<meta name=\"viewport\" content=\"width=device-width\"><meta charset=gbk>"),
