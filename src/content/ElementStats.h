@@ -26,14 +26,14 @@ struct ElementCounts {
   }
 };
 
-// The counts of every element of a subtree, taken in one bottom-up pass, so that scoring nested
-// elements costs one walk instead of one per element. Valid until the subtree changes; an
-// element it did not measure is measured on demand.
+// The counts of every element of a subtree, taken in one bottom-up pass; valid until it changes.
 // Owned by the parser step that made it; marks the elements' `_private` field.
 class ElementStats {
  public:
+  // One walk for the whole subtree, so that scoring nested elements never walks a subtree per level.
   explicit ElementStats(xmlNodePtr root);
 
+  // An element it did not measure is measured on demand.
   ElementCounts of(const xmlNode* element) const;
 
  private:

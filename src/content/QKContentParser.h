@@ -16,10 +16,8 @@ inline constexpr std::string_view kContentParserLogCategory = "QKContentParser";
 inline constexpr int kContentPageTooLarge = 5101;
 inline constexpr int kContentPageUnreadable = 5102;
 
-// Finds the block of a web page that holds the article text, cleans it of navigation, comments,
-// forms and clutter, and gives it as HTML; also gives the page title.
-// Used by one thread at a time (it may be handed to another); QKContentParserAsync runs it off the main
-// thread.
+// Finds the block of a web page that holds the article, cleaned of clutter, as HTML; and the title.
+// Used by one thread at a time (it may be handed on); a moved-from parser may only be destroyed.
 class QKContentParser {
  public:
   // Pages above this size are refused rather than parsed: it bounds time and memory.

@@ -15,8 +15,7 @@
 
 namespace lectern {
 
-// Runs extractions off the main thread, each call on a worker thread of its own, so several pages
-// may be parsed at once; the completion runs on the main queue and the worker waits for it.
+// Runs extractions off the main thread, a worker per call; each completion runs on the main queue.
 // Owned by the program on the main thread; its destructor waits for the workers still running.
 class QKContentParserAsync {
  public:
@@ -32,6 +31,8 @@ class QKContentParserAsync {
   QKContentParserAsync(const QKContentParserAsync&) = delete;
   QKContentParserAsync& operator=(const QKContentParserAsync&) = delete;
 
+  // Each call parses on a new thread, so several pages may be parsed at once; the worker waits
+  // until its completion has run on the main queue.
   void contentOfHTML(std::string html, Completion onComplete);
   void contentOfData(std::string data, Completion onComplete);
 
