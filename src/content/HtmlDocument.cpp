@@ -7,8 +7,13 @@
 #include <libxml/xmlsave.h>
 #include <libxml/xpath.h>
 
+#include <algorithm>
+#include <cctype>
 #include <climits>
 #include <mutex>
+#include <optional>
+
+#include "core/Strings.h"
 
 namespace lectern {
 namespace {
@@ -54,6 +59,44 @@ constexpr int kParseOptions = HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PAR
                               HTML_PARSE_NONET | HTML_PARSE_COMPACT | HTML_PARSE_IGNORE_ENC;
 
 const char* asChars(const xmlChar* text) { return reinterpret_cast<const char*>(text); }
+
+// An expression made only of descendant steps by name, joined by "|": "//p | //td", ".//table",
+// "//*", "//comment()".
+struct NameSteps {
+  bool relative = false;  // ".//" steps, from the context node
+  bool anyElement = false;
+  bool comments = false;
+  std::vector<std::string> names;
+};
+
+bool isNameStart(char c) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_'; }
+bool isNameCharacter(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.';
+}
+
+std::optional<NameSteps> nameSteps(std::string_view xpath) {
+  NameSteps steps;
+  const std::vector<std::string> parts = split(xpath, "|");
+  for (size_t i = 0; i < parts.size(); ++i) {
+    std::string_view step = trimView(parts[i]);
+    const bool relative = step.starts_with(".//");
+    if (!relative && !step.starts_with("//")) return std::nullopt;
+    if (i > 0 && relative != steps.relative) return std::nullopt;
+    steps.relative = relative;
+    step.remove_prefix(relative ? 3 : 2);
+    if (step == "*") {
+      steps.anyElement = true;
+    } else if (step == "comment()") {
+      steps.comments = true;
+    } else if (!step.empty() && isNameStart(step.front()) &&
+               std::all_of(step.begin() + 1, step.end(), isNameCharacter)) {
+      steps.names.emplace_back(step);
+    } else {
+      return std::nullopt;
+    }
+  }
+  return steps;
+}
 const xmlChar* asXmlChars(const char* text) { return reinterpret_cast<const xmlChar*>(text); }
 
 }  // namespace
@@ -71,8 +114,6 @@ Result<std::unique_ptr<HtmlDocument>> HtmlDocument::parse(std::string_view utf8)
   // libxml2 gives no document for an empty or blank page; an empty one reads the same.
   if (!doc) doc = htmlNewDocNoDtD(nullptr, nullptr);
   if (!doc) return fail(kLecternErrorDomain, 0, "Failed to read page", "Out of memory.");
-  // Stamps document order on the elements, which makes sorting XPath unions cheap.
-  xmlXPathOrderDocElems(doc);
   return std::unique_ptr<HtmlDocument>(new HtmlDocument(doc));
 }
 
@@ -85,6 +126,26 @@ HtmlDocument::~HtmlDocument() {
 }
 
 std::vector<xmlNodePtr> HtmlDocument::select(const char* xpath, xmlNodePtr context) const {
+  const auto steps = nameSteps(xpath);
+  if (!steps) return evaluateXPath(xpath, context);
+  std::vector<xmlNodePtr> nodes;
+  const xmlNodePtr start = steps->relative && context ? context : reinterpret_cast<xmlNodePtr>(doc_);
+  forEachNode(start, [&](xmlNodePtr node) {
+    if (node == start) return;
+    if (node->type == XML_ELEMENT_NODE) {
+      if (steps->anyElement ||
+          std::any_of(steps->names.begin(), steps->names.end(),
+                      [&](const std::string& name) { return name == asChars(node->name); })) {
+        nodes.push_back(node);
+      }
+    } else if (node->type == XML_COMMENT_NODE && steps->comments) {
+      nodes.push_back(node);
+    }
+  });
+  return nodes;
+}
+
+std::vector<xmlNodePtr> HtmlDocument::evaluateXPath(const char* xpath, xmlNodePtr context) const {
   std::vector<xmlNodePtr> nodes;
   QuietLibxml quiet;
   std::unique_ptr<xmlXPathContext, decltype(&xmlXPathFreeContext)> xpathContext(xmlXPathNewContext(doc_),

@@ -27,8 +27,12 @@ class HtmlDocument {
   xmlDocPtr doc() const { return doc_; }
 
   // The nodes `xpath` selects, in document order. A relative expression starts at `context`
-  // (the document when null). A bad expression selects nothing.
+  // (the document when null). A bad expression selects nothing. Unions of descendant steps by
+  // name ("//p | //td | //div", ".//table", "//*", "//comment()"), most of what the extractor
+  // asks, are answered by one walk of the tree; everything else goes to evaluateXPath.
   std::vector<xmlNodePtr> select(const char* xpath, xmlNodePtr context = nullptr) const;
+  // The same through libxml2's XPath engine, whatever the expression.
+  std::vector<xmlNodePtr> evaluateXPath(const char* xpath, xmlNodePtr context = nullptr) const;
   xmlNodePtr first(const char* xpath, xmlNodePtr context = nullptr) const;
 
   // Takes `node` out of the tree. It stays allocated until the document goes, so node lists
