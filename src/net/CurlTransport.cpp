@@ -342,7 +342,7 @@ struct CurlTransport::Impl {
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);  // redirects go through the delegate
     curl_easy_setopt(e, CURLOPT_NOPROXY, "localhost,127.0.0.1,::1");
-    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");  // every encoding libcurl decodes
+    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "gzip, deflate");  // decoded by libcurl
     curl_easy_setopt(e, CURLOPT_TCP_KEEPALIVE, 1L);
     const auto timeoutMs = std::chrono::duration_cast<std::chrono::milliseconds>(r.timeoutInterval).count();
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::max<long long>(timeoutMs, 1)));

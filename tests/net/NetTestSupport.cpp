@@ -15,6 +15,7 @@ LocalServer::LocalServer(std::chrono::seconds keepAlive) {
   // Enough workers for ten keep-alive connections at once, and connections that stay open.
   server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
   server_.set_keep_alive_max_count(100000);
+  server_.set_tcp_nodelay(true);
   server_.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
     std::lock_guard lock(mutex_);
     clientPorts_.insert(request.remote_port);
