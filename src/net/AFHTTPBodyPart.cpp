@@ -13,8 +13,11 @@ constexpr std::string_view kCRLF = "\r\n";
 
 }  // namespace
 
-AFHTTPBodyPart::AFHTTPBodyPart(std::string boundary, HttpHeaders headers, Body body, std::uint64_t bodyContentLength)
-    : boundary_(std::move(boundary)), headers_(std::move(headers)), body_(std::move(body)),
+AFHTTPBodyPart::AFHTTPBodyPart(std::string boundary, HttpHeaders headers, Body body,
+                               std::uint64_t bodyContentLength)
+    : boundary_(std::move(boundary)),
+      headers_(std::move(headers)),
+      body_(std::move(body)),
       bodyContentLength_(bodyContentLength) {}
 
 AFHTTPBodyPart::~AFHTTPBodyPart() {
@@ -22,9 +25,15 @@ AFHTTPBodyPart::~AFHTTPBodyPart() {
 }
 
 AFHTTPBodyPart::AFHTTPBodyPart(AFHTTPBodyPart&& other) noexcept
-    : boundary_(std::move(other.boundary_)), headers_(std::move(other.headers_)), body_(std::move(other.body_)),
-      bodyContentLength_(other.bodyContentLength_), hasInitialBoundary_(other.hasInitialBoundary_),
-      hasFinalBoundary_(other.hasFinalBoundary_), phase_(other.phase_), offset_(other.offset_), file_(other.file_) {
+    : boundary_(std::move(other.boundary_)),
+      headers_(std::move(other.headers_)),
+      body_(std::move(other.body_)),
+      bodyContentLength_(other.bodyContentLength_),
+      hasInitialBoundary_(other.hasInitialBoundary_),
+      hasFinalBoundary_(other.hasFinalBoundary_),
+      phase_(other.phase_),
+      offset_(other.offset_),
+      file_(other.file_) {
   other.file_ = nullptr;
 }
 
@@ -37,10 +46,13 @@ std::string AFHTTPBodyPart::head() const {
 }
 
 std::string AFHTTPBodyPart::tail() const {
-  return hasFinalBoundary_ ? std::string(kCRLF) + "--" + boundary_ + "--" + std::string(kCRLF) : std::string();
+  return hasFinalBoundary_ ? std::string(kCRLF) + "--" + boundary_ + "--" + std::string(kCRLF)
+                           : std::string();
 }
 
-std::uint64_t AFHTTPBodyPart::contentLength() const { return head().size() + bodyContentLength_ + tail().size(); }
+std::uint64_t AFHTTPBodyPart::contentLength() const {
+  return head().size() + bodyContentLength_ + tail().size();
+}
 
 bool AFHTTPBodyPart::rewind() {
   phase_ = 0;
@@ -79,7 +91,8 @@ Result<size_t> AFHTTPBodyPart::readBody(char* buffer, size_t length) {
   auto& stream = std::get<std::shared_ptr<InputStream>>(body_);
   auto n = stream->read(buffer, length);
   if (n && *n == 0) {
-    return fail(makeURLError(URLErrorCode::kRequestBodyStreamExhausted, "", "A body stream ended before its announced length"));
+    return fail(makeURLError(URLErrorCode::kRequestBodyStreamExhausted, "",
+                             "A body stream ended before its announced length"));
   }
   return n;
 }

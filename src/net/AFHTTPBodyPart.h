@@ -51,7 +51,7 @@ class AFHTTPBodyPart {
   bool hasInitialBoundary_ = false;
   bool hasFinalBoundary_ = false;
 
-  int phase_ = 0;  // 0 head, 1 body, 2 tail, 3 done
+  int phase_ = 0;             // 0 head, 1 body, 2 tail, 3 done
   std::uint64_t offset_ = 0;  // within the current phase
   std::FILE* file_ = nullptr;
 };

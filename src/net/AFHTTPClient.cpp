@@ -20,7 +20,9 @@ namespace {
 
 constexpr std::string_view kLogCategory = "AFHTTPClient";
 
-bool parametersGoInQuery(std::string_view method) { return method == "GET" || method == "HEAD" || method == "DELETE"; }
+bool parametersGoInQuery(std::string_view method) {
+  return method == "GET" || method == "HEAD" || method == "DELETE";
+}
 
 }  // namespace
 
@@ -120,7 +122,8 @@ HttpHeaders AFHTTPClient::defaultHeaders() const {
 }
 
 void AFHTTPClient::setAuthorizationHeaderWithUsername(std::string_view username, std::string_view password) {
-  setDefaultHeader("Authorization", "Basic " + base64Encode(std::string(username) + ":" + std::string(password)));
+  setDefaultHeader("Authorization",
+                   "Basic " + base64Encode(std::string(username) + ":" + std::string(password)));
 }
 
 void AFHTTPClient::setAuthorizationHeaderWithToken(std::string_view token) {
@@ -168,7 +171,8 @@ void AFHTTPClient::encodeParametersIntoBody(HttpRequest& request, const nlohmann
         request.body = parameters.dump();
       } catch (const nlohmann::json::type_error& error) {
         // Text that is not UTF-8 cannot be written as JSON; the request goes out without a body.
-        logError(kLogCategory, "{} {}: {}", "AFHTTPClient", "requestWithMethod:path:parameters:", error.what());
+        logError(kLogCategory, "{} {}: {}", "AFHTTPClient",
+                 "requestWithMethod:path:parameters:", error.what());
         request.body.clear();
       }
       break;
@@ -195,7 +199,8 @@ HttpRequest AFHTTPClient::requestWithMethod(std::string_view method, std::string
   if (parameters.is_null()) return request;
   if (parametersGoInQuery(method)) {
     if (!request.url.empty()) {
-      request.url += (path.find('?') == std::string_view::npos ? "?" : "&") + queryStringFromParameters(parameters, charset);
+      request.url += (path.find('?') == std::string_view::npos ? "?" : "&") +
+                     queryStringFromParameters(parameters, charset);
     }
   } else {
     encodeParametersIntoBody(request, parameters);
@@ -203,9 +208,9 @@ HttpRequest AFHTTPClient::requestWithMethod(std::string_view method, std::string
   return request;
 }
 
-HttpRequest AFHTTPClient::multipartFormRequestWithMethod(std::string_view method, std::string_view path,
-                                                         const nlohmann::json& parameters,
-                                                         const std::function<void(AFStreamingMultipartFormData&)>& block) {
+HttpRequest AFHTTPClient::multipartFormRequestWithMethod(
+    std::string_view method, std::string_view path, const nlohmann::json& parameters,
+    const std::function<void(AFStreamingMultipartFormData&)>& block) {
   if (method == "GET" || method == "HEAD") {
     throw InternalInconsistency("Invalid parameter not satisfying: method != \"GET\" && method != \"HEAD\"");
   }
@@ -222,7 +227,8 @@ HttpRequest AFHTTPClient::multipartFormRequestWithMethod(std::string_view method
 }
 
 std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::HTTPRequestOperationWithRequest(HttpRequest request,
-                                                                                     Success success, Failure failure) {
+                                                                                      Success success,
+                                                                                      Failure failure) {
   std::shared_ptr<AFHTTPRequestOperation> operation;
   std::optional<HttpCredential> credential;
   bool allowsInvalid;
@@ -249,7 +255,8 @@ void AFHTTPClient::enqueueHTTPRequestOperation(std::shared_ptr<AFHTTPRequestOper
   operationQueue_.addOperation(std::move(operation));
 }
 
-void AFHTTPClient::cancelAllHTTPOperationsWithMethod(const std::optional<std::string>& method, std::string_view path) {
+void AFHTTPClient::cancelAllHTTPOperationsWithMethod(const std::optional<std::string>& method,
+                                                     std::string_view path) {
   const auto target = URL::parse(AFHTTPClient::requestWithMethod("GET", path, nullptr).url);
   const std::string targetPath = target ? target->path() : std::string();
   for (const auto& operation : operationQueue_.operations()) {
@@ -265,12 +272,14 @@ void AFHTTPClient::enqueueBatchOfHTTPRequestOperationsWithRequests(const std::ve
                                                                    BatchProgress progress,
                                                                    BatchCompletion completion) {
   std::vector<std::shared_ptr<AFHTTPRequestOperation>> operations;
-  for (const auto& request : requests) operations.push_back(HTTPRequestOperationWithRequest(request, nullptr, nullptr));
+  for (const auto& request : requests)
+    operations.push_back(HTTPRequestOperationWithRequest(request, nullptr, nullptr));
   enqueueBatchOfHTTPRequestOperations(std::move(operations), std::move(progress), std::move(completion));
 }
 
-void AFHTTPClient::enqueueBatchOfHTTPRequestOperations(std::vector<std::shared_ptr<AFHTTPRequestOperation>> operations,
-                                                       BatchProgress progress, BatchCompletion completion) {
+void AFHTTPClient::enqueueBatchOfHTTPRequestOperations(
+    std::vector<std::shared_ptr<AFHTTPRequestOperation>> operations, BatchProgress progress,
+    BatchCompletion completion) {
   struct Batch {
     MainQueue* main;
     std::atomic<size_t> finished{0};
@@ -326,37 +335,42 @@ void AFHTTPClient::enqueueBatchOfHTTPRequestOperations(std::vector<std::shared_p
   for (auto& operation : operations) enqueueHTTPRequestOperation(operation);
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::enqueueRequest(std::string_view method, std::string_view path,
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::enqueueRequest(std::string_view method,
+                                                                     std::string_view path,
                                                                      const nlohmann::json& parameters,
                                                                      Success success, Failure failure) {
-  auto operation = HTTPRequestOperationWithRequest(requestWithMethod(method, path, parameters), std::move(success),
-                                                   std::move(failure));
+  auto operation = HTTPRequestOperationWithRequest(requestWithMethod(method, path, parameters),
+                                                   std::move(success), std::move(failure));
   enqueueHTTPRequestOperation(operation);
   return operation;
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::getPath(std::string_view path, const nlohmann::json& parameters,
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::getPath(std::string_view path,
+                                                              const nlohmann::json& parameters,
                                                               Success success, Failure failure) {
   return enqueueRequest("GET", path, parameters, std::move(success), std::move(failure));
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::postPath(std::string_view path, const nlohmann::json& parameters,
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::postPath(std::string_view path,
+                                                               const nlohmann::json& parameters,
                                                                Success success, Failure failure) {
   return enqueueRequest("POST", path, parameters, std::move(success), std::move(failure));
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::putPath(std::string_view path, const nlohmann::json& parameters,
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::putPath(std::string_view path,
+                                                              const nlohmann::json& parameters,
                                                               Success success, Failure failure) {
   return enqueueRequest("PUT", path, parameters, std::move(success), std::move(failure));
 }
 
 std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::deletePath(std::string_view path,
-                                                                 const nlohmann::json& parameters, Success success,
-                                                                 Failure failure) {
+                                                                 const nlohmann::json& parameters,
+                                                                 Success success, Failure failure) {
   return enqueueRequest("DELETE", path, parameters, std::move(success), std::move(failure));
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::patchPath(std::string_view path, const nlohmann::json& parameters,
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::patchPath(std::string_view path,
+                                                                const nlohmann::json& parameters,
                                                                 Success success, Failure failure) {
   return enqueueRequest("PATCH", path, parameters, std::move(success), std::move(failure));
 }
@@ -387,27 +401,32 @@ SynchronousResponse AFHTTPClient::synchronouslyPerformRequest(HttpRequest reques
   return result;
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyGetPath(std::string_view path, const nlohmann::json& parameters,
+SynchronousResponse AFHTTPClient::synchronouslyGetPath(std::string_view path,
+                                                       const nlohmann::json& parameters,
                                                        std::chrono::duration<double> timeout) {
   return synchronouslyPerformRequest(requestWithMethod("GET", path, parameters), timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyPostPath(std::string_view path, const nlohmann::json& parameters,
+SynchronousResponse AFHTTPClient::synchronouslyPostPath(std::string_view path,
+                                                        const nlohmann::json& parameters,
                                                         std::chrono::duration<double> timeout) {
   return synchronouslyPerformRequest(requestWithMethod("POST", path, parameters), timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyPutPath(std::string_view path, const nlohmann::json& parameters,
+SynchronousResponse AFHTTPClient::synchronouslyPutPath(std::string_view path,
+                                                       const nlohmann::json& parameters,
                                                        std::chrono::duration<double> timeout) {
   return synchronouslyPerformRequest(requestWithMethod("PUT", path, parameters), timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyDeletePath(std::string_view path, const nlohmann::json& parameters,
+SynchronousResponse AFHTTPClient::synchronouslyDeletePath(std::string_view path,
+                                                          const nlohmann::json& parameters,
                                                           std::chrono::duration<double> timeout) {
   return synchronouslyPerformRequest(requestWithMethod("DELETE", path, parameters), timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyPatchPath(std::string_view path, const nlohmann::json& parameters,
+SynchronousResponse AFHTTPClient::synchronouslyPatchPath(std::string_view path,
+                                                         const nlohmann::json& parameters,
                                                          std::chrono::duration<double> timeout) {
   return synchronouslyPerformRequest(requestWithMethod("PATCH", path, parameters), timeout);
 }
@@ -492,12 +511,13 @@ void AFHTTPClient::dumpOperationWithError(const AFHTTPRequestOperation& operatio
   const HttpRequest request = operation.request();
   const std::string text = fmt::format(
       "Error: {}\nOperation: {}\nRequest: {}\nResponse encoding: {}\nResponse string: {}", error.message(),
-      operation.description(), sanitizeUTF8(request.body), stringEncodingNumber(operation.responseStringEncoding()),
-      operation.responseString().value_or(""));
-  for (const auto& [file, contents] :
-       {std::pair{folder / (name + ".raw"), operation.responseData()}, std::pair{folder / (name + ".txt"), text}}) {
+      operation.description(), sanitizeUTF8(request.body),
+      stringEncodingNumber(operation.responseStringEncoding()), operation.responseString().value_or(""));
+  for (const auto& [file, contents] : {std::pair{folder / (name + ".raw"), operation.responseData()},
+                                       std::pair{folder / (name + ".txt"), text}}) {
     if (auto written = writeFileAtomically(file, contents); !written) {
-      logError(kLogCategory, "Failed to dump request into the 'dump' directory: {}", written.error().message());
+      logError(kLogCategory, "Failed to dump request into the 'dump' directory: {}",
+               written.error().message());
       return;
     }
   }

@@ -4,13 +4,12 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "core/OperationQueue.h"
 #include "core/Reachability.h"
@@ -21,7 +20,11 @@
 
 namespace lectern {
 
-enum class AFHTTPClientParameterEncoding { kFormURLParameterEncoding, kJSONParameterEncoding, kPropertyListParameterEncoding };
+enum class AFHTTPClientParameterEncoding {
+  kFormURLParameterEncoding,
+  kJSONParameterEncoding,
+  kPropertyListParameterEncoding
+};
 
 // An operation class a client can choose for a request, by its name.
 struct AFHTTPOperationClass {
@@ -42,15 +45,16 @@ struct SynchronousResponse {
   const nlohmann::json* json() const { return std::get_if<nlohmann::json>(&responseObject); }
 };
 
-// The base of every service client: bound to one base URL, it builds requests from paths and
-// parameters, wraps them in request operations and runs them on its own operation queue.
-// Thread-safe; blocks run on the main queue unless an operation says otherwise.
+// The base of every service client: requests built from paths under one base URL, run on its own queue.
+// Owned by a service object; thread-safe; blocks run on the main queue unless an operation says otherwise.
 class AFHTTPClient {
  public:
   using Success = AFHTTPRequestOperation::Success;
   using Failure = AFHTTPRequestOperation::Failure;
-  using BatchProgress = std::function<void(size_t numberOfFinishedOperations, size_t totalNumberOfOperations)>;
-  using BatchCompletion = std::function<void(const std::vector<std::shared_ptr<AFHTTPRequestOperation>>& operations)>;
+  using BatchProgress =
+      std::function<void(size_t numberOfFinishedOperations, size_t totalNumberOfOperations)>;
+  using BatchCompletion =
+      std::function<void(const std::vector<std::shared_ptr<AFHTTPRequestOperation>>& operations)>;
   using ReachabilityStatusBlock = std::function<void(ReachabilityStatus status)>;
 
   // `baseURL` must be absolute (else InternalInconsistency "Invalid parameter not satisfying: url");
@@ -82,7 +86,8 @@ class AFHTTPClient {
       return false;
     } else {
       registerOperationClass(AFHTTPOperationClass{
-          std::string(T::kClassName), [](const HttpRequest& request) { return T::canProcessRequest(request); },
+          std::string(T::kClassName),
+          [](const HttpRequest& request) { return T::canProcessRequest(request); },
           [](NetworkSession& session, HttpRequest request) -> std::shared_ptr<AFHTTPRequestOperation> {
             return std::make_shared<T>(session, std::move(request));
           }});
@@ -118,8 +123,8 @@ class AFHTTPClient {
 
   // An operation of the first registered class that takes the request (the plain HTTP operation
   // when none does), with the blocks, the default credential and the certificate setting.
-  std::shared_ptr<AFHTTPRequestOperation> HTTPRequestOperationWithRequest(HttpRequest request, Success success,
-                                                                         Failure failure);
+  std::shared_ptr<AFHTTPRequestOperation> HTTPRequestOperationWithRequest(HttpRequest request,
+                                                                          Success success, Failure failure);
   void enqueueHTTPRequestOperation(std::shared_ptr<AFHTTPRequestOperation> operation);
   // Cancels queued operations of `method` (any when nothing) whose URL path is `path`'s.
   void cancelAllHTTPOperationsWithMethod(const std::optional<std::string>& method, std::string_view path);
@@ -150,11 +155,14 @@ class AFHTTPClient {
                                             std::chrono::duration<double> timeout = {});
   SynchronousResponse synchronouslyPutPath(std::string_view path, const nlohmann::json& parameters = nullptr,
                                            std::chrono::duration<double> timeout = {});
-  SynchronousResponse synchronouslyDeletePath(std::string_view path, const nlohmann::json& parameters = nullptr,
+  SynchronousResponse synchronouslyDeletePath(std::string_view path,
+                                              const nlohmann::json& parameters = nullptr,
                                               std::chrono::duration<double> timeout = {});
-  SynchronousResponse synchronouslyPatchPath(std::string_view path, const nlohmann::json& parameters = nullptr,
+  SynchronousResponse synchronouslyPatchPath(std::string_view path,
+                                             const nlohmann::json& parameters = nullptr,
                                              std::chrono::duration<double> timeout = {});
-  SynchronousResponse synchronouslyPerformRequest(HttpRequest request, std::chrono::duration<double> timeout = {});
+  SynchronousResponse synchronouslyPerformRequest(HttpRequest request,
+                                                  std::chrono::duration<double> timeout = {});
 
   // Reachability of the base URL's host. The status starts unknown and follows the session's
   // Reachability; the block runs on the main queue after each change.

@@ -15,7 +15,8 @@ std::string describeStatusCodes(const std::set<int>& codes) {
     int last = first;
     ++it;
     while (it != codes.end() && *it == last + 1) last = *it++;
-    parts.push_back(first == last ? std::to_string(first) : std::to_string(first) + "-" + std::to_string(last));
+    parts.push_back(first == last ? std::to_string(first)
+                                  : std::to_string(first) + "-" + std::to_string(last));
   }
   return join(parts, ",");
 }
@@ -114,12 +115,12 @@ std::optional<Error> AFHTTPRequestOperation::error() const {
   std::optional<Error> validation;
   if (current && !hasAcceptableStatusCode()) {
     validation = Error::make(kAFNetworkingErrorDomain, URLErrorCode::kBadServerResponse,
-                             "Expected status code in (" + describeStatusCodes(acceptableStatusCodes_) + "), got " +
-                                 std::to_string(current->statusCode));
+                             "Expected status code in (" + describeStatusCodes(acceptableStatusCodes_) +
+                                 "), got " + std::to_string(current->statusCode));
   } else if (current && totalBytesRead() > 0 && !hasAcceptableContentType()) {
     validation = Error::make(kAFNetworkingErrorDomain, URLErrorCode::kCannotDecodeContentData,
-                             "Expected content type " + describeContentTypes(*acceptableContentTypes_) + ", got " +
-                                 current->MIMEType());
+                             "Expected content type " + describeContentTypes(*acceptableContentTypes_) +
+                                 ", got " + current->MIMEType());
   }
   if (validation) {
     validation->recoverySuggestion = responseTextForError();

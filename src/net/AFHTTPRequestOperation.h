@@ -21,7 +21,8 @@ CallbackQueue callbackQueueFor(OperationQueue& queue);
 class AFHTTPRequestOperation : public AFURLConnectionOperation {
  public:
   static constexpr std::string_view kClassName = "AFHTTPRequestOperation";
-  using Success = std::function<void(AFHTTPRequestOperation& operation, const ResponseObject& responseObject)>;
+  using Success =
+      std::function<void(AFHTTPRequestOperation& operation, const ResponseObject& responseObject)>;
   using Failure = std::function<void(AFHTTPRequestOperation& operation, const Error& error)>;
 
   AFHTTPRequestOperation(NetworkSession& session, HttpRequest request);

@@ -17,14 +17,16 @@ class AFImageRequestOperation : public AFHTTPRequestOperation {
   AFImageRequestOperation(NetworkSession& session, HttpRequest request);
 
   static std::optional<std::set<std::string>> defaultAcceptableContentTypes() {
-    return std::set<std::string>{"image/tiff", "image/jpeg",  "image/gif",       "image/png",        "image/ico",
-                                 "image/x-icon", "image/bmp", "image/x-bmp",     "image/x-xbitmap",  "image/x-win-bitmap"};
+    return std::set<std::string>{"image/tiff",      "image/jpeg",        "image/gif", "image/png",
+                                 "image/ico",       "image/x-icon",      "image/bmp", "image/x-bmp",
+                                 "image/x-xbitmap", "image/x-win-bitmap"};
   }
   static std::set<std::string> acceptablePathExtensions() {
     return {"tif", "tiff", "jpg", "jpeg", "gif", "png", "ico", "bmp", "cur"};
   }
   static bool canProcessRequest(const HttpRequest& request) {
-    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(), acceptablePathExtensions());
+    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(),
+                                        acceptablePathExtensions());
   }
 
   // Nothing for an empty body; -1016 for bytes with no known image signature.

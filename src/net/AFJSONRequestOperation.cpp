@@ -8,7 +8,8 @@ namespace lectern {
 namespace {
 
 Error notJSON(std::string_view reason) {
-  Error error = Error::make(kCocoaErrorDomain, 3840, "The data couldn't be read because it isn't in the correct format.");
+  Error error = Error::make(kCocoaErrorDomain, 3840,
+                            "The data couldn't be read because it isn't in the correct format.");
   error.userInfo[std::string(kDebugDescriptionErrorKey)] = std::string(reason);
   return error;
 }

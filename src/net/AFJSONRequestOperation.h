@@ -1,11 +1,10 @@
 #pragma once
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "net/AFHTTPRequestOperation.h"
 
@@ -19,7 +18,8 @@ struct JSONReadingOptions {
 class AFJSONRequestOperation : public AFHTTPRequestOperation {
  public:
   static constexpr std::string_view kClassName = "AFJSONRequestOperation";
-  using JSONSuccess = std::function<void(const HttpRequest&, const std::optional<HttpResponse>&, const nlohmann::json&)>;
+  using JSONSuccess =
+      std::function<void(const HttpRequest&, const std::optional<HttpResponse>&, const nlohmann::json&)>;
   using JSONFailure = std::function<void(const HttpRequest&, const std::optional<HttpResponse>&, const Error&,
                                          const nlohmann::json&)>;
 
@@ -30,7 +30,8 @@ class AFJSONRequestOperation : public AFHTTPRequestOperation {
   }
   static std::set<std::string> acceptablePathExtensions() { return {"json"}; }
   static bool canProcessRequest(const HttpRequest& request) {
-    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(), acceptablePathExtensions());
+    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(),
+                                        acceptablePathExtensions());
   }
 
   // An operation whose blocks get the request, the response and the parsed JSON (null when there

@@ -1,10 +1,9 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "net/AFHTTPRequestOperation.h"
 #include "net/PropertyList.h"
@@ -23,7 +22,8 @@ class AFPropertyListRequestOperation : public AFHTTPRequestOperation {
   }
   static std::set<std::string> acceptablePathExtensions() { return {"plist"}; }
   static bool canProcessRequest(const HttpRequest& request) {
-    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(), acceptablePathExtensions());
+    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(),
+                                        acceptablePathExtensions());
   }
 
   // Nothing for an empty body.

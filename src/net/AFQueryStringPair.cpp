@@ -18,7 +18,8 @@ std::string describe(const nlohmann::json& value) {
   return safeStringValue(value).value_or(value.dump());
 }
 
-void flatten(const std::optional<std::string>& key, const nlohmann::json& value, std::vector<AFQueryStringPair>& out) {
+void flatten(const std::optional<std::string>& key, const nlohmann::json& value,
+             std::vector<AFQueryStringPair>& out) {
   if (value.is_object()) {
     // nlohmann keeps object keys in byte order, which is the order wanted here.
     for (const auto& [innerKey, innerValue] : value.items()) {

@@ -1,11 +1,10 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "net/TextEncoding.h"
 
@@ -27,7 +26,8 @@ struct AFQueryStringPair {
 std::vector<AFQueryStringPair> queryStringPairsFromDictionary(const nlohmann::json& parameters);
 
 // The pairs written and joined with "&".
-std::string queryStringFromParameters(const nlohmann::json& parameters, std::string_view charset = kUTF8Charset);
+std::string queryStringFromParameters(const nlohmann::json& parameters,
+                                      std::string_view charset = kUTF8Charset);
 
 // Percent-escaping of keys and values: ":/?&=;+!@#$()',*" and everything never legal in a URL are
 // escaped; keys keep "[]." so nested keys stay readable.

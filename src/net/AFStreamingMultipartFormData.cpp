@@ -12,15 +12,15 @@ namespace lectern {
 
 std::string mimeTypeForPathExtension(std::string_view extension) {
   static const std::map<std::string, std::string, std::less<>> kTypes = {
-      {"bmp", "image/bmp"},         {"css", "text/css"},         {"csv", "text/csv"},
-      {"gif", "image/gif"},         {"htm", "text/html"},        {"html", "text/html"},
-      {"ico", "image/x-icon"},      {"jpeg", "image/jpeg"},      {"jpg", "image/jpeg"},
-      {"js", "text/javascript"},    {"json", "application/json"}, {"m4a", "audio/mp4"},
-      {"mov", "video/quicktime"},   {"mp3", "audio/mpeg"},       {"mp4", "video/mp4"},
-      {"opml", "text/x-opml"},      {"pdf", "application/pdf"},  {"plist", "application/x-plist"},
-      {"png", "image/png"},         {"svg", "image/svg+xml"},    {"tif", "image/tiff"},
-      {"tiff", "image/tiff"},       {"txt", "text/plain"},       {"webp", "image/webp"},
-      {"xml", "application/xml"},   {"zip", "application/zip"}};
+      {"bmp", "image/bmp"},       {"css", "text/css"},          {"csv", "text/csv"},
+      {"gif", "image/gif"},       {"htm", "text/html"},         {"html", "text/html"},
+      {"ico", "image/x-icon"},    {"jpeg", "image/jpeg"},       {"jpg", "image/jpeg"},
+      {"js", "text/javascript"},  {"json", "application/json"}, {"m4a", "audio/mp4"},
+      {"mov", "video/quicktime"}, {"mp3", "audio/mpeg"},        {"mp4", "video/mp4"},
+      {"opml", "text/x-opml"},    {"pdf", "application/pdf"},   {"plist", "application/x-plist"},
+      {"png", "image/png"},       {"svg", "image/svg+xml"},     {"tif", "image/tiff"},
+      {"tiff", "image/tiff"},     {"txt", "text/plain"},        {"webp", "image/webp"},
+      {"xml", "application/xml"}, {"zip", "application/zip"}};
   const auto it = kTypes.find(toLowerASCII(extension));
   return it == kTypes.end() ? "application/octet-stream" : it->second;
 }
@@ -28,15 +28,19 @@ std::string mimeTypeForPathExtension(std::string_view extension) {
 AFStreamingMultipartFormData::AFStreamingMultipartFormData(HttpRequest request)
     : request_(std::move(request)), bodyStream_(std::make_shared<AFMultipartBodyStream>()) {}
 
-Result<void> AFStreamingMultipartFormData::appendPartWithFileURL(std::string_view fileURL, std::string_view name) {
+Result<void> AFStreamingMultipartFormData::appendPartWithFileURL(std::string_view fileURL,
+                                                                 std::string_view name) {
   const auto url = URL::parse(fileURL);
   const std::string path = url ? percentUnescape(url->path()) : std::string();
   const std::string fileName = std::filesystem::path(path).filename().string();
-  return appendPartWithFileURL(fileURL, name, fileName, mimeTypeForPathExtension(url ? url->pathExtension() : ""));
+  return appendPartWithFileURL(fileURL, name, fileName,
+                               mimeTypeForPathExtension(url ? url->pathExtension() : ""));
 }
 
-Result<void> AFStreamingMultipartFormData::appendPartWithFileURL(std::string_view fileURL, std::string_view name,
-                                                                 std::string_view fileName, std::string_view mimeType) {
+Result<void> AFStreamingMultipartFormData::appendPartWithFileURL(std::string_view fileURL,
+                                                                 std::string_view name,
+                                                                 std::string_view fileName,
+                                                                 std::string_view mimeType) {
   const auto url = URL::parse(fileURL);
   if (!url || !equalsIgnoringASCIICase(url->scheme(), "file")) {
     Error error = makeURLError(URLErrorCode::kBadURL, fileURL, "Expected URL to be a file URL");
@@ -56,12 +60,14 @@ Result<void> AFStreamingMultipartFormData::appendPartWithFileURL(std::string_vie
   headers.set("Content-Disposition",
               "form-data; name=\"" + std::string(name) + "\"; filename=\"" + std::string(fileName) + "\"");
   headers.set("Content-Type", std::string(mimeType));
-  bodyStream_->appendHTTPBodyPart(AFHTTPBodyPart(std::string(kAFMultipartFormBoundary), std::move(headers), path, size));
+  bodyStream_->appendHTTPBodyPart(
+      AFHTTPBodyPart(std::string(kAFMultipartFormBoundary), std::move(headers), path, size));
   return {};
 }
 
-void AFStreamingMultipartFormData::appendPartWithInputStream(std::shared_ptr<InputStream> stream, std::string_view name,
-                                                             std::string_view fileName, std::uint64_t length,
+void AFStreamingMultipartFormData::appendPartWithInputStream(std::shared_ptr<InputStream> stream,
+                                                             std::string_view name, std::string_view fileName,
+                                                             std::uint64_t length,
                                                              std::string_view mimeType) {
   HttpHeaders headers;
   headers.set("Content-Disposition",
@@ -72,7 +78,8 @@ void AFStreamingMultipartFormData::appendPartWithInputStream(std::shared_ptr<Inp
 }
 
 void AFStreamingMultipartFormData::appendPartWithFileData(std::string data, std::string_view name,
-                                                          std::string_view fileName, std::string_view mimeType) {
+                                                          std::string_view fileName,
+                                                          std::string_view mimeType) {
   HttpHeaders headers;
   headers.set("Content-Disposition",
               "form-data; name=\"" + std::string(name) + "\"; filename=\"" + std::string(fileName) + "\"");
@@ -96,7 +103,8 @@ void AFStreamingMultipartFormData::throttleBandwidthWithPacketSize(size_t number
                                                                    std::chrono::duration<double> delay) {
   bodyStream_->setNumberOfBytesInPacket(numberOfBytes);
   if (delay.count() > 0 && numberOfBytes > 0) {
-    request_.maxSendBytesPerSecond = static_cast<std::uint64_t>(static_cast<double>(numberOfBytes) / delay.count());
+    request_.maxSendBytesPerSecond =
+        static_cast<std::uint64_t>(static_cast<double>(numberOfBytes) / delay.count());
   }
 }
 

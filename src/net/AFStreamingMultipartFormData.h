@@ -23,8 +23,8 @@ class AFStreamingMultipartFormData {
   // The file at a "file://" URL, named by its last path component, its MIME type from its
   // extension. Fails with "Expected URL to be a file URL" or "File URL not reachable.".
   Result<void> appendPartWithFileURL(std::string_view fileURL, std::string_view name);
-  Result<void> appendPartWithFileURL(std::string_view fileURL, std::string_view name, std::string_view fileName,
-                                     std::string_view mimeType);
+  Result<void> appendPartWithFileURL(std::string_view fileURL, std::string_view name,
+                                     std::string_view fileName, std::string_view mimeType);
   void appendPartWithInputStream(std::shared_ptr<InputStream> stream, std::string_view name,
                                  std::string_view fileName, std::uint64_t length, std::string_view mimeType);
   void appendPartWithFileData(std::string data, std::string_view name, std::string_view fileName,

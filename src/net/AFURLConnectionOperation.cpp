@@ -15,7 +15,8 @@ class AFURLConnectionOperation::Connection final : public TransferDelegate {
   Connection(std::shared_ptr<AFURLConnectionOperation> operation, std::uint64_t generation)
       : operation_(std::move(operation)), generation_(generation) {}
 
-  std::optional<HttpRequest> willRedirect(HttpRequest proposed, const HttpResponse& redirectResponse) override {
+  std::optional<HttpRequest> willRedirect(HttpRequest proposed,
+                                          const HttpResponse& redirectResponse) override {
     return operation_->transferWillRedirect(std::move(proposed), redirectResponse);
   }
   ResponseDisposition didReceiveResponse(const HttpResponse& response) override {
@@ -38,7 +39,9 @@ class AFURLConnectionOperation::Connection final : public TransferDelegate {
 
 namespace {
 
-Error cancelledError(const std::string& url) { return makeURLError(URLErrorCode::kCancelled, url, "cancelled"); }
+Error cancelledError(const std::string& url) {
+  return makeURLError(URLErrorCode::kCancelled, url, "cancelled");
+}
 
 // "Basic realm="Lectern"" -> ("Basic", "Lectern").
 std::pair<std::string, std::string> parseChallenge(std::string_view header) {
@@ -164,7 +167,8 @@ void AFURLConnectionOperation::setDownloadProgressBlock(ProgressBlock block) {
   downloadProgress_ = std::move(block);
 }
 
-void AFURLConnectionOperation::setWillSendRequestForAuthenticationChallengeBlock(AuthenticationChallengeBlock block) {
+void AFURLConnectionOperation::setWillSendRequestForAuthenticationChallengeBlock(
+    AuthenticationChallengeBlock block) {
   std::lock_guard lock(lock_);
   challengeBlock_ = std::move(block);
 }
@@ -227,7 +231,8 @@ void AFURLConnectionOperation::startTransfer(HttpRequest request) {
     std::lock_guard lock(lock_);
     generation = ++generation_;
   }
-  const auto id = session_.transport().start(std::move(request), std::make_shared<Connection>(self, generation));
+  const auto id =
+      session_.transport().start(std::move(request), std::make_shared<Connection>(self, generation));
   bool cancelNow = false;
   {
     std::lock_guard lock(lock_);
@@ -284,7 +289,8 @@ void AFURLConnectionOperation::resume() {
                totalBytesRead_ >= static_cast<std::uint64_t>(expected);
     if (!complete) {
       request = request_;
-      request.allowsInvalidSSLCertificate = request.allowsInvalidSSLCertificate || allowsInvalidSSLCertificate_;
+      request.allowsInvalidSSLCertificate =
+          request.allowsInvalidSSLCertificate || allowsInvalidSSLCertificate_;
       prepareRequestForResume(request, totalBytesRead_, response_);
     }
   }
@@ -295,7 +301,8 @@ void AFURLConnectionOperation::resume() {
   startTransfer(std::move(request));
 }
 
-void AFURLConnectionOperation::prepareRequestForResume(HttpRequest&, std::uint64_t, const std::optional<HttpResponse>&) {}
+void AFURLConnectionOperation::prepareRequestForResume(HttpRequest&, std::uint64_t,
+                                                       const std::optional<HttpResponse>&) {}
 
 void AFURLConnectionOperation::finishOperation() { finish(); }
 
@@ -333,7 +340,8 @@ std::optional<HttpRequest> AFURLConnectionOperation::transferWillRedirect(HttpRe
 
 std::optional<ResponseDisposition> AFURLConnectionOperation::answerChallenge(const HttpResponse& response) {
   if (response.statusCode != 401 && response.statusCode != 407) return std::nullopt;
-  const auto header = response.headers.value(response.statusCode == 401 ? "WWW-Authenticate" : "Proxy-Authenticate");
+  const auto header =
+      response.headers.value(response.statusCode == 401 ? "WWW-Authenticate" : "Proxy-Authenticate");
   if (!header) return std::nullopt;
   AuthenticationChallenge challenge;
   AuthenticationChallengeBlock block;
@@ -354,7 +362,9 @@ std::optional<ResponseDisposition> AFURLConnectionOperation::answerChallenge(con
   if (block) answer = block(challenge);
   std::optional<HttpCredential> use;
   switch (answer.disposition) {
-    case AuthenticationChallengeDisposition::kUseCredential: use = answer.credential; break;
+    case AuthenticationChallengeDisposition::kUseCredential:
+      use = answer.credential;
+      break;
     case AuthenticationChallengeDisposition::kPerformDefaultHandling:
       // The operation's credential is tried once; a second refusal is the answer.
       if (challenge.previousFailureCount == 0) use = challenge.proposedCredential;
@@ -365,7 +375,8 @@ std::optional<ResponseDisposition> AFURLConnectionOperation::answerChallenge(con
                                           "The user cancelled authentication.");
       return disposition;
     }
-    case AuthenticationChallengeDisposition::kContinueWithoutCredential: break;
+    case AuthenticationChallengeDisposition::kContinueWithoutCredential:
+      break;
   }
   if (!use) return std::nullopt;
   {
@@ -389,11 +400,12 @@ ResponseDisposition AFURLConnectionOperation::transferDidReceiveResponse(std::ui
 
   std::lock_guard lock(lock_);
   const auto expected = response.expectedContentLength();
-  if (outputStream_->isInMemory() && expected > 0 && static_cast<std::uint64_t>(expected) > maximumResponseSize_) {
-    return ResponseDisposition{std::nullopt,
-                               makeURLError(URLErrorCode::kDataLengthExceedsMaximum, response.url,
-                                            "The response is larger than " + std::to_string(maximumResponseSize_) +
-                                                " bytes, the most Lectern accepts.")};
+  if (outputStream_->isInMemory() && expected > 0 &&
+      static_cast<std::uint64_t>(expected) > maximumResponseSize_) {
+    return ResponseDisposition{
+        std::nullopt, makeURLError(URLErrorCode::kDataLengthExceedsMaximum, response.url,
+                                   "The response is larger than " + std::to_string(maximumResponseSize_) +
+                                       " bytes, the most Lectern accepts.")};
   }
   // A resumed download the server sends whole again starts over.
   if (totalBytesRead_ > 0 && response.statusCode != 206) {
@@ -407,7 +419,7 @@ ResponseDisposition AFURLConnectionOperation::transferDidReceiveResponse(std::ui
 }
 
 std::optional<Error> AFURLConnectionOperation::transferDidReceiveData(std::uint64_t generation,
-                                                                     std::string_view bytes) {
+                                                                      std::string_view bytes) {
   ProgressBlock progress;
   std::uint64_t total;
   std::int64_t expected;
@@ -426,7 +438,8 @@ std::optional<Error> AFURLConnectionOperation::transferDidReceiveData(std::uint6
     progress = downloadProgress_;
   }
   if (progress) {
-    session_.mainQueue().post([progress, n = bytes.size(), total, expected] { progress(n, total, expected); });
+    session_.mainQueue().post(
+        [progress, n = bytes.size(), total, expected] { progress(n, total, expected); });
   }
   return std::nullopt;
 }
@@ -438,7 +451,8 @@ void AFURLConnectionOperation::transferDidSendBodyData(std::uint64_t bytes, std:
     std::lock_guard lock(lock_);
     progress = uploadProgress_;
   }
-  if (progress) session_.mainQueue().post([progress, bytes, total, expected] { progress(bytes, total, expected); });
+  if (progress)
+    session_.mainQueue().post([progress, bytes, total, expected] { progress(bytes, total, expected); });
 }
 
 void AFURLConnectionOperation::transferDidComplete(std::uint64_t generation, std::optional<Error> error) {

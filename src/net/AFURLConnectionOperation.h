@@ -34,19 +34,19 @@ struct AuthenticationChallenge {
 };
 
 enum class AuthenticationChallengeDisposition {
-  kUseCredential,              // send again with the given credential (as Basic authorization)
-  kPerformDefaultHandling,     // the operation's credential, once
+  kUseCredential,                  // send again with the given credential (as Basic authorization)
+  kPerformDefaultHandling,         // the operation's credential, once
   kCancelAuthenticationChallenge,  // fail with -1012
-  kContinueWithoutCredential,  // take the 401 as the answer
+  kContinueWithoutCredential,      // take the 401 as the answer
 };
 
 struct AuthenticationChallengeResponse {
-  AuthenticationChallengeDisposition disposition = AuthenticationChallengeDisposition::kPerformDefaultHandling;
+  AuthenticationChallengeDisposition disposition =
+      AuthenticationChallengeDisposition::kPerformDefaultHandling;
   std::optional<HttpCredential> credential;
 };
 
-// One HTTP exchange run as a queue operation: it hands its request to the session's transport,
-// streams the body into its output stream and finishes with the response or the transport error.
+// One HTTP exchange run as a queue operation: the transport streams the body into its output stream.
 // Made by a client on any thread, run by the client's operation queue; thread-safe.
 class AFURLConnectionOperation : public Operation {
  public:
@@ -55,8 +55,8 @@ class AFURLConnectionOperation : public Operation {
   using AuthenticationChallengeBlock =
       std::function<AuthenticationChallengeResponse(const AuthenticationChallenge& challenge)>;
   // Returns the request to follow the redirect with, or nothing to take the redirect answer as final.
-  using RedirectResponseBlock =
-      std::function<std::optional<HttpRequest>(const HttpRequest& proposed, const HttpResponse& redirectResponse)>;
+  using RedirectResponseBlock = std::function<std::optional<HttpRequest>(
+      const HttpRequest& proposed, const HttpResponse& redirectResponse)>;
 
   AFURLConnectionOperation(NetworkSession& session, HttpRequest request);
   ~AFURLConnectionOperation() override;

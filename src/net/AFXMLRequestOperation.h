@@ -8,9 +8,8 @@
 
 namespace lectern {
 
-// An HTTP operation whose body is XML. The body is handed on unparsed (XMLParserInput) for an
-// event-driven parser: whether it is well-formed is the consumer's verdict, since the feed reader
-// rescues some bodies its parser first rejects. Thread-safe.
+// An HTTP operation whose XML body is handed on unparsed (XMLParserInput): the consumer's parser judges it,
+// since the feed reader rescues some bodies its parser first rejects. Thread-safe.
 class AFXMLRequestOperation : public AFHTTPRequestOperation {
  public:
   static constexpr std::string_view kClassName = "AFXMLRequestOperation";
@@ -22,7 +21,8 @@ class AFXMLRequestOperation : public AFHTTPRequestOperation {
   }
   static std::set<std::string> acceptablePathExtensions() { return {"xml"}; }
   static bool canProcessRequest(const HttpRequest& request) {
-    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(), acceptablePathExtensions());
+    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(),
+                                        acceptablePathExtensions());
   }
 
   XMLParserInput responseXMLParser();

@@ -4,7 +4,8 @@
 
 namespace lectern {
 
-CannedTransport::CannedTransport(Handler handler) : handler_(std::move(handler)), thread_([this] { run(); }) {}
+CannedTransport::CannedTransport(Handler handler)
+    : handler_(std::move(handler)), thread_([this] { run(); }) {}
 
 CannedTransport::~CannedTransport() {
   {
@@ -15,7 +16,8 @@ CannedTransport::~CannedTransport() {
   thread_.join();
 }
 
-Transport::TransferId CannedTransport::start(HttpRequest request, std::shared_ptr<TransferDelegate> delegate) {
+Transport::TransferId CannedTransport::start(HttpRequest request,
+                                             std::shared_ptr<TransferDelegate> delegate) {
   std::lock_guard lock(mutex_);
   const TransferId id = nextId_++;
   jobs_.push_back(Job{id, std::move(request), std::move(delegate)});
@@ -87,7 +89,8 @@ void CannedTransport::deliver(Job& job) {
     }
     // Two pieces, so code that appends chunks is exercised.
     const size_t half = answer.body.size() / 2;
-    for (std::string_view piece : {std::string_view(answer.body).substr(0, half), std::string_view(answer.body).substr(half)}) {
+    for (std::string_view piece :
+         {std::string_view(answer.body).substr(0, half), std::string_view(answer.body).substr(half)}) {
       if (piece.empty()) continue;
       if (auto error = job.delegate->didReceiveData(piece)) {
         job.delegate->didComplete(std::move(error));

@@ -69,20 +69,22 @@ bool isRedirectStatus(long status) {
 Error certificateError(long verifyResult, const std::string& url, const char* detail) {
   switch (verifyResult) {
     case X509_V_ERR_CERT_HAS_EXPIRED:
-      return makeURLError(URLErrorCode::kServerCertificateHasBadDate, url, "The server certificate has expired.", detail);
+      return makeURLError(URLErrorCode::kServerCertificateHasBadDate, url,
+                          "The server certificate has expired.", detail);
     case X509_V_ERR_CERT_NOT_YET_VALID:
-      return makeURLError(URLErrorCode::kServerCertificateNotYetValid, url, "The server certificate is not yet valid.",
-                          detail);
+      return makeURLError(URLErrorCode::kServerCertificateNotYetValid, url,
+                          "The server certificate is not yet valid.", detail);
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
     case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
       return makeURLError(URLErrorCode::kServerCertificateHasUnknownRoot, url,
                           "The server certificate is not signed by a known authority.", detail);
     case X509_V_ERR_CERT_REVOKED:
-      return makeURLError(URLErrorCode::kClientCertificateRejected, url, "The server certificate was revoked.", detail);
+      return makeURLError(URLErrorCode::kClientCertificateRejected, url,
+                          "The server certificate was revoked.", detail);
     default:
-      return makeURLError(URLErrorCode::kServerCertificateUntrusted, url, "The server certificate is not trusted.",
-                          detail);
+      return makeURLError(URLErrorCode::kServerCertificateUntrusted, url,
+                          "The server certificate is not trusted.", detail);
   }
 }
 
@@ -92,28 +94,35 @@ Error errorForCurlCode(CURLcode code, const Transfer& transfer) {
   const char* detail = transfer.errorBuffer[0] != '\0' ? transfer.errorBuffer : curl_easy_strerror(code);
   auto error = [&](int urlCode, std::string_view text) { return makeURLError(urlCode, url, text, detail); };
   switch (code) {
-    case CURLE_OPERATION_TIMEDOUT: return error(URLErrorCode::kTimedOut, "The request timed out.");
+    case CURLE_OPERATION_TIMEDOUT:
+      return error(URLErrorCode::kTimedOut, "The request timed out.");
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
       return error(URLErrorCode::kCannotFindHost, "A server with the specified hostname could not be found.");
-    case CURLE_COULDNT_CONNECT: return error(URLErrorCode::kCannotConnectToHost, "Could not connect to the server.");
+    case CURLE_COULDNT_CONNECT:
+      return error(URLErrorCode::kCannotConnectToHost, "Could not connect to the server.");
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE: return error(URLErrorCode::kNetworkConnectionLost, "The network connection was lost.");
-    case CURLE_TOO_MANY_REDIRECTS: return error(URLErrorCode::kHTTPTooManyRedirects, "Too many HTTP redirects.");
-    case CURLE_URL_MALFORMAT: return error(URLErrorCode::kBadURL, "The URL is not valid.");
+    case CURLE_PARTIAL_FILE:
+      return error(URLErrorCode::kNetworkConnectionLost, "The network connection was lost.");
+    case CURLE_TOO_MANY_REDIRECTS:
+      return error(URLErrorCode::kHTTPTooManyRedirects, "Too many HTTP redirects.");
+    case CURLE_URL_MALFORMAT:
+      return error(URLErrorCode::kBadURL, "The URL is not valid.");
     case CURLE_UNSUPPORTED_PROTOCOL:
       // A peer that answers without a status line is a bad server, not a bad URL.
       if (std::string_view(detail).find("HTTP/0.9") != std::string_view::npos) {
-        return error(URLErrorCode::kBadServerResponse, "The server returned a response that could not be read.");
+        return error(URLErrorCode::kBadServerResponse,
+                     "The server returned a response that could not be read.");
       }
       return error(URLErrorCode::kUnsupportedURL, "The URL is not supported.");
     case CURLE_WEIRD_SERVER_REPLY:
     case CURLE_HTTP2:
     case CURLE_HTTP2_STREAM:
     case CURLE_HTTP3:
-      return error(URLErrorCode::kBadServerResponse, "The server returned a response that could not be read.");
+      return error(URLErrorCode::kBadServerResponse,
+                   "The server returned a response that could not be read.");
     case CURLE_BAD_CONTENT_ENCODING:
       return error(URLErrorCode::kCannotDecodeRawData, "The response body could not be decompressed.");
     case CURLE_FILESIZE_EXCEEDED:
@@ -124,7 +133,8 @@ Error errorForCurlCode(CURLcode code, const Transfer& transfer) {
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_ISSUER_ERROR: {
       long verifyResult = 0;
-      if (transfer.easy != nullptr) curl_easy_getinfo(transfer.easy, CURLINFO_SSL_VERIFYRESULT, &verifyResult);
+      if (transfer.easy != nullptr)
+        curl_easy_getinfo(transfer.easy, CURLINFO_SSL_VERIFYRESULT, &verifyResult);
       return certificateError(verifyResult, url, detail);
     }
     case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
@@ -143,8 +153,10 @@ Error errorForCurlCode(CURLcode code, const Transfer& transfer) {
     case CURLE_SSL_ENGINE_INITFAILED:
       return error(URLErrorCode::kSecureConnectionFailed,
                    "A TLS error occurred and a secure connection to the server cannot be made.");
-    case CURLE_ABORTED_BY_CALLBACK: return error(URLErrorCode::kCancelled, "cancelled");
-    default: return error(URLErrorCode::kUnknown, "An unknown network error occurred.");
+    case CURLE_ABORTED_BY_CALLBACK:
+      return error(URLErrorCode::kCancelled, "cancelled");
+    default:
+      return error(URLErrorCode::kUnknown, "An unknown network error occurred.");
   }
 }
 
@@ -162,6 +174,10 @@ struct CurlTransport::Impl {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, options.maximumCachedConnections);
+    // Only the network thread touches the share, so it needs no lock callbacks.
+    share = curl_share_init();
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     thread = std::thread([this] { run(); });
   }
 
@@ -173,6 +189,7 @@ struct CurlTransport::Impl {
     curl_multi_wakeup(multi);
     thread.join();
     curl_multi_cleanup(multi);
+    curl_share_cleanup(share);
     curl_global_cleanup();
   }
 
@@ -198,7 +215,8 @@ struct CurlTransport::Impl {
       }
       for (auto& command : batch) {
         if (stop && command.kind == Command::Kind::kStart) {
-          command.delegate->didComplete(makeURLError(URLErrorCode::kCancelled, command.request.url, "cancelled"));
+          command.delegate->didComplete(
+              makeURLError(URLErrorCode::kCancelled, command.request.url, "cancelled"));
           continue;
         }
         command.kind == Command::Kind::kStart ? begin(std::move(command)) : cancel(command.id);
@@ -256,8 +274,8 @@ struct CurlTransport::Impl {
         idle.push_back(id);
         continue;
       }
-      const auto deadline =
-          transfer->lastActivity + std::chrono::duration_cast<SteadyClock::duration>(transfer->request.timeoutInterval);
+      const auto deadline = transfer->lastActivity + std::chrono::duration_cast<SteadyClock::duration>(
+                                                         transfer->request.timeoutInterval);
       sleep = std::min(sleep, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now) +
                                   std::chrono::milliseconds(1));
     }
@@ -330,10 +348,12 @@ struct CurlTransport::Impl {
     const HttpRequest& r = t.request;
     if (r.url.empty()) return makeURLError(URLErrorCode::kBadURL, r.url, "The URL is not valid.");
     if (r.bodyStream && !r.bodyStream->rewind()) {
-      return makeURLError(URLErrorCode::kRequestBodyStreamExhausted, r.url, "The request body could not be read again.");
+      return makeURLError(URLErrorCode::kRequestBodyStreamExhausted, r.url,
+                          "The request body could not be read again.");
     }
     t.easy = curl_easy_init();
-    if (t.easy == nullptr) return makeURLError(URLErrorCode::kUnknown, r.url, "An unknown network error occurred.");
+    if (t.easy == nullptr)
+      return makeURLError(URLErrorCode::kUnknown, r.url, "An unknown network error occurred.");
     CURL* e = t.easy;
     curl_easy_setopt(e, CURLOPT_URL, r.url.c_str());
     curl_easy_setopt(e, CURLOPT_PRIVATE, &t);
@@ -344,6 +364,9 @@ struct CurlTransport::Impl {
     curl_easy_setopt(e, CURLOPT_NOPROXY, "localhost,127.0.0.1,::1");
     curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "gzip, deflate");  // decoded by libcurl
     curl_easy_setopt(e, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(e, CURLOPT_SHARE, share);
+    if (options.acceptCookies)
+      curl_easy_setopt(e, CURLOPT_COOKIEFILE, "");  // the engine on, nothing read from disk
     const auto timeoutMs = std::chrono::duration_cast<std::chrono::milliseconds>(r.timeoutInterval).count();
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::max<long long>(timeoutMs, 1)));
     const bool verify = options.verifyTLS && !r.allowsInvalidSSLCertificate;
@@ -376,7 +399,8 @@ struct CurlTransport::Impl {
         const auto length = r.bodyStream->length();
         curl_easy_setopt(e, CURLOPT_READFUNCTION, &onRead);
         curl_easy_setopt(e, CURLOPT_READDATA, &t);
-        curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, length ? static_cast<curl_off_t>(*length) : curl_off_t{-1});
+        curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
+                         length ? static_cast<curl_off_t>(*length) : curl_off_t{-1});
       } else {
         curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(r.body.size()));
         curl_easy_setopt(e, CURLOPT_POSTFIELDS, r.body.data());
@@ -391,7 +415,8 @@ struct CurlTransport::Impl {
       t.headerList = curl_slist_append(t.headerList, line.c_str());
     }
     // Without these libcurl would label bodies as forms and wait for "100 Continue".
-    if (sendsBody && !r.headers.contains("Content-Type")) t.headerList = curl_slist_append(t.headerList, "Content-Type:");
+    if (sendsBody && !r.headers.contains("Content-Type"))
+      t.headerList = curl_slist_append(t.headerList, "Content-Type:");
     t.headerList = curl_slist_append(t.headerList, "Expect:");
     curl_easy_setopt(e, CURLOPT_HTTPHEADER, t.headerList);
     return std::nullopt;
@@ -446,7 +471,8 @@ struct CurlTransport::Impl {
       const auto target = base ? base->resolve(*location) : std::nullopt;
       if (target && target->hasAuthority()) {
         if (t.hops >= t.options->maximumRedirects) {
-          t.abortError = makeURLError(URLErrorCode::kHTTPTooManyRedirects, t.request.url, "Too many HTTP redirects.");
+          t.abortError =
+              makeURLError(URLErrorCode::kHTTPTooManyRedirects, t.request.url, "Too many HTTP redirects.");
           return false;
         }
         HttpRequest proposed = t.request;
@@ -481,7 +507,8 @@ struct CurlTransport::Impl {
     }
     if (disposition.restartWith) {
       if (++t.hops > t.options->maximumRedirects) {
-        t.abortError = makeURLError(URLErrorCode::kHTTPTooManyRedirects, t.request.url, "Too many HTTP redirects.");
+        t.abortError =
+            makeURLError(URLErrorCode::kHTTPTooManyRedirects, t.request.url, "Too many HTTP redirects.");
         return false;
       }
       t.nextRequest = std::move(disposition.restartWith);
@@ -516,7 +543,8 @@ struct CurlTransport::Impl {
     return *read;
   }
 
-  static int onProgress(void* userdata, curl_off_t, curl_off_t, curl_off_t uploadTotal, curl_off_t uploadNow) {
+  static int onProgress(void* userdata, curl_off_t, curl_off_t, curl_off_t uploadTotal,
+                        curl_off_t uploadNow) {
     auto& t = *static_cast<Transfer*>(userdata);
     if (uploadNow > t.uploaded) {
       t.touch();
@@ -529,6 +557,7 @@ struct CurlTransport::Impl {
 
   const CurlTransportOptions options;
   CURLM* multi = nullptr;
+  CURLSH* share = nullptr;
   std::thread thread;
 
   std::mutex mutex;  // guards commands, stopping
@@ -554,10 +583,13 @@ Transport::TransferId CurlTransport::start(HttpRequest request, std::shared_ptr<
   return id;
 }
 
-void CurlTransport::cancel(TransferId transfer) { impl_->post(Impl::Command{Impl::Command::Kind::kCancel, transfer, {}, {}}); }
+void CurlTransport::cancel(TransferId transfer) {
+  impl_->post(Impl::Command{Impl::Command::Kind::kCancel, transfer, {}, {}});
+}
 
 TransportStatistics CurlTransport::statistics() const {
-  return TransportStatistics{impl_->statistics.transfersStarted.load(), impl_->statistics.connectionsOpened.load()};
+  return TransportStatistics{impl_->statistics.transfersStarted.load(),
+                             impl_->statistics.connectionsOpened.load()};
 }
 
 }  // namespace lectern

@@ -7,16 +7,18 @@
 namespace lectern {
 
 struct CurlTransportOptions {
-  bool verifyTLS = true;        // only tests turn certificate checks off
-  int maximumRedirects = 16;    // one more fails with -1007
+  bool verifyTLS = true;      // only tests turn certificate checks off
+  int maximumRedirects = 16;  // one more fails with -1007
   long maximumCachedConnections = 32;
-  size_t maximumHeaderCount = 500;          // a response with more fields fails with -1011
+  size_t maximumHeaderCount = 500;  // a response with more fields fails with -1011
   size_t maximumHeaderBytes = 256 * 1024;
+  // One in-memory cookie store for every request, as the platform's shared store was (a NewsBlur
+  // login lives in a cookie). Cookies end with the transport.
+  bool acceptCookies = true;
 };
 
-// The real transport: one libcurl multi handle driven by one network thread ("AFNetworking"), so
-// every client shares one connection cache and requests to one host reuse connections.
-// Owned by the NetworkSession; thread-safe.
+// The real transport: one libcurl multi handle on one network thread ("AFNetworking"), so every client shares
+// one connection cache and cookie store. Owned by the NetworkSession; thread-safe.
 class CurlTransport final : public Transport {
  public:
   explicit CurlTransport(CurlTransportOptions options = {});

@@ -26,7 +26,8 @@ std::string toASCII(std::string_view text) {
       icu::Transliterator::createInstance("Any-Latin; Latin-ASCII", UTRANS_FORWARD, status));
   std::string latin;
   if (U_SUCCESS(status) && transliterator) {
-    auto unicode = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+    auto unicode =
+        icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
     transliterator->transliterate(unicode);
     unicode.toUTF8String(latin);
   } else {
@@ -67,7 +68,8 @@ std::string userAgentHeaderValue(std::string_view version, std::string_view rele
   return isASCII(agent) ? agent : toASCII(agent);
 }
 
-std::vector<std::string> preferredLanguagesFromEnvironment(const std::function<const char*(const char*)>& getenvFn) {
+std::vector<std::string> preferredLanguagesFromEnvironment(
+    const std::function<const char*(const char*)>& getenvFn) {
   auto env = [&](const char* name) -> std::string_view {
     const char* value = getenvFn ? getenvFn(name) : std::getenv(name);
     return value != nullptr ? value : "";

@@ -27,7 +27,9 @@ void HttpHeaders::set(std::string_view name, std::string value) {
                 fields_.end());
 }
 
-void HttpHeaders::add(std::string_view name, std::string value) { fields_.emplace_back(std::string(name), std::move(value)); }
+void HttpHeaders::add(std::string_view name, std::string value) {
+  fields_.emplace_back(std::string(name), std::move(value));
+}
 
 void HttpHeaders::remove(std::string_view name) {
   std::erase_if(fields_, [&](const Field& f) { return equalsIgnoringASCIICase(f.first, name); });

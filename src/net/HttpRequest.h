@@ -34,7 +34,9 @@ struct HttpRequest {
   // Upload pacing of a throttled multipart body: bytes per second, 0 for no limit.
   std::uint64_t maxSendBytesPerSecond = 0;
 
-  std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const { return headers.value(name); }
+  std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
+    return headers.value(name);
+  }
   void setValue(std::string_view name, std::string value) { headers.set(name, std::move(value)); }
   // "<GET https://host/path>", for logs and error user info.
   std::string description() const { return "<" + method + " " + url + ">"; }

@@ -23,7 +23,8 @@ std::optional<std::string> HttpResponse::textEncodingName() const {
     if (equals == std::string_view::npos) continue;
     if (!equalsIgnoringASCIICase(trimView(parameter.substr(0, equals)), "charset")) continue;
     std::string_view value = trimView(parameter.substr(equals + 1));
-    if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
+    if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
+      value = value.substr(1, value.size() - 2);
     if (value.empty()) return std::nullopt;
     return toLowerASCII(value);
   }

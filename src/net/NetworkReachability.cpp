@@ -26,14 +26,16 @@ bool systemHasDefaultRoute() {
     std::string interface, destination, gateway, flags;
     fields >> interface >> destination >> gateway >> flags;
     // Destination 0.0.0.0 on an interface that is up (flag 1).
-    if (destination == "00000000" && interface != "lo" && (std::stoul(flags, nullptr, 16) & 1u) != 0) return true;
+    if (destination == "00000000" && interface != "lo" && (std::stoul(flags, nullptr, 16) & 1u) != 0)
+      return true;
   }
   std::ifstream ipv6("/proc/net/ipv6_route");
   while (std::getline(ipv6, line)) {
     std::istringstream fields(line);
-    std::string destination, prefixLength, source, sourceLength, nextHop, metric, references, use, flags, interface;
-    fields >> destination >> prefixLength >> source >> sourceLength >> nextHop >> metric >> references >> use >> flags >>
+    std::string destination, prefixLength, source, sourceLength, nextHop, metric, references, use, flags,
         interface;
+    fields >> destination >> prefixLength >> source >> sourceLength >> nextHop >> metric >> references >>
+        use >> flags >> interface;
     if (destination == std::string(32, '0') && prefixLength == "00" && interface != "lo" &&
         nextHop != std::string(32, '0')) {
       return true;
@@ -69,8 +71,8 @@ bool hostNameResolves(const std::string& host, std::chrono::milliseconds bound) 
   return lookup->done && lookup->found;
 }
 
-NetworkReachability::NetworkReachability(std::chrono::milliseconds resolveBound, std::chrono::milliseconds pollInterval,
-                                         Probes probes)
+NetworkReachability::NetworkReachability(std::chrono::milliseconds resolveBound,
+                                         std::chrono::milliseconds pollInterval, Probes probes)
     : resolveBound_(resolveBound), pollInterval_(pollInterval), probes_(std::move(probes)) {
   if (!probes_.hasRoute) probes_.hasRoute = systemHasDefaultRoute;
   if (!probes_.resolves) probes_.resolves = hostNameResolves;

@@ -12,19 +12,19 @@
 
 namespace lectern {
 
-// The program's reachability: a host is reachable when a route leaves this machine and the
-// host's name resolves within a bounded time (loopback hosts always are). A monitor thread
-// re-checks the route now and then and tells observers of changes on that thread. Owned by the
-// program; thread-safe.
+// Reachable means a default route is up and the host's name resolves in bounded time (loopback always is).
+// Owned by the program; thread-safe; a monitor thread re-checks the route and tells observers there.
 class NetworkReachability final : public Reachability {
  public:
   struct Probes {
-    std::function<bool()> hasRoute;                                                       // a default route is up
-    std::function<bool(const std::string& host, std::chrono::milliseconds bound)> resolves;  // the name resolves
+    std::function<bool()> hasRoute;  // a default route is up
+    std::function<bool(const std::string& host, std::chrono::milliseconds bound)>
+        resolves;  // the name resolves
   };
 
   explicit NetworkReachability(std::chrono::milliseconds resolveBound = std::chrono::seconds(5),
-                               std::chrono::milliseconds pollInterval = std::chrono::seconds(10), Probes probes = {});
+                               std::chrono::milliseconds pollInterval = std::chrono::seconds(10),
+                               Probes probes = {});
   ~NetworkReachability() override;
   NetworkReachability(const NetworkReachability&) = delete;
   NetworkReachability& operator=(const NetworkReachability&) = delete;

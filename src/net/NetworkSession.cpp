@@ -19,16 +19,18 @@ std::unique_ptr<Transport> curlTransportFor(const NetworkSessionOptions& options
   CurlTransportOptions curl;
   curl.verifyTLS = options.verifyTLS;
   curl.maximumRedirects = options.maximumRedirects;
+  curl.acceptCookies = options.acceptCookies;
   return std::make_unique<CurlTransport>(curl);
 }
 
 }  // namespace
 
-NetworkSession::NetworkSession(MainQueue& mainQueue, Reachability& reachability, NetworkSessionOptions options)
+NetworkSession::NetworkSession(MainQueue& mainQueue, Reachability& reachability,
+                               NetworkSessionOptions options)
     : NetworkSession(mainQueue, reachability, curlTransportFor(options), options) {}
 
-NetworkSession::NetworkSession(MainQueue& mainQueue, Reachability& reachability, std::unique_ptr<Transport> transport,
-                               NetworkSessionOptions options)
+NetworkSession::NetworkSession(MainQueue& mainQueue, Reachability& reachability,
+                               std::unique_ptr<Transport> transport, NetworkSessionOptions options)
     : mainQueue_(mainQueue),
       reachability_(reachability),
       options_(completed(std::move(options))),
@@ -46,11 +48,15 @@ NetworkSession::~NetworkSession() {
 
 OperationQueue& NetworkSession::processingQueue(ResponseProcessing kind) {
   switch (kind) {
-    case ResponseProcessing::kXML: return xmlQueue_;
-    case ResponseProcessing::kPropertyList: return propertyListQueue_;
-    case ResponseProcessing::kImage: return imageQueue_;
+    case ResponseProcessing::kXML:
+      return xmlQueue_;
+    case ResponseProcessing::kPropertyList:
+      return propertyListQueue_;
+    case ResponseProcessing::kImage:
+      return imageQueue_;
     case ResponseProcessing::kJSON:
-    case ResponseProcessing::kNone: return jsonQueue_;
+    case ResponseProcessing::kNone:
+      return jsonQueue_;
   }
   return jsonQueue_;
 }

@@ -26,6 +26,7 @@ struct NetworkSessionOptions {
   // Bodies kept in memory larger than this fail with -1103; bodies streamed to a file are not limited.
   std::uint64_t maximumResponseSize = 64ull * 1024 * 1024;
   int maximumRedirects = 16;
+  bool acceptCookies = true;  // one in-memory cookie store shared by every client
   std::chrono::duration<double> defaultTimeoutInterval{60.0};
   std::vector<std::string> preferredLanguages;  // empty: from the environment
   std::string systemRelease;                    // empty: the running kernel's
@@ -44,10 +45,8 @@ struct XAuthCallbacks {
   std::function<void(const Error&)> failure;
 };
 
-// What every HTTP client of the program shares: the transport with its connection cache and
-// network thread, the main queue completions go to, reachability, the response processing
-// queues and the OAuth nonce ledger. Made once by the program (or a test) and outliving every
-// client; thread-safe.
+// What every HTTP client shares: transport, main queue, reachability, processing queues, OAuth nonce ledger.
+// Made once by the program and outliving every client; thread-safe.
 class NetworkSession {
  public:
   // The real transport over libcurl.

@@ -57,7 +57,8 @@ Result<nlohmann::json> readValue(const xmlNode* node, int depth) {
   }
   if (name == "array") {
     nlohmann::json array = nlohmann::json::array();
-    for (const xmlNode* child = nextElement(node->children); child != nullptr; child = nextElement(child->next)) {
+    for (const xmlNode* child = nextElement(node->children); child != nullptr;
+         child = nextElement(child->next)) {
       auto parsed = readValue(child, depth + 1);
       if (!parsed) return parsed;
       array.push_back(std::move(*parsed));
@@ -94,10 +95,17 @@ std::string escapeXML(std::string_view text) {
   out.reserve(text.size());
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -122,12 +130,21 @@ void writeValue(const nlohmann::json& value, int indent, std::string& out) {
       }
       out += pad + "</array>\n";
       break;
-    case nlohmann::json::value_t::string: out += pad + "<string>" + escapeXML(value.get<std::string>()) + "</string>\n"; break;
-    case nlohmann::json::value_t::boolean: out += pad + (value.get<bool>() ? "<true/>\n" : "<false/>\n"); break;
+    case nlohmann::json::value_t::string:
+      out += pad + "<string>" + escapeXML(value.get<std::string>()) + "</string>\n";
+      break;
+    case nlohmann::json::value_t::boolean:
+      out += pad + (value.get<bool>() ? "<true/>\n" : "<false/>\n");
+      break;
     case nlohmann::json::value_t::number_integer:
-    case nlohmann::json::value_t::number_unsigned: out += pad + "<integer>" + value.dump() + "</integer>\n"; break;
-    case nlohmann::json::value_t::number_float: out += pad + "<real>" + value.dump() + "</real>\n"; break;
-    default: break;
+    case nlohmann::json::value_t::number_unsigned:
+      out += pad + "<integer>" + value.dump() + "</integer>\n";
+      break;
+    case nlohmann::json::value_t::number_float:
+      out += pad + "<real>" + value.dump() + "</real>\n";
+      break;
+    default:
+      break;
   }
 }
 

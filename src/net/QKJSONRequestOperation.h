@@ -16,10 +16,12 @@ class QKJSONRequestOperation : public AFJSONRequestOperation {
   }
 
   static std::optional<std::set<std::string>> defaultAcceptableContentTypes() {
-    return std::set<std::string>{"application/json", "text/json", "text/javascript", "text/plain", "text/html", "*/*"};
+    return std::set<std::string>{"application/json", "text/json", "text/javascript",
+                                 "text/plain",       "text/html", "*/*"};
   }
   static bool canProcessRequest(const HttpRequest& request) {
-    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(), acceptablePathExtensions());
+    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(),
+                                        acceptablePathExtensions());
   }
 
   std::string_view className() const override { return kClassName; }

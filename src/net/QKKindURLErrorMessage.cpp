@@ -21,8 +21,9 @@ const std::map<int, std::string_view>& urlErrorMessages() {
       {-1008, "The requested resource was not found"},
       {-1009, "Internet connection is not available"},
       {-1010, "Redirected to a non-existent location"},
-      {-1011, "The response received from the server for request could not be processed. It may be caused by an "
-              "exception in the server."},
+      {-1011,
+       "The response received from the server for request could not be processed. It may be caused by an "
+       "exception in the server."},
       {-1012, "Authentication required"},
       {-1013, "Authentication required"},
       {-1014, "Network connection terminated"},
@@ -91,7 +92,9 @@ const std::map<int, std::string_view>& httpStatusMessages() {
       {497, "HTTP to HTTPS"},
       {499, "Client Closed Request"},
       {500, "An unknown error has occurred on the remote server"},
-      {501, "The server either does not recognize the request method, or it lacks the ability to fulfill the request"},
+      {501,
+       "The server either does not recognize the request method, or it lacks the ability to fulfill the "
+       "request"},
       {502, "Received an invalid response from the upstream server"},
       {503, "The remote server is down for scheduled maintenance"},
       {504, "Timeout: did not receive a timely response from the upstream server"},

@@ -21,7 +21,8 @@ class QKKindURLErrorMessage {
   // status code when there is no error), title and sentence. Otherwise kindErrorFromNSURLError of
   // the given error, and nothing when there is none.
   static std::optional<Error> kindErrorFromResponse(const std::optional<HttpResponse>& response,
-                                                    std::string_view title, const std::optional<Error>& error);
+                                                    std::string_view title,
+                                                    const std::optional<Error>& error);
 
   // The sentences themselves; nothing for a code without one.
   static std::optional<std::string_view> messageForURLErrorCode(int code);

@@ -36,7 +36,8 @@ void QKXAuthClient::authenticate(std::string_view path, const nlohmann::json& pa
   NetworkSession* session = &this->session();
   postPath(
       path, parameters,
-      [session, weak = std::weak_ptr<QKXAuthClient*>(self_)](AFHTTPRequestOperation& operation, const ResponseObject&) {
+      [session, weak = std::weak_ptr<QKXAuthClient*>(self_)](AFHTTPRequestOperation& operation,
+                                                             const ResponseObject&) {
         auto [token, secret] = tokenPairFromResponseBody(operation.responseData());
         if (auto self = weak.lock()) {
           QKXAuthClient& client = **self;
@@ -79,33 +80,35 @@ void QKXAuthClient::setEncodedUserId(std::optional<std::string> id) {
   encodedUserId_ = std::move(id);
 }
 
-std::shared_ptr<AFHTTPRequestOperation> QKXAuthClient::enqueueSigned(std::string_view method, std::string_view path,
-                                                                    const nlohmann::json& parameters,
-                                                                    std::chrono::duration<double> timeout,
-                                                                    Success success, Failure failure) {
+std::shared_ptr<AFHTTPRequestOperation> QKXAuthClient::enqueueSigned(std::string_view method,
+                                                                     std::string_view path,
+                                                                     const nlohmann::json& parameters,
+                                                                     std::chrono::duration<double> timeout,
+                                                                     Success success, Failure failure) {
   HttpRequest request = signedRequestWithMethod(method, path, parameters);
   if (timeout.count() > 0) request.timeoutInterval = timeout;
-  auto operation = HTTPRequestOperationWithRequest(std::move(request), std::move(success), std::move(failure));
+  auto operation =
+      HTTPRequestOperationWithRequest(std::move(request), std::move(success), std::move(failure));
   enqueueHTTPRequestOperation(operation);
   return operation;
 }
 
 std::shared_ptr<AFHTTPRequestOperation> QKXAuthClient::getResourceWithUrl(std::string_view path,
-                                                                         const nlohmann::json& parameters,
-                                                                         Success success, Failure failure) {
+                                                                          const nlohmann::json& parameters,
+                                                                          Success success, Failure failure) {
   return enqueueSigned("GET", path, parameters, {}, std::move(success), std::move(failure));
 }
 
-std::shared_ptr<AFHTTPRequestOperation> QKXAuthClient::postResourceWithUrl(std::string_view path,
-                                                                          const nlohmann::json& parameters,
-                                                                          std::chrono::duration<double> timeout,
-                                                                          Success success, Failure failure) {
+std::shared_ptr<AFHTTPRequestOperation> QKXAuthClient::postResourceWithUrl(
+    std::string_view path, const nlohmann::json& parameters, std::chrono::duration<double> timeout,
+    Success success, Failure failure) {
   return enqueueSigned("POST", path, parameters, timeout, std::move(success), std::move(failure));
 }
 
 std::shared_ptr<AFHTTPRequestOperation> QKXAuthClient::deleteResourceWithUrl(std::string_view path,
-                                                                            const nlohmann::json& parameters,
-                                                                            Success success, Failure failure) {
+                                                                             const nlohmann::json& parameters,
+                                                                             Success success,
+                                                                             Failure failure) {
   return enqueueSigned("DELETE", path, parameters, {}, std::move(success), std::move(failure));
 }
 
@@ -119,8 +122,9 @@ nlohmann::json QKXAuthClient::convertToJSONFromQline(std::string_view text) {
       if (pair.empty()) continue;
       const size_t equals = pair.find('=');
       const std::string key = qlineUnescape(std::string_view(pair).substr(0, equals));
-      const std::string value =
-          equals == std::string::npos ? std::string() : qlineUnescape(std::string_view(pair).substr(equals + 1));
+      const std::string value = equals == std::string::npos
+                                    ? std::string()
+                                    : qlineUnescape(std::string_view(pair).substr(equals + 1));
       object[sanitizeUTF8(key)] = sanitizeUTF8(value);
     }
     objects.push_back(std::move(object));

@@ -3,12 +3,11 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
-
-#include <nlohmann/json.hpp>
 
 #include "net/STLOAuthClient.h"
 
@@ -16,13 +15,12 @@ namespace lectern {
 
 inline constexpr std::string_view kLecternLowercaseErrorDomain = "com.quillhq.lectern";
 
-// A signing client that gets its access token by xAuth: the user's name and password are
-// exchanged once for a token pair, after which it signs with the token and speaks JSON.
-// Thread-safe; the exchange's blocks run on the main queue.
+// A signing client that exchanges the user's name and password once for a token pair (xAuth), then signs
+// with the token and speaks JSON. Thread-safe; the exchange's blocks run on the main queue.
 class QKXAuthClient : public STLOAuthClient {
  public:
-  using AuthenticationSuccess =
-      std::function<void(std::optional<std::string> accessToken, std::optional<std::string> accessTokenSecret)>;
+  using AuthenticationSuccess = std::function<void(std::optional<std::string> accessToken,
+                                                   std::optional<std::string> accessTokenSecret)>;
   using AuthenticationFailure = std::function<void(const Error& error)>;
 
   using STLOAuthClient::STLOAuthClient;
@@ -41,14 +39,16 @@ class QKXAuthClient : public STLOAuthClient {
   void setEncodedUserId(std::optional<std::string> id);
 
   // Signed requests, made into operations and enqueued. A non-zero timeout bounds the POST.
-  std::shared_ptr<AFHTTPRequestOperation> getResourceWithUrl(std::string_view path, const nlohmann::json& parameters,
+  std::shared_ptr<AFHTTPRequestOperation> getResourceWithUrl(std::string_view path,
+                                                             const nlohmann::json& parameters,
                                                              Success success, Failure failure);
-  std::shared_ptr<AFHTTPRequestOperation> postResourceWithUrl(std::string_view path, const nlohmann::json& parameters,
-                                                              std::chrono::duration<double> timeout, Success success,
-                                                              Failure failure);
+  std::shared_ptr<AFHTTPRequestOperation> postResourceWithUrl(std::string_view path,
+                                                              const nlohmann::json& parameters,
+                                                              std::chrono::duration<double> timeout,
+                                                              Success success, Failure failure);
   std::shared_ptr<AFHTTPRequestOperation> deleteResourceWithUrl(std::string_view path,
-                                                                const nlohmann::json& parameters, Success success,
-                                                                Failure failure);
+                                                                const nlohmann::json& parameters,
+                                                                Success success, Failure failure);
 
   // Line-oriented answers: one object per non-empty line, "&"-separated "key=value" pairs, "+"
   // standing for a space and percent-escapes decoded.
@@ -67,8 +67,8 @@ class QKXAuthClient : public STLOAuthClient {
  private:
   std::shared_ptr<AFHTTPRequestOperation> enqueueSigned(std::string_view method, std::string_view path,
                                                         const nlohmann::json& parameters,
-                                                        std::chrono::duration<double> timeout, Success success,
-                                                        Failure failure);
+                                                        std::chrono::duration<double> timeout,
+                                                        Success success, Failure failure);
 
   mutable std::mutex tokenMutex_;  // guards the three members below
   std::optional<std::string> accessToken_;

@@ -16,10 +16,12 @@ class QKXMLRequestOperation : public AFXMLRequestOperation {
   }
 
   static std::optional<std::set<std::string>> defaultAcceptableContentTypes() {
-    return std::set<std::string>{"application/xml", "text/xml", "application/atom+xml", "application/rss+xml"};
+    return std::set<std::string>{"application/xml", "text/xml", "application/atom+xml",
+                                 "application/rss+xml"};
   }
   static bool canProcessRequest(const HttpRequest& request) {
-    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(), acceptablePathExtensions());
+    return requestMatchesOperationClass(request, *defaultAcceptableContentTypes(),
+                                        acceptablePathExtensions());
   }
 
   std::string_view className() const override { return kClassName; }

@@ -1,9 +1,8 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <variant>
-
-#include <nlohmann/json.hpp>
 
 namespace lectern {
 
@@ -23,6 +22,7 @@ struct ResponseImage {
 
 // What a request operation hands its success block: nothing (an empty or " " JSON body), the raw
 // body (plain HTTP operations), JSON or a property list (both as nlohmann::json), XML input or an image.
-using ResponseObject = std::variant<std::monostate, std::string, nlohmann::json, XMLParserInput, ResponseImage>;
+using ResponseObject =
+    std::variant<std::monostate, std::string, nlohmann::json, XMLParserInput, ResponseImage>;
 
 }  // namespace lectern

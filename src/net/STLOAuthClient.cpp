@@ -4,7 +4,8 @@
 
 namespace lectern {
 
-STLOAuthClient::STLOAuthClient(NetworkSession& session, std::string_view baseURL) : AFHTTPClient(session, baseURL) {}
+STLOAuthClient::STLOAuthClient(NetworkSession& session, std::string_view baseURL)
+    : AFHTTPClient(session, baseURL) {}
 
 STLOAuthClient::STLOAuthClient(NetworkSession& session, std::string_view baseURL, std::string consumerKey,
                                std::string consumerSecret, std::optional<std::string> username,

@@ -10,16 +10,16 @@
 
 namespace lectern {
 
-// An HTTP client that signs each request it builds with OAuth 1.0a HMAC-SHA1 in an
-// "Authorization" header. Timestamps and nonces come from the session's clock and nonce source.
-// Thread-safe.
+// An HTTP client that signs each request it builds with OAuth 1.0a HMAC-SHA1 in an "Authorization" header,
+// with the session's clock and nonce source. Thread-safe.
 class STLOAuthClient : public AFHTTPClient {
  public:
   // Signs nothing until told to (signRequests false).
   STLOAuthClient(NetworkSession& session, std::string_view baseURL);
   // xAuth mode: every request is signed, and the header also carries the user's credentials.
   STLOAuthClient(NetworkSession& session, std::string_view baseURL, std::string consumerKey,
-                 std::string consumerSecret, std::optional<std::string> username, std::optional<std::string> password);
+                 std::string consumerSecret, std::optional<std::string> username,
+                 std::optional<std::string> password);
 
   void setConsumerKey(std::optional<std::string> key, std::optional<std::string> secret);
   void setAccessToken(std::optional<std::string> token, std::optional<std::string> secret);

@@ -50,11 +50,12 @@ std::optional<std::string> encodeText(std::string_view utf8, std::string_view ch
   status = U_ZERO_ERROR;
   u_strFromUTF8(utf16.data(), length16 + 1, nullptr, utf8.data(), static_cast<int32_t>(utf8.size()), &status);
   if (U_FAILURE(status)) return std::nullopt;
-  std::string out(static_cast<size_t>(UCNV_GET_MAX_BYTES_FOR_STRING(length16, ucnv_getMaxCharSize(converter.get()))) + 1,
-                  '\0');
+  std::string out(
+      static_cast<size_t>(UCNV_GET_MAX_BYTES_FOR_STRING(length16, ucnv_getMaxCharSize(converter.get()))) + 1,
+      '\0');
   status = U_ZERO_ERROR;
-  const int32_t written = ucnv_fromUChars(converter.get(), out.data(), static_cast<int32_t>(out.size()), utf16.data(),
-                                          length16, &status);
+  const int32_t written = ucnv_fromUChars(converter.get(), out.data(), static_cast<int32_t>(out.size()),
+                                          utf16.data(), length16, &status);
   if (U_FAILURE(status)) return std::nullopt;
   out.resize(static_cast<size_t>(written));
   return out;

@@ -26,7 +26,8 @@ class TransferDelegate {
   virtual ~TransferDelegate() = default;
   // A redirect answer arrived. Returns the request to follow it with (the proposed one, changed,
   // or another), or nothing to take the redirect answer itself as the response.
-  virtual std::optional<HttpRequest> willRedirect(HttpRequest proposed, const HttpResponse& redirectResponse) {
+  virtual std::optional<HttpRequest> willRedirect(HttpRequest proposed,
+                                                  const HttpResponse& redirectResponse) {
     (void)redirectResponse;
     return proposed;
   }

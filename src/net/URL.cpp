@@ -111,7 +111,8 @@ std::optional<URL> URL::parse(std::string_view text) {
   rest.remove_prefix(pathEnd == std::string_view::npos ? rest.size() : pathEnd);
   if (rest.starts_with('?')) {
     const size_t hash = rest.find('#');
-    url.query_ = std::string(rest.substr(1, hash == std::string_view::npos ? std::string_view::npos : hash - 1));
+    url.query_ =
+        std::string(rest.substr(1, hash == std::string_view::npos ? std::string_view::npos : hash - 1));
     rest.remove_prefix(hash == std::string_view::npos ? rest.size() : hash);
   }
   if (rest.starts_with('#')) url.fragment_ = std::string(rest.substr(1));
@@ -142,7 +143,8 @@ std::optional<URL> URL::resolve(std::string_view referenceText) const {
           t.path_ = removeDotSegments("/" + r.path_);
         } else {
           const size_t slash = path_.rfind('/');
-          const std::string merged = (slash == std::string::npos ? std::string() : path_.substr(0, slash + 1)) + r.path_;
+          const std::string merged =
+              (slash == std::string::npos ? std::string() : path_.substr(0, slash + 1)) + r.path_;
           t.path_ = removeDotSegments(merged);
         }
         t.query_ = r.query_;

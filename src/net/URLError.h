@@ -17,8 +17,10 @@ inline constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";
 
 // User-info keys.
 inline constexpr std::string_view kFailingURLErrorKey = "NSErrorFailingURLKey";
-inline constexpr std::string_view kFailingURLRequestErrorKey = "AFNetworkingOperationFailingURLRequestErrorKey";
-inline constexpr std::string_view kFailingURLResponseErrorKey = "AFNetworkingOperationFailingURLResponseErrorKey";
+inline constexpr std::string_view kFailingURLRequestErrorKey =
+    "AFNetworkingOperationFailingURLRequestErrorKey";
+inline constexpr std::string_view kFailingURLResponseErrorKey =
+    "AFNetworkingOperationFailingURLResponseErrorKey";
 inline constexpr std::string_view kFailureReasonErrorKey = "NSLocalizedFailureReason";
 // The transport's own words for what went wrong, for logs.
 inline constexpr std::string_view kDebugDescriptionErrorKey = "NSDebugDescription";

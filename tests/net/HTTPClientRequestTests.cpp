@@ -26,9 +26,11 @@ class HTTPClientRequest : public ::testing::Test {
 
 TEST_F(HTTPClientRequest, BasePathGetsATrailingSlashSoRelativePathsResolveUnderIt) {
   EXPECT_EQ(client.baseURL(), "https://api.example.com/v1/");
-  EXPECT_EQ(client.requestWithMethod("GET", "bookmarks/list").url, "https://api.example.com/v1/bookmarks/list");
+  EXPECT_EQ(client.requestWithMethod("GET", "bookmarks/list").url,
+            "https://api.example.com/v1/bookmarks/list");
   EXPECT_EQ(client.requestWithMethod("GET", "/v2/x.json").url, "https://api.example.com/v2/x.json");
-  EXPECT_EQ(client.requestWithMethod("GET", "https://feeds.example.org/rss").url, "https://feeds.example.org/rss");
+  EXPECT_EQ(client.requestWithMethod("GET", "https://feeds.example.org/rss").url,
+            "https://feeds.example.org/rss");
   AFHTTPClient bare(net.session, "https://api.example.com");
   EXPECT_EQ(bare.baseURL(), "https://api.example.com");
   EXPECT_THROW(AFHTTPClient(net.session, "api.example.com/v1"), InternalInconsistency);
@@ -36,10 +38,12 @@ TEST_F(HTTPClientRequest, BasePathGetsATrailingSlashSoRelativePathsResolveUnderI
 
 TEST_F(HTTPClientRequest, QueryMethodsAppendWithQuestionMarkOrAmpersand) {
   const nlohmann::json parameters = {{"b", 1}, {"a", {"x", "y"}}};
-  EXPECT_EQ(client.requestWithMethod("GET", "list", parameters).url, "https://api.example.com/v1/list?a[]=x&a[]=y&b=1");
+  EXPECT_EQ(client.requestWithMethod("GET", "list", parameters).url,
+            "https://api.example.com/v1/list?a[]=x&a[]=y&b=1");
   EXPECT_EQ(client.requestWithMethod("GET", "list?page=2", parameters).url,
             "https://api.example.com/v1/list?page=2&a[]=x&a[]=y&b=1");
-  EXPECT_EQ(client.requestWithMethod("DELETE", "x.json", {{"id", 5}}).url, "https://api.example.com/v1/x.json?id=5");
+  EXPECT_EQ(client.requestWithMethod("DELETE", "x.json", {{"id", 5}}).url,
+            "https://api.example.com/v1/x.json?id=5");
   EXPECT_EQ(client.requestWithMethod("HEAD", "x", {{"id", 5}}).url, "https://api.example.com/v1/x?id=5");
   const auto noParameters = client.requestWithMethod("GET", "list");
   EXPECT_EQ(noParameters.url, "https://api.example.com/v1/list");
@@ -69,7 +73,8 @@ TEST_F(HTTPClientRequest, BodyMethodsEncodeParametersByTheClientsEncoding) {
   client.setStringEncoding("iso-8859-1");
   const auto latin1 = client.requestWithMethod("POST", "add", {{"t", "caf\xC3\xA9"}});
   EXPECT_EQ(latin1.body, "t=caf%E9");
-  EXPECT_EQ(latin1.valueForHTTPHeaderField("Content-Type"), "application/x-www-form-urlencoded; charset=iso-8859-1");
+  EXPECT_EQ(latin1.valueForHTTPHeaderField("Content-Type"),
+            "application/x-www-form-urlencoded; charset=iso-8859-1");
 }
 
 TEST_F(HTTPClientRequest, DefaultAndAuthorizationHeadersAreCopiedIntoEveryRequest) {
@@ -77,9 +82,11 @@ TEST_F(HTTPClientRequest, DefaultAndAuthorizationHeadersAreCopiedIntoEveryReques
   EXPECT_EQ(headers.value("Accept-Language"), "en;q=1, fr;q=0.9");
   EXPECT_EQ(headers.value("User-Agent"), "Lectern/" LECTERN_VERSION " (Linux 6.1.0-test)");
   client.setAuthorizationHeaderWithUsername("user", "pa:ss");
-  EXPECT_EQ(client.requestWithMethod("GET", "x").valueForHTTPHeaderField("Authorization"), "Basic dXNlcjpwYTpzcw==");
+  EXPECT_EQ(client.requestWithMethod("GET", "x").valueForHTTPHeaderField("Authorization"),
+            "Basic dXNlcjpwYTpzcw==");
   client.setAuthorizationHeaderWithToken("abc");
-  EXPECT_EQ(client.requestWithMethod("GET", "x").valueForHTTPHeaderField("Authorization"), "Token token=\"abc\"");
+  EXPECT_EQ(client.requestWithMethod("GET", "x").valueForHTTPHeaderField("Authorization"),
+            "Token token=\"abc\"");
   client.clearAuthorizationHeader();
   client.setDefaultHeader("Accept", "text/json");
   headers = client.requestWithMethod("GET", "x").headers;
@@ -120,7 +127,8 @@ struct NotAnOperation {
 
 TEST_F(HTTPClientRequest, OperationClassIsTheNewestRegisteredOneThatTakesTheRequest) {
   auto classOf = [&](HttpRequest request) {
-    return std::string(client.HTTPRequestOperationWithRequest(std::move(request), nullptr, nullptr)->className());
+    return std::string(
+        client.HTTPRequestOperationWithRequest(std::move(request), nullptr, nullptr)->className());
   };
   auto plain = client.requestWithMethod("GET", "feed");
   EXPECT_EQ(classOf(plain), "AFHTTPRequestOperation");
@@ -164,12 +172,14 @@ TEST_F(HTTPClientRequest, MultipartBodyHasTheFixedBoundaryAndStreamsFilesFromDis
       });
   const std::string expected =
       "--Boundary+0xAbCdEfGbOuNdArY\r\nContent-Disposition: form-data; name=\"title\"\r\n\r\nT"
-      "\r\n--Boundary+0xAbCdEfGbOuNdArY\r\nContent-Disposition: form-data; name=\"file\"; filename=\"note.txt\"\r\n"
+      "\r\n--Boundary+0xAbCdEfGbOuNdArY\r\nContent-Disposition: form-data; name=\"file\"; "
+      "filename=\"note.txt\"\r\n"
       "Content-Type: text/plain\r\n\r\nfile body"
       "\r\n--Boundary+0xAbCdEfGbOuNdArY\r\nContent-Disposition: form-data; name=\"count\"\r\n\r\n2"
       "\r\n--Boundary+0xAbCdEfGbOuNdArY--\r\n";
   ASSERT_TRUE(request.bodyStream);
-  EXPECT_EQ(request.valueForHTTPHeaderField("Content-Type"), "multipart/form-data; boundary=Boundary+0xAbCdEfGbOuNdArY");
+  EXPECT_EQ(request.valueForHTTPHeaderField("Content-Type"),
+            "multipart/form-data; boundary=Boundary+0xAbCdEfGbOuNdArY");
   EXPECT_EQ(request.valueForHTTPHeaderField("Content-Length"), std::to_string(expected.size()));
   EXPECT_EQ(readAll(*request.bodyStream, 7), expected);  // small reads cross part boundaries
   ASSERT_TRUE(request.bodyStream->rewind());

@@ -40,22 +40,25 @@ TEST(KindErrorFromNSURLError, CodeWithoutSentenceReturnsTheErrorUnchanged) {
 
 TEST(KindErrorFromResponse, StatusSentenceWinsAndTakesTheTransportCodeWhenThereIsOne) {
   const auto transport = makeURLError(-1011, "u", "bad status");
-  const auto withError = QKKindURLErrorMessage::kindErrorFromResponse(responseWithStatus(404), "Failed to mark entry", transport);
+  const auto withError = QKKindURLErrorMessage::kindErrorFromResponse(responseWithStatus(404),
+                                                                      "Failed to mark entry", transport);
   ASSERT_TRUE(withError);
   EXPECT_EQ(withError->domain, "com.quillhq.com");
   EXPECT_EQ(withError->code, -1011);
   EXPECT_EQ(withError->description, "Failed to mark entry");
   EXPECT_EQ(withError->recoverySuggestion, "The resource you requested does not exists");  // sic
-  const auto withoutError = QKKindURLErrorMessage::kindErrorFromResponse(responseWithStatus(406), "T", std::nullopt);
+  const auto withoutError =
+      QKKindURLErrorMessage::kindErrorFromResponse(responseWithStatus(406), "T", std::nullopt);
   ASSERT_TRUE(withoutError);
   EXPECT_EQ(withoutError->code, 406);
-  EXPECT_EQ(withoutError->recoverySuggestion, "The contentent of requested resource is not acceptable");  // sic
+  EXPECT_EQ(withoutError->recoverySuggestion,
+            "The contentent of requested resource is not acceptable");  // sic
 }
 
 TEST(KindErrorFromResponse, StatusWithoutSentenceFallsBackToTheTransportError) {
   // 420 is not in the table: the transport error's sentence, or nothing at all without an error.
-  const auto fallback = QKKindURLErrorMessage::kindErrorFromResponse(responseWithStatus(420), "Failed to login",
-                                                                     makeURLError(-1001, "u", "timed out"));
+  const auto fallback = QKKindURLErrorMessage::kindErrorFromResponse(
+      responseWithStatus(420), "Failed to login", makeURLError(-1001, "u", "timed out"));
   ASSERT_TRUE(fallback);
   EXPECT_EQ(fallback->domain, kURLErrorDomain);
   EXPECT_EQ(fallback->recoverySuggestion, "Request is timed out");

@@ -55,7 +55,8 @@ RawServer::RawServer(Script script) : script_(std::move(script)) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener_, 16) != 0) {
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener_, 16) != 0) {
     throw std::runtime_error("cannot bind a local port");
   }
   socklen_t length = sizeof address;
@@ -132,6 +133,8 @@ NetFixture::NetFixture(NetworkSessionOptions options) : session(main, reachabili
 NetFixture::NetFixture(std::unique_ptr<Transport> transport, NetworkSessionOptions options)
     : session(main, reachability, std::move(transport), std::move(options)) {}
 
-bool NetFixture::runUntil(const std::function<bool()>& done) { return main.runUntil(done, std::chrono::seconds(20)); }
+bool NetFixture::runUntil(const std::function<bool()>& done) {
+  return main.runUntil(done, std::chrono::seconds(20));
+}
 
 }  // namespace lectern::test

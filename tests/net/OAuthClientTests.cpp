@@ -39,24 +39,29 @@ TEST(STLOAuthClient, SignsThePublishedExampleWithAFixedClockAndNonce) {
   client.setAccessToken("nnch734d00sl2jdk", "pfkkdhi9sl3r4s00");
   EXPECT_FALSE(client.requestWithMethod("GET", "photos").headers.contains("Authorization"));
   client.setSignRequests(true);
-  const auto request = client.requestWithMethod("GET", "photos", {{"size", "original"}, {"file", "vacation.jpg"}});
+  const auto request =
+      client.requestWithMethod("GET", "photos", {{"size", "original"}, {"file", "vacation.jpg"}});
   EXPECT_EQ(request.url, "http://photos.example.net/photos?file=vacation.jpg&size=original");
-  EXPECT_EQ(request.valueForHTTPHeaderField("Authorization"),
-            "OAuth realm=\"http://photos.example.net/photos\", oauth_signature_method=\"HMAC-SHA1\", "
-            "oauth_version=\"1.0\", oauth_consumer_key=\"dpf43f3p2l4k3l03\", oauth_token=\"nnch734d00sl2jdk\", "
-            "oauth_timestamp=\"1191242096\", oauth_nonce=\"kllo9940pd9333jh\", "
-            "oauth_signature=\"tR3%2BTy81lMeYAr%2FFid0kMTYa%2FWM%3D\"");
+  EXPECT_EQ(
+      request.valueForHTTPHeaderField("Authorization"),
+      "OAuth realm=\"http://photos.example.net/photos\", oauth_signature_method=\"HMAC-SHA1\", "
+      "oauth_version=\"1.0\", oauth_consumer_key=\"dpf43f3p2l4k3l03\", oauth_token=\"nnch734d00sl2jdk\", "
+      "oauth_timestamp=\"1191242096\", oauth_nonce=\"kllo9940pd9333jh\", "
+      "oauth_signature=\"tR3%2BTy81lMeYAr%2FFid0kMTYa%2FWM%3D\"");
   EXPECT_FALSE(client.unsignedRequestWithMethod("GET", "photos").headers.contains("Authorization"));
 }
 
 TEST(STLOAuthClient, DefaultPortsAreLeftOutOfTheSignedURLAndOthersKept) {
   test::NetFixture net(cannedTokenAnswer(""), test::testSessionOptions());
-  STLOAuthClient standard(net.session, "https://www.example.com:443/api/1", "ck", "cs", std::nullopt, std::nullopt);
+  STLOAuthClient standard(net.session, "https://www.example.com:443/api/1", "ck", "cs", std::nullopt,
+                          std::nullopt);
   EXPECT_TRUE(standard.authorizationHeaderValueForMethod("POST", "bookmarks/list", nullptr)
                   .starts_with("OAuth realm=\"https://www.example.com/api/1/bookmarks/list\", "));
-  STLOAuthClient custom(net.session, "https://www.example.com:8443/api/1", "ck", "cs", std::nullopt, std::nullopt);
+  STLOAuthClient custom(net.session, "https://www.example.com:8443/api/1", "ck", "cs", std::nullopt,
+                        std::nullopt);
   custom.setRealm("Instapaper");
-  EXPECT_TRUE(custom.authorizationHeaderValueForMethod("POST", "x", nullptr).starts_with("OAuth realm=\"Instapaper\", "));
+  EXPECT_TRUE(custom.authorizationHeaderValueForMethod("POST", "x", nullptr)
+                  .starts_with("OAuth realm=\"Instapaper\", "));
   custom.setRealm(std::nullopt);
   EXPECT_TRUE(custom.authorizationHeaderValueForMethod("POST", "x", nullptr)
                   .starts_with("OAuth realm=\"https://www.example.com:8443/api/1/x\", "));
@@ -68,7 +73,8 @@ OAuthParameters parseAuthorization(std::string_view header) {
   EXPECT_TRUE(header.starts_with("OAuth "));
   for (const auto& field : split(header.substr(6), ", ")) {
     const auto equals = field.find('=');
-    parameters.emplace_back(field.substr(0, equals), percentUnescape(field.substr(equals + 2, field.size() - equals - 3)));
+    parameters.emplace_back(field.substr(0, equals),
+                            percentUnescape(field.substr(equals + 2, field.size() - equals - 3)));
   }
   return parameters;
 }
@@ -78,14 +84,16 @@ OAuthParameters parseAuthorization(std::string_view header) {
 class SigningServer {
  public:
   SigningServer() {
-    server.server().Post("/api/1/oauth/access_token", [this](const httplib::Request& req, httplib::Response& res) {
-      verify(req, "");
-      res.set_content(tokenBody, "text/plain");
-    });
-    server.server().Post("/api/1/bookmarks/list", [this](const httplib::Request& req, httplib::Response& res) {
-      verify(req, "token secret");
-      res.set_content(R"([{"type":"meta"}])", "application/json");
-    });
+    server.server().Post("/api/1/oauth/access_token",
+                         [this](const httplib::Request& req, httplib::Response& res) {
+                           verify(req, "");
+                           res.set_content(tokenBody, "text/plain");
+                         });
+    server.server().Post("/api/1/bookmarks/list",
+                         [this](const httplib::Request& req, httplib::Response& res) {
+                           verify(req, "token secret");
+                           res.set_content(R"([{"type":"meta"}])", "application/json");
+                         });
     server.start();
   }
 
@@ -124,12 +132,14 @@ class SigningServer {
 TEST(QKXAuthClient, ExchangeSendsCredentialsInTheSignedHeaderThenSignsWithTheTokenInJSONMode) {
   test::NetFixture net(test::testSessionOptions());
   SigningServer service;
-  QKXAuthClient client(net.session, service.server.url("/api/1"), "ck", "consumer secret", "jo@example.com", "p w");
+  QKXAuthClient client(net.session, service.server.url("/api/1"), "ck", "consumer secret", "jo@example.com",
+                       "p w");
   std::optional<std::pair<std::optional<std::string>, std::optional<std::string>>> pair;
   client.authenticate(
       "oauth/access_token",
       {{"x_auth_username", "jo@example.com"}, {"x_auth_password", "p w"}, {"x_auth_mode", "client_auth"}},
-      [&](auto token, auto secret) { pair.emplace(token, secret); }, [](const Error& error) { FAIL() << error.message(); });
+      [&](auto token, auto secret) { pair.emplace(token, secret); },
+      [](const Error& error) { FAIL() << error.message(); });
   ASSERT_TRUE(net.runUntil([&] { return pair.has_value(); }));
   EXPECT_EQ(pair->first, "tok en");
   EXPECT_EQ(pair->second, "token secret");
@@ -140,9 +150,10 @@ TEST(QKXAuthClient, ExchangeSendsCredentialsInTheSignedHeaderThenSignsWithTheTok
   EXPECT_EQ(client.registeredHTTPOperationClassNames().front(), "QKJSONRequestOperation");
 
   const auto exchange = parseAuthorization(service.headers.at(0));
-  const std::vector<std::string> order = {"realm", "oauth_signature_method", "oauth_version", "oauth_consumer_key",
-                                          "x_auth_mode", "x_auth_username", "x_auth_password", "oauth_timestamp",
-                                          "oauth_nonce", "oauth_signature"};
+  const std::vector<std::string> order = {
+      "realm",       "oauth_signature_method", "oauth_version",   "oauth_consumer_key",
+      "x_auth_mode", "x_auth_username",        "x_auth_password", "oauth_timestamp",
+      "oauth_nonce", "oauth_signature"};
   ASSERT_EQ(exchange.size(), order.size());
   for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(exchange[i].first, order[i]);
   EXPECT_EQ(exchange[5].second, "jo@example.com");
@@ -161,7 +172,8 @@ TEST(QKXAuthClient, ExchangeSendsCredentialsInTheSignedHeaderThenSignsWithTheTok
   const auto list = parseAuthorization(service.headers.at(1));
   EXPECT_NE(std::find(list.begin(), list.end(), std::pair<std::string, std::string>{"oauth_token", "tok en"}),
             list.end());
-  EXPECT_TRUE(std::none_of(list.begin(), list.end(), [](const auto& p) { return p.first.starts_with("x_auth"); }));
+  EXPECT_TRUE(
+      std::none_of(list.begin(), list.end(), [](const auto& p) { return p.first.starts_with("x_auth"); }));
   EXPECT_TRUE(service.signaturesValid);
 }
 
@@ -169,11 +181,14 @@ TEST(QKXAuthClient, AnAnswerWithoutTheTokenPairPassesNothingOn) {
   test::NetFixture net(cannedTokenAnswer("error=unknown user"), test::testSessionOptions());
   QKXAuthClient client(net.session, "https://www.example.com/api/1", "ck", "cs", "jo", "pw");
   bool called = false;
-  client.authenticate("oauth/access_token", nullptr, [&](auto token, auto secret) {
-    EXPECT_FALSE(token);
-    EXPECT_FALSE(secret);
-    called = true;
-  }, nullptr);
+  client.authenticate(
+      "oauth/access_token", nullptr,
+      [&](auto token, auto secret) {
+        EXPECT_FALSE(token);
+        EXPECT_FALSE(secret);
+        called = true;
+      },
+      nullptr);
   ASSERT_TRUE(net.runUntil([&] { return called; }));
   EXPECT_FALSE(client.tokenIdentifier());
 }
@@ -184,8 +199,10 @@ TEST(QKXAuthClient, OnlyTheLatestExchangesBlocksAreCalledProgramWide) {
   QKXAuthClient second(net.session, "https://b.example.com/api/1", "ck", "cs", "al", "pw");
   int firstCalls = 0;
   int secondCalls = 0;
-  first.authenticate("oauth/access_token", nullptr, [&](auto, auto) { ++firstCalls; }, nullptr);
-  second.authenticate("oauth/access_token", nullptr, [&](auto, auto) { ++secondCalls; }, nullptr);
+  first.authenticate(
+      "oauth/access_token", nullptr, [&](auto, auto) { ++firstCalls; }, nullptr);
+  second.authenticate(
+      "oauth/access_token", nullptr, [&](auto, auto) { ++secondCalls; }, nullptr);
   ASSERT_TRUE(net.runUntil([&] { return secondCalls == 2; }));
   EXPECT_EQ(firstCalls, 0);
   EXPECT_EQ(first.accessToken(), "t");  // each client still takes its own answer
@@ -206,9 +223,10 @@ TEST(QKXAuthClient, TokenPairsQlinesAndUserErrorsAreReadFromBodies) {
 
   test::NetFixture net(cannedTokenAnswer(""), test::testSessionOptions());
   QKXAuthClient client(net.session, "https://www.example.com/api/1");
-  const auto wrapped = client.errorFromResponseData("", Error::make("NSURLErrorDomain", -1001, "The request timed out."),
-                                                    "Instapaper: Failed to login");
-  EXPECT_EQ(wrapped, Error::make("NSURLErrorDomain", -1001, "Instapaper: Failed to login", "The request timed out."));
+  const auto wrapped = client.errorFromResponseData(
+      "", Error::make("NSURLErrorDomain", -1001, "The request timed out."), "Instapaper: Failed to login");
+  EXPECT_EQ(wrapped,
+            Error::make("NSURLErrorDomain", -1001, "Instapaper: Failed to login", "The request timed out."));
   EXPECT_EQ(client.errorFromResponseData("", std::nullopt, "Instapaper: Failed to login"),
             Error::make("com.quillhq.lectern", 100, "Instapaper: Failed to login", "Unknown error"));
 }

@@ -54,10 +54,13 @@ TEST(OAuthSignatureBaseString, ReproducesThePublishedExampleWithRepeatedAndEmpty
                            {"oauth_signature_method", "HMAC-SHA1"},
                            {"oauth_timestamp", "137131201"},
                            {"oauth_nonce", "7d8f3e4a"}};
-  input.requestParameters = {{"b5", "=%3D"}, {"a3", "a"}, {"c@", ""}, {"a2", "r b"}, {"c2", ""}, {"a3", "2 q"}};
+  input.requestParameters = {{"b5", "=%3D"}, {"a3", "a"}, {"c@", ""},
+                             {"a2", "r b"},  {"c2", ""},  {"a3", "2 q"}};
   EXPECT_EQ(oauthSign(input).baseString,
-            "POST&http%3A%2F%2Fexample.com%2Frequest&a2%3Dr%2520b%26a3%3D2%2520q%26a3%3Da%26b5%3D%253D%25253D%26c%2540%3D"
-            "%26c2%3D%26oauth_consumer_key%3D9djdj82h48djs9d2%26oauth_nonce%3D7d8f3e4a%26oauth_signature_method%3DHMAC-"
+            "POST&http%3A%2F%2Fexample.com%2Frequest&a2%3Dr%2520b%26a3%3D2%2520q%26a3%3Da%26b5%3D%253D%"
+            "25253D%26c%2540%3D"
+            "%26c2%3D%26oauth_consumer_key%3D9djdj82h48djs9d2%26oauth_nonce%3D7d8f3e4a%26oauth_signature_"
+            "method%3DHMAC-"
             "SHA1%26oauth_timestamp%3D137131201%26oauth_token%3Dkkk9d7dh3k39sjv7");
 }
 
@@ -77,10 +80,11 @@ TEST(OAuthSign, ReproducesThePublishedHMACSHA1ExampleByteForByte) {
   input.realm = "Photos";
   const auto signature = oauthSign(input);
   EXPECT_EQ(signature.signature, "MdpQcU8iPSUjWoN/UDMsK2sui9I=");
-  EXPECT_EQ(signature.headerValue,
-            "OAuth realm=\"Photos\", oauth_consumer_key=\"dpf43f3p2l4k3l03\", oauth_token=\"nnch734d00sl2jdk\", "
-            "oauth_signature_method=\"HMAC-SHA1\", oauth_timestamp=\"137131202\", oauth_nonce=\"chapoH\", "
-            "oauth_signature=\"MdpQcU8iPSUjWoN%2FUDMsK2sui9I%3D\"");
+  EXPECT_EQ(
+      signature.headerValue,
+      "OAuth realm=\"Photos\", oauth_consumer_key=\"dpf43f3p2l4k3l03\", oauth_token=\"nnch734d00sl2jdk\", "
+      "oauth_signature_method=\"HMAC-SHA1\", oauth_timestamp=\"137131202\", oauth_nonce=\"chapoH\", "
+      "oauth_signature=\"MdpQcU8iPSUjWoN%2FUDMsK2sui9I%3D\"");
 }
 
 TEST(OAuthSign, HeaderHasRealmFirstAndOnlyOAuthParametersWhichWinOverRequestParameters) {

@@ -37,7 +37,8 @@ class OperationTest : public ::testing::Test {
   };
 
   OperationTest() {
-    auto transport = std::make_unique<CannedTransport>([this](const HttpRequest& request) { return respond(request); });
+    auto transport =
+        std::make_unique<CannedTransport>([this](const HttpRequest& request) { return respond(request); });
     canned = transport.get();
     net = std::make_unique<test::NetFixture>(std::move(transport), test::testSessionOptions());
     client = std::make_unique<AFHTTPClient>(net->session, "https://api.example.com/v1");
@@ -72,7 +73,8 @@ class OperationTest : public ::testing::Test {
 };
 
 TEST_F(OperationTest, StatusCodesOutsideTwoHundredsFailWithTheDescribedRange) {
-  const std::pair<int, bool> cases[] = {{200, true}, {204, true}, {299, true}, {199, false}, {300, false}, {404, false}};
+  const std::pair<int, bool> cases[] = {{200, true},  {204, true},  {299, true},
+                                        {199, false}, {300, false}, {404, false}};
   for (auto [status, accepted] : cases) {
     respond = [status](const HttpRequest&) { return answer(status, "text/plain", "server says no"); };
     const auto outcome = get("x");
@@ -92,7 +94,8 @@ TEST_F(OperationTest, StatusCodesOutsideTwoHundredsFailWithTheDescribedRange) {
 
 TEST_F(OperationTest, AddedStatusCodesJoinTheDescribedSet) {
   respond = [](const HttpRequest&) { return answer(500, "", ""); };
-  auto operation = client->HTTPRequestOperationWithRequest(client->requestWithMethod("GET", "x"), nullptr, nullptr);
+  auto operation =
+      client->HTTPRequestOperationWithRequest(client->requestWithMethod("GET", "x"), nullptr, nullptr);
   operation->addAcceptableStatusCodes({404, 302, 303});
   client->enqueueHTTPRequestOperation(operation);
   ASSERT_TRUE(operation->waitUntilFinished(std::chrono::seconds(20)));
@@ -132,7 +135,8 @@ TEST_F(OperationTest, JSONBodiesFollowTheEmptySpaceUTF8AndFragmentRules) {
   const Case cases[] = {
       {"application/json", " ", 0, ""},
       {"application/json", "", 0, ""},
-      {"text/plain", "[1,\"\xC3\xA9\"]", 0, "[1,\"\xC3\xA9\"]"},  // text/* without charset is still UTF-8 JSON
+      {"text/plain", "[1,\"\xC3\xA9\"]", 0,
+       "[1,\"\xC3\xA9\"]"},  // text/* without charset is still UTF-8 JSON
       {"application/json; charset=iso-8859-1", "[\"caf\xE9\"]", 0, "[\"caf\xC3\xA9\"]"},
       {"application/json", "{\"a\":\xFF}", -1016, ""},
       {"application/json", "{\"a\":", 3840, ""},
@@ -228,9 +232,8 @@ TEST_F(OperationTest, CancelByMethodAndPathHitsOnlyMatchingQueuedOperations) {
   std::map<std::string, std::optional<Error>> results;
   auto track = [&](std::string key, std::string_view method, std::string_view path) {
     auto operation = client->HTTPRequestOperationWithRequest(
-        client->requestWithMethod(method, path), [&results, key](AFHTTPRequestOperation&, const ResponseObject&) {
-          results[key] = std::nullopt;
-        },
+        client->requestWithMethod(method, path),
+        [&results, key](AFHTTPRequestOperation&, const ResponseObject&) { results[key] = std::nullopt; },
         [&results, key](AFHTTPRequestOperation&, const Error& error) { results[key] = error; });
     client->enqueueHTTPRequestOperation(operation);
   };
@@ -275,7 +278,8 @@ TEST_F(OperationTest, BatchReportsProgressAfterEachOperationThenCompletesOnce) {
 
 TEST_F(OperationTest, CredentialAnswersABasicChallengeOnceAndTheBlockCanRefuse) {
   respond = [](const HttpRequest& request) {
-    if (request.valueForHTTPHeaderField("Authorization") == "Basic am86c2VjcmV0") return answer(200, "text/plain", "in");
+    if (request.valueForHTTPHeaderField("Authorization") == "Basic am86c2VjcmV0")
+      return answer(200, "text/plain", "in");
     Answer refused = answer(401, "text/plain", "who are you");
     refused.headers.set("WWW-Authenticate", "Basic realm=\"Lectern\"");
     return refused;
@@ -293,15 +297,15 @@ TEST_F(OperationTest, CredentialAnswersABasicChallengeOnceAndTheBlockCanRefuse) 
 
   bool cancelled = false;
   auto operation = client->HTTPRequestOperationWithRequest(
-      client->requestWithMethod("GET", "private"), nullptr,
-      [&](AFHTTPRequestOperation&, const Error& error) {
+      client->requestWithMethod("GET", "private"), nullptr, [&](AFHTTPRequestOperation&, const Error& error) {
         EXPECT_EQ(error.code, -1012);
         cancelled = true;
       });
   operation->setWillSendRequestForAuthenticationChallengeBlock([](const AuthenticationChallenge& challenge) {
     EXPECT_EQ(challenge.realm, "Lectern");
     EXPECT_EQ(challenge.authenticationMethod, "Basic");
-    return AuthenticationChallengeResponse{AuthenticationChallengeDisposition::kCancelAuthenticationChallenge, {}};
+    return AuthenticationChallengeResponse{AuthenticationChallengeDisposition::kCancelAuthenticationChallenge,
+                                           {}};
   });
   client->enqueueHTTPRequestOperation(operation);
   EXPECT_TRUE(net->runUntil([&] { return cancelled; }));
@@ -311,11 +315,13 @@ TEST_F(OperationTest, ImageAndPropertyListOperationsCheckAndConvertTheirBodies) 
   client->registerHTTPOperationClass<AFImageRequestOperation>();
   client->registerHTTPOperationClass<AFPropertyListRequestOperation>();
   respond = [](const HttpRequest& request) {
-    if (request.url.ends_with(".png")) return answer(200, "image/png", std::string("\x89PNG\r\n\x1A\n....", 12));
+    if (request.url.ends_with(".png"))
+      return answer(200, "image/png", std::string("\x89PNG\r\n\x1A\n....", 12));
     if (request.url.ends_with(".gif")) return answer(200, "image/gif", "<html>not an image</html>");
-    return answer(200, "application/x-plist",
-                  "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>n</key><integer>3</integer>"
-                  "<key>list</key><array><string>a &amp; b</string><true/><real>1.5</real></array></dict></plist>");
+    return answer(
+        200, "application/x-plist",
+        "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>n</key><integer>3</integer>"
+        "<key>list</key><array><string>a &amp; b</string><true/><real>1.5</real></array></dict></plist>");
   };
   auto outcome = get("icon.png");
   ASSERT_FALSE(outcome.error);

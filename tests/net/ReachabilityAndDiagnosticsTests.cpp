@@ -34,14 +34,16 @@ TEST(NetworkReachability, LoopbackIsAlwaysReachableAndOtherHostsNeedARouteAndANa
   EXPECT_EQ(reachability.status("api.example.com"), ReachabilityStatus::kReachableViaWiFi);
   EXPECT_EQ(reachability.status("gone.example.com"), ReachabilityStatus::kNotReachable);
   EXPECT_EQ(reachability.status(), ReachabilityStatus::kReachableViaWiFi);
-  EXPECT_EQ(asked, (std::vector<std::string>{"api.example.com", "gone.example.com"}));  // no lookup without a route
+  EXPECT_EQ(asked,
+            (std::vector<std::string>{"api.example.com", "gone.example.com"}));  // no lookup without a route
 }
 
 TEST(NetworkReachability, MonitorTellsObserversWhenTheRouteComesAndGoes) {
   std::atomic<bool> route{true};
-  NetworkReachability reachability(100ms, 5ms,
-                                   NetworkReachability::Probes{[&] { return route.load(); },
-                                                               [](const std::string&, auto) { return true; }});
+  NetworkReachability reachability(
+      100ms, 5ms,
+      NetworkReachability::Probes{[&] { return route.load(); },
+                                  [](const std::string&, auto) { return true; }});
   std::mutex mutex;
   std::vector<ReachabilityStatus> heard;
   reachability.addObserver([&](ReachabilityStatus status) {
@@ -70,8 +72,9 @@ TEST(NetworkReachability, MonitorTellsObserversWhenTheRouteComesAndGoes) {
 
 class ClientReachability : public ::testing::Test {
  protected:
-  test::NetFixture net{std::make_unique<CannedTransport>([](const HttpRequest&) { return CannedTransport::Answer{}; }),
-                       test::testSessionOptions()};
+  test::NetFixture net{
+      std::make_unique<CannedTransport>([](const HttpRequest&) { return CannedTransport::Answer{}; }),
+      test::testSessionOptions()};
 };
 
 TEST_F(ClientReachability, StatusChangesReachTheBlockOnTheMainQueue) {
@@ -131,12 +134,15 @@ TEST(DiagnosticDump, WritesBodyAndDescriptionOnlyWhenTheFolderExists) {
   ASSERT_EQ(files.size(), 2u);
   EXPECT_EQ(files[".raw"], "<h1>oops</h1>");
   const std::string& text = files[".txt"];
-  EXPECT_TRUE(text.starts_with("Error: Expected status code in (200-299), got 500: <h1>oops</h1>\nOperation: "));
-  EXPECT_NE(text.find("\nRequest: a=1\nResponse encoding: 4\nResponse string: <h1>oops</h1>"), std::string::npos);
+  EXPECT_TRUE(
+      text.starts_with("Error: Expected status code in (200-299), got 500: <h1>oops</h1>\nOperation: "));
+  EXPECT_NE(text.find("\nRequest: a=1\nResponse encoding: 4\nResponse string: <h1>oops</h1>"),
+            std::string::npos);
 }
 
 TEST(PropertyList, ReadsWhatItWritesAndRefusesBinaryMalformedAndExternalEntities) {
-  const auto value = nlohmann::json::parse(R"({"a":[1,2.5,true,"x < y & z"],"b":{"c":false},"d":"caf\u00e9"})");
+  const auto value =
+      nlohmann::json::parse(R"({"a":[1,2.5,true,"x < y & z"],"b":{"c":false},"d":"caf\u00e9"})");
   auto read = propertyListFromData(xmlPropertyListFromJSON(value));
   ASSERT_TRUE(read);
   EXPECT_EQ(read->value, value);
@@ -145,9 +151,9 @@ TEST(PropertyList, ReadsWhatItWritesAndRefusesBinaryMalformedAndExternalEntities
   EXPECT_FALSE(propertyListFromData("<plist><dict><integer>1</integer></dict>"));
   test::TempDir dir;
   test::writeFile(dir / "secret.txt", "secret");
-  const auto entity = propertyListFromData("<?xml version=\"1.0\"?><!DOCTYPE plist [<!ENTITY e SYSTEM \"file://" +
-                                           (dir / "secret.txt").string() +
-                                           "\">]><plist><string>&e;</string></plist>");
+  const auto entity =
+      propertyListFromData("<?xml version=\"1.0\"?><!DOCTYPE plist [<!ENTITY e SYSTEM \"file://" +
+                           (dir / "secret.txt").string() + "\">]><plist><string>&e;</string></plist>");
   if (entity) {
     EXPECT_EQ(entity->value.get<std::string>().find("secret"), std::string::npos);
   }

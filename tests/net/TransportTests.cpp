@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -60,7 +59,9 @@ class TransportTest : public ::testing::Test {
 
 TEST_F(TransportTest, SequentialRequestsFromTwoClientsShareOneConnection) {
   LocalServer server;
-  server.server().Get("/ping", [](const httplib::Request&, httplib::Response& res) { res.set_content("pong", "text/plain"); });
+  server.server().Get("/ping", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content("pong", "text/plain");
+  });
   server.start();
   AFHTTPClient first(net.session, server.url("/"));
   AFHTTPClient second(net.session, server.url("/api"));
@@ -82,11 +83,15 @@ TEST_F(TransportTest, MethodsHeadersAndBodiesArriveAsBuilt) {
   std::vector<std::string> seen;
   auto record = [&](const httplib::Request& req, httplib::Response& res) {
     std::lock_guard lock(mutex);
-    seen.push_back(req.method + " " + req.path + " [" + req.get_header_value("Content-Type") + "] " + req.body + " UA=" +
-                   req.get_header_value("User-Agent"));
+    seen.push_back(req.method + " " + req.path + " [" + req.get_header_value("Content-Type") + "] " +
+                   req.body + " UA=" + req.get_header_value("User-Agent"));
     res.set_content("{}", "application/json");
   };
-  server.server().Post("/items", record).Put("/items/1", record).Delete("/items/1", record).Patch("/items/1", record);
+  server.server()
+      .Post("/items", record)
+      .Put("/items/1", record)
+      .Delete("/items/1", record)
+      .Patch("/items/1", record);
   server.start();
   AFHTTPClient client(net.session, server.url("/"));
   client.setParameterEncoding(AFHTTPClientParameterEncoding::kJSONParameterEncoding);
@@ -95,15 +100,35 @@ TEST_F(TransportTest, MethodsHeadersAndBodiesArriveAsBuilt) {
   ASSERT_FALSE(client.synchronouslyDeletePath("items/1", {{"id", 1}}).error);
   ASSERT_FALSE(client.synchronouslyPatchPath("items/1", {{"b", "x"}}).error);
   const std::string agent = "UA=Lectern/" LECTERN_VERSION " (Linux 6.1.0-test)";
-  EXPECT_EQ(seen, (std::vector<std::string>{"POST /items [application/json; charset=utf-8] {\"a\":1} " + agent,
-                                            "PUT /items/1 []  " + agent, "DELETE /items/1 []  " + agent,
-                                            "PATCH /items/1 [application/json; charset=utf-8] {\"b\":\"x\"} " + agent}));
+  EXPECT_EQ(seen, (std::vector<std::string>{
+                      "POST /items [application/json; charset=utf-8] {\"a\":1} " + agent,
+                      "PUT /items/1 []  " + agent, "DELETE /items/1 []  " + agent,
+                      "PATCH /items/1 [application/json; charset=utf-8] {\"b\":\"x\"} " + agent}));
+}
+
+TEST_F(TransportTest, CookiesSetForOneClientTravelWithEveryClientOfTheSession) {
+  LocalServer server;
+  server.server().Post("/api/login", [](const httplib::Request&, httplib::Response& res) {
+    res.set_header("Set-Cookie", "newsblur_sessionid=abc123; Path=/; HttpOnly");
+    res.set_content(R"({"authenticated":true})", "application/json");
+  });
+  server.server().Get("/reader/feeds", [](const httplib::Request& req, httplib::Response& res) {
+    res.status =
+        req.get_header_value("Cookie").find("newsblur_sessionid=abc123") == std::string::npos ? 403 : 200;
+  });
+  server.start();
+  AFHTTPClient login(net.session, server.url("/"));
+  AFHTTPClient reader(net.session, server.url("/"));
+  EXPECT_EQ(reader.synchronouslyGetPath("reader/feeds").statusCode(), 403);
+  ASSERT_FALSE(login.synchronouslyPostPath("api/login", {{"username", "jo"}}).error);
+  EXPECT_EQ(reader.synchronouslyGetPath("reader/feeds").statusCode(), 200);
 }
 
 TEST_F(TransportTest, CompressedBodiesArriveDecoded) {
   LocalServer server;
   const std::string text = pattern(200'000);
-  server.server().Get("/feed", [&](const httplib::Request&, httplib::Response& res) { res.set_content(text, "text/xml"); });
+  server.server().Get(
+      "/feed", [&](const httplib::Request&, httplib::Response& res) { res.set_content(text, "text/xml"); });
   server.start();
   AFHTTPClient client(net.session, server.url("/"));
   const auto result = client.synchronouslyGetPath("feed");
@@ -143,9 +168,11 @@ TEST_F(TransportTest, RedirectsAreFollowedBoundedAndCanBeRefused) {
   ASSERT_TRUE(loop.error);
   EXPECT_EQ(loop.error->code, -1007);
 
-  const auto refused = run(client, client.requestWithMethod("GET", "r1"), [](AFHTTPRequestOperation& operation) {
-    operation.setRedirectResponseBlock([](const HttpRequest&, const HttpResponse&) { return std::nullopt; });
-  });
+  const auto refused =
+      run(client, client.requestWithMethod("GET", "r1"), [](AFHTTPRequestOperation& operation) {
+        operation.setRedirectResponseBlock(
+            [](const HttpRequest&, const HttpResponse&) { return std::nullopt; });
+      });
   ASSERT_TRUE(refused.error);
   EXPECT_EQ(refused.error->description, "Expected status code in (200-299), got 302");
 }
@@ -165,12 +192,12 @@ TEST_F(TransportTest, SilentServerTimesOutAndCancelStopsARunningTransfer) {
   EXPECT_EQ(asyncTimeout.error->code, -1001);
 
   bool cancelled = false;
-  auto operation = client.HTTPRequestOperationWithRequest(client.requestWithMethod("GET", "z"), nullptr,
-                                                          [&](AFHTTPRequestOperation&, const Error& error) {
-                                                            EXPECT_EQ(error.code, -999);
-                                                            EXPECT_EQ(error.info(kFailingURLErrorKey), silent.url("/z"));
-                                                            cancelled = true;
-                                                          });
+  auto operation = client.HTTPRequestOperationWithRequest(
+      client.requestWithMethod("GET", "z"), nullptr, [&](AFHTTPRequestOperation&, const Error& error) {
+        EXPECT_EQ(error.code, -999);
+        EXPECT_EQ(error.info(kFailingURLErrorKey), silent.url("/z"));
+        cancelled = true;
+      });
   client.enqueueHTTPRequestOperation(operation);
   ASSERT_TRUE(net.runUntil([&] { return operation->state() == AFOperationState::kExecuting; }));
   std::this_thread::sleep_for(50ms);
@@ -246,7 +273,8 @@ TEST_F(TransportTest, BodiesOverTheLimitFailWhileFilesAreNotLimited) {
     EXPECT_EQ(result.error->code, -1103) << path;
   }
   test::TempDir dir;
-  auto operation = client.HTTPRequestOperationWithRequest(client.requestWithMethod("GET", "sized"), nullptr, nullptr);
+  auto operation =
+      client.HTTPRequestOperationWithRequest(client.requestWithMethod("GET", "sized"), nullptr, nullptr);
   operation->setOutputStream(std::make_shared<FileOutputStream>(dir / "download.bin"));
   client.enqueueHTTPRequestOperation(operation);
   ASSERT_TRUE(operation->waitUntilFinished(20s));
@@ -270,8 +298,9 @@ TEST_F(TransportTest, MisbehavingServersGiveClearErrorsNotHangs) {
       {"ten thousand headers", manyHeaders, true, -1011},
       {"not HTTP at all", "hello there\r\n\r\n", false, -1011},
       {"nothing at all", "", false, -1005},
-      {"JSON that is not UTF-8", "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 7\r\n\r\n[\"\xFF\xFE\"]\n",
-       true, -1016},
+      {"JSON that is not UTF-8",
+       "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 7\r\n\r\n[\"\xFF\xFE\"]\n", true,
+       -1016},
   };
   for (const auto& c : cases) {
     RawServer server([&c](int socket, RawServer& self) {
@@ -342,14 +371,14 @@ TEST_F(TransportTest, MultipartUploadStreamsFilesToTheServer) {
   const std::string content = pattern(300'000);
   test::writeFile(dir / "article.html", content);
   AFHTTPClient client(net.session, server.url("/"));
-  const auto request = client.multipartFormRequestWithMethod("POST", "upload", {{"title", "T"}},
-                                                             [&](AFStreamingMultipartFormData& form) {
-                                                               ASSERT_TRUE(form.appendPartWithFileURL(
-                                                                   "file://" + (dir / "article.html").string(), "file"));
-                                                             });
+  const auto request = client.multipartFormRequestWithMethod(
+      "POST", "upload", {{"title", "T"}}, [&](AFStreamingMultipartFormData& form) {
+        ASSERT_TRUE(form.appendPartWithFileURL("file://" + (dir / "article.html").string(), "file"));
+      });
   std::uint64_t uploaded = 0;
   const auto outcome = run(client, request, [&](AFHTTPRequestOperation& operation) {
-    operation.setUploadProgressBlock([&](std::uint64_t, std::uint64_t total, std::int64_t) { uploaded = total; });
+    operation.setUploadProgressBlock(
+        [&](std::uint64_t, std::uint64_t total, std::int64_t) { uploaded = total; });
   });
   ASSERT_FALSE(outcome.error) << outcome.error->message();
   EXPECT_EQ(received, "T|article.html|" + content);

@@ -57,11 +57,13 @@ TEST(QueryString, SortsKeysSuffixesListsAndNestsDictionaries) {
       {{{"tags", nlohmann::json::array({"a b", "c&d"})}}, "tags[]=a%20b&tags[]=c%26d"},
       {{{"outer", {{"list", {1, 2}}}}}, "outer[list][]=1&outer[list][]=2"},
   };
-  for (const auto& [parameters, want] : cases) EXPECT_EQ(queryStringFromParameters(parameters), want) << parameters;
+  for (const auto& [parameters, want] : cases)
+    EXPECT_EQ(queryStringFromParameters(parameters), want) << parameters;
 }
 
 TEST(QueryString, ValuesEscapeTheReservedSetWhileKeysKeepBracketsAndDots) {
-  EXPECT_EQ(percentEscapedQueryStringValue(":/?&=;+!@#$()',*"), "%3A%2F%3F%26%3D%3B%2B%21%40%23%24%28%29%27%2C%2A");
+  EXPECT_EQ(percentEscapedQueryStringValue(":/?&=;+!@#$()',*"),
+            "%3A%2F%3F%26%3D%3B%2B%21%40%23%24%28%29%27%2C%2A");
   EXPECT_EQ(percentEscapedQueryStringValue("[a.b]~"), "%5Ba.b%5D~");
   EXPECT_EQ(percentEscapedQueryStringKey("tags[].x"), "tags[].x");
   EXPECT_EQ(percentEscapedQueryStringKey("a b=c"), "a%20b%3Dc");

@@ -65,7 +65,8 @@ OAuthSignature oauthSign(const OAuthSigningInput& input) {
   const std::string baseURL = oauthNormalizedBaseURL(input.url);
 
   OAuthParameters escapedOAuth;
-  for (const auto& [key, value] : input.oauthParameters) escapedOAuth.emplace_back(oauthEscape(key), oauthEscape(value));
+  for (const auto& [key, value] : input.oauthParameters)
+    escapedOAuth.emplace_back(oauthEscape(key), oauthEscape(value));
   OAuthParameters merged = escapedOAuth;
   for (const auto& [key, value] : input.requestParameters) {
     std::string escapedKey = oauthEscape(key);
@@ -75,7 +76,8 @@ OAuthSignature oauthSign(const OAuthSigningInput& input) {
   }
 
   OAuthSignature result;
-  result.baseString = oauthSignatureBaseString(input.method, baseURL, oauthParameterString(std::move(merged)));
+  result.baseString =
+      oauthSignatureBaseString(input.method, baseURL, oauthParameterString(std::move(merged)));
   result.signature =
       oauthHMACSHA1Signature(result.baseString, oauthSigningKey(input.consumerSecret, input.tokenSecret));
   OAuthParameters headerParameters = input.oauthParameters;

@@ -41,12 +41,12 @@ std::string oauthAuthorizationHeaderValue(std::string_view realm, const OAuthPar
 // Everything one signature needs. Values are given unescaped.
 struct OAuthSigningInput {
   std::string method;
-  std::string url;                     // absolute; its query is not part of the signature
-  OAuthParameters oauthParameters;     // oauth_* and x_auth_*, in header order, no signature yet
-  OAuthParameters requestParameters;   // the request's own parameters, flattened
+  std::string url;                    // absolute; its query is not part of the signature
+  OAuthParameters oauthParameters;    // oauth_* and x_auth_*, in header order, no signature yet
+  OAuthParameters requestParameters;  // the request's own parameters, flattened
   std::string consumerSecret;
   std::string tokenSecret;
-  std::optional<std::string> realm;    // the normalised URL when absent
+  std::optional<std::string> realm;  // the normalised URL when absent
 };
 
 struct OAuthSignature {
