@@ -34,11 +34,12 @@ class LoopbackServer {
     });
     server_.Get("/big", [](const httplib::Request& req, httplib::Response& res) {
       const size_t size = std::stoull(req.get_param_value("bytes"));
-      res.set_content_provider(size, "application/octet-stream", [](size_t, size_t length, httplib::DataSink& sink) {
-        static const std::string chunk(256 * 1024, 'x');
-        sink.write(chunk.data(), std::min(length, chunk.size()));
-        return true;
-      });
+      res.set_content_provider(size, "application/octet-stream",
+                               [](size_t, size_t length, httplib::DataSink& sink) {
+                                 static const std::string chunk(256 * 1024, 'x');
+                                 sink.write(chunk.data(), std::min(length, chunk.size()));
+                                 return true;
+                               });
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
@@ -87,10 +88,11 @@ void BM_SequentialGets(benchmark::State& state) {
       if (result.error) state.SkipWithError(result.error->message().c_str());
     }
   }
-  state.counters["requests_per_s"] =
-      benchmark::Counter(static_cast<double>(kRequests) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["requests_per_s"] = benchmark::Counter(
+      static_cast<double>(kRequests) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
   state.counters["tcp_connections"] = static_cast<double>(server.connections());
-  state.counters["curl_new_connections"] = static_cast<double>(session.transport().statistics().connectionsOpened);
+  state.counters["curl_new_connections"] =
+      static_cast<double>(session.transport().statistics().connectionsOpened);
 }
 BENCHMARK(BM_SequentialGets)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
@@ -105,7 +107,8 @@ void BM_TenAtATimeGets(benchmark::State& state) {
     std::vector<std::shared_ptr<AFHTTPRequestOperation>> operations;
     operations.reserve(kRequests);
     for (int i = 0; i < kRequests; ++i) {
-      operations.push_back(client.HTTPRequestOperationWithRequest(client.requestWithMethod("GET", "item.json"), nullptr, nullptr));
+      operations.push_back(client.HTTPRequestOperationWithRequest(
+          client.requestWithMethod("GET", "item.json"), nullptr, nullptr));
       client.enqueueHTTPRequestOperation(operations.back());
     }
     for (auto& operation : operations) {
@@ -113,10 +116,11 @@ void BM_TenAtATimeGets(benchmark::State& state) {
       if (operation->error()) state.SkipWithError(operation->error()->message().c_str());
     }
   }
-  state.counters["requests_per_s"] =
-      benchmark::Counter(static_cast<double>(kRequests) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["requests_per_s"] = benchmark::Counter(
+      static_cast<double>(kRequests) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
   state.counters["tcp_connections"] = static_cast<double>(server.connections());
-  state.counters["curl_new_connections"] = static_cast<double>(session.transport().statistics().connectionsOpened);
+  state.counters["curl_new_connections"] =
+      static_cast<double>(session.transport().statistics().connectionsOpened);
 }
 BENCHMARK(BM_TenAtATimeGets)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
