@@ -1,0 +1,114 @@
+#include "store/Feed.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "core/UserDefaults.h"
+#include "store/FeedStory.h"
+#include "store/ObjectContext.h"
+#include "store/StoreQueries.h"
+#include "store/UrlParts.h"
+
+namespace lectern {
+
+using namespace FolderColumn;
+
+std::optional<std::string> Feed::feed_link() const { return textValue(kFeedLink); }
+void Feed::setFeed_link(std::optional<std::string> link) { setText(kFeedLink, std::move(link)); }
+std::optional<Date> Feed::date_updated() const { return dateValue(kDateUpdated); }
+
+void Feed::setDate_updated(std::optional<Date> date) {
+  const auto stored = date_updated();
+  if (stored && date && secondsSince1970(*stored) == secondsSince1970(*date)) return;
+  setDate(kDateUpdated, date);
+}
+
+std::optional<Date> Feed::last_refresh() const { return dateValue(kLastRefresh); }
+void Feed::setLast_refresh(std::optional<Date> date) { setDate(kLastRefresh, date); }
+std::optional<std::string> Feed::last_error() const { return textValue(kLastError); }
+void Feed::setLast_error(std::optional<std::string> error) { setText(kLastError, std::move(error)); }
+std::optional<Date> Feed::failing_since() const { return dateValue(kFailingSince); }
+void Feed::setFailing_since(std::optional<Date> date) { setDate(kFailingSince, date); }
+
+void Feed::recordRefreshSucceeded(Date at) {
+  setLast_refresh(at);
+  setLast_error(std::nullopt);
+  setFailing_since(std::nullopt);
+}
+
+void Feed::recordRefreshFailed(Date at, std::string error) {
+  setLast_refresh(at);
+  setLast_error(std::move(error));
+  if (!failing_since()) setFailing_since(at);
+}
+
+Result<std::vector<std::shared_ptr<FeedStory>>> Feed::stories(const BookmarkQuery& query) const {
+  ObjectContext::FetchRequest request;
+  request.where = "feed = ?";
+  request.arguments = {objectID().row};
+  applyBookmarkQuery(request, query);
+  return managedObjectContext().fetch<FeedStory>(std::move(request));
+}
+
+Result<std::vector<std::shared_ptr<FeedFolder>>> Feed::feedFolders() const {
+  ObjectContext::FetchRequest request;
+  request.where = "id IN (SELECT feedfolder FROM FeedFolder_feeds WHERE feed = ?)";
+  request.arguments = {objectID().row};
+  request.orderBy = "pos, id";
+  return managedObjectContext().fetch<FeedFolder>(std::move(request));
+}
+
+Result<std::shared_ptr<FeedFolder>> Feed::firstFolder() const {
+  auto folders = feedFolders();
+  if (!folders) return fail(folders.error());
+  return folders->empty() ? std::shared_ptr<FeedFolder>() : folders->front();
+}
+
+Result<std::int64_t> Feed::feedPos() const {
+  auto folder = firstFolder();
+  if (!folder) return fail(folder.error());
+  return *folder ? (*folder)->pos() : pos();
+}
+
+std::optional<std::string> Feed::URL() const {
+  auto link = feed_link();
+  if (link && !link->empty()) return link;
+  return folder_id();
+}
+
+std::optional<std::string> Feed::urlDomain() const {
+  const auto address = URL();
+  return address ? lectern::urlDomain(*address) : std::nullopt;
+}
+
+std::int64_t Feed::daysKeepUnreadItems(const UserDefaults& defaults) {
+  return defaults.integerForKey(kDaysKeepFeedReadItemsIndex);
+}
+
+Date Feed::calculateKeepDate(const UserDefaults& defaults, const Clock& clock) {
+  int days = 7;
+  switch (daysKeepUnreadItems(defaults)) {
+    case 1: days = 1; break;
+    case 2: days = 2; break;
+    case 3: days = 3; break;
+    case 4: days = 7; break;
+    case 5: days = 14; break;
+    case 6: days = 28; break;
+    case 7: days = 70; break;
+    case 99: days = 70; break;
+    default: days = 7; break;
+  }
+  return clock.now() - std::chrono::hours(24 * days);
+}
+
+void Feed::prepareForDeletion() {
+  auto& context = managedObjectContext();
+  const SqlValue row[] = {objectID().row};
+  context.writeRelationship("DELETE FROM FeedFolder_feeds WHERE feed = ?", row, objectID(), objectID());
+  // Each story goes through the context so that its own clean-up (cached images) runs.
+  if (auto owned = stories(); owned) {
+    for (auto& story : *owned) context.deleteObject(*story);
+  }
+}
+
+}  // namespace lectern

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "store/FeedFolder.h"
+
+namespace lectern {
+
+class Clock;
+class FeedStory;
+class UserDefaults;
+
+// One subscription, with its stories and its health (when it was last refreshed, the last
+// error, since when it fails). Lives in one context.
+class Feed final : public FeedFolder {
+ public:
+  static constexpr Entity kEntity = Entity::kFeed;
+  Feed(Key key, ObjectContext& context, ObjectId id) : FeedFolder(key, context, id) {}
+
+  std::optional<std::string> feed_link() const;
+  void setFeed_link(std::optional<std::string> link);
+  std::optional<Date> date_updated() const;
+  // Stores the value only when it differs from the stored one.
+  void setDate_updated(std::optional<Date> date);
+
+  std::optional<Date> last_refresh() const;
+  void setLast_refresh(std::optional<Date> date);
+  std::optional<std::string> last_error() const;
+  void setLast_error(std::optional<std::string> error);
+  std::optional<Date> failing_since() const;
+  void setFailing_since(std::optional<Date> date);
+  // A refresh that worked clears the error; one that failed keeps the first failure's date.
+  void recordRefreshSucceeded(Date at);
+  void recordRefreshFailed(Date at, std::string error);
+
+  Result<std::vector<std::shared_ptr<FeedStory>>> stories(const BookmarkQuery& query = {}) const;
+  Result<std::vector<std::shared_ptr<FeedFolder>>> feedFolders() const;
+  // The feed's folder in the sidebar: the first of its folders by position, or none.
+  Result<std::shared_ptr<FeedFolder>> firstFolder() const;
+  // The position used when feeds are listed: the first folder's position, else the feed's own.
+  Result<std::int64_t> feedPos() const;
+  // The document's address: feed_link, or folder_id for the built-in reader's feeds.
+  std::optional<std::string> URL() const;
+  std::optional<std::string> urlDomain() const;
+
+  // The "DaysKeepFeedReadItemsIndex" preference.
+  static std::int64_t daysKeepUnreadItems(const UserDefaults& defaults);
+  // Now minus the keep period the index selects: read stories older than this are deleted.
+  static Date calculateKeepDate(const UserDefaults& defaults, const Clock& clock);
+
+  std::string folderTypeIdentifier() const override { return "Feed"; }
+
+ protected:
+  // Detaches the feed from its folders and deletes its stories.
+  void prepareForDeletion() override;
+};
+
+}  // namespace lectern

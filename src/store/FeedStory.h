@@ -1,0 +1,46 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "store/Bookmark.h"
+
+namespace lectern {
+
+class Clock;
+class Feed;
+class FeedEnclosure;
+struct RSSEntry;
+
+// A bookmark that came from a feed: its author, permalink, feed and enclosures. Lives in one context.
+class FeedStory final : public Bookmark {
+ public:
+  static constexpr Entity kEntity = Entity::kFeedStory;
+  FeedStory(Key key, ObjectContext& context, ObjectId id) : Bookmark(key, context, id) {}
+
+  std::optional<std::string> author() const;
+  void setAuthor(std::optional<std::string> author);
+  std::optional<std::string> permalink() const;
+  void setPermalink(std::optional<std::string> permalink);
+
+  std::optional<ObjectId> feedID() const;
+  Result<std::shared_ptr<Feed>> feed() const;
+  void setFeed(const Feed& feed);
+
+  Result<std::vector<std::shared_ptr<FeedEnclosure>>> enclosures() const;
+  std::shared_ptr<FeedEnclosure> addEnclosure(std::optional<std::string> url, std::optional<std::string> type,
+                                              std::optional<std::int64_t> length);
+
+  // An entry can become a story when it has a link.
+  static bool isValidForRSSEntryMapping(const RSSEntry* entry);
+  // Fills the story from the entry: its link is its bookmark_id; a missing or future date
+  // becomes now; the HTML is the content, else the summary; unread and not starred.
+  void mapFromRSSEntry(const RSSEntry& entry, const Clock& clock);
+
+ protected:
+  std::optional<std::string> offlineFeedId() const override;
+};
+
+}  // namespace lectern

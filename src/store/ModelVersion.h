@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "core/Error.h"
+
+namespace lectern {
+
+class SqliteDatabase;
+
+// One named version of the library's schema. A store records the version it was written with
+// (PRAGMA user_version = number, and the name in its Metadata table); opening a store of an older
+// version migrates it one version at a time. Versions are append-only: never edit a shipped one.
+struct ModelVersion {
+  std::string_view name;               // "Lectern 2.41": also names a migration step's file
+  std::string_view versionIdentifier;  // "2.41": the "modelVersion" of the mappings into it
+  int number = 0;                      // PRAGMA user_version
+  std::span<const std::string_view> schema;  // CREATE statements, in order
+};
+
+// Marks a SQLite file as a Lectern library ("LCTR").
+inline constexpr std::int32_t kLecternApplicationId = 0x4C435452;
+
+// Oldest first; the last one is the current version.
+std::span<const ModelVersion> modelVersions();
+const ModelVersion& currentModelVersion();
+const ModelVersion* modelVersionNumbered(int number);
+const ModelVersion* modelVersionNamed(std::string_view name);
+
+// Creates the tables of `version` in an empty database and records the version, in one
+// transaction. Fails when the database already holds tables.
+Result<void> createSchema(SqliteDatabase& db, const ModelVersion& version);
+
+// What a store file says about itself, read without changing it.
+struct StoreMetadata {
+  int versionNumber = 0;        // 0: an empty database (a new library)
+  std::string versionName;      // from the Metadata table; empty when absent
+  std::int32_t applicationId = 0;
+  bool hasTables = false;
+};
+
+}  // namespace lectern
+
+namespace lectern {
+// Reads the version a connection's database records.
+Result<StoreMetadata> readStoreMetadata(SqliteDatabase& db);
+}  // namespace lectern

@@ -1,0 +1,585 @@
+#include "store/ObjectContext.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "core/Log.h"
+#include "core/MainQueue.h"
+#include "store/Account.h"
+#include "store/Bookmark.h"
+#include "store/Content.h"
+#include "store/Feed.h"
+#include "store/FeedEnclosure.h"
+#include "store/FeedFolder.h"
+#include "store/FeedStory.h"
+#include "store/Folder.h"
+#include "store/ModelVersion.h"
+#include "store/OfflineOperation.h"
+#include "store/SmartFolder.h"
+#include "store/SqliteDatabase.h"
+#include "store/StoreEnvironment.h"
+#include "store/Token.h"
+
+namespace lectern {
+namespace {
+
+constexpr std::string_view kLogCategory = "ObjectContext";
+// Writers wait this long for another connection's write lock. Transactions are kept short
+// (a batch of a sync, one user action), so reaching it means something is stuck.
+constexpr std::chrono::milliseconds kBusyTimeout{60'000};
+
+std::string selectColumns(EntityTable table) {
+  std::string columns = fmt::format("{}.id", tableName(table));
+  for (const auto& column : columnsOf(table)) columns += fmt::format(", {}.{}", tableName(table), column.name);
+  return columns;
+}
+
+const std::string& selectColumnsCached(EntityTable table) {
+  static const std::array<std::string, kEntityTableCount> cache = [] {
+    std::array<std::string, kEntityTableCount> all;
+    for (int i = 0; i < kEntityTableCount; ++i) all[static_cast<size_t>(i)] = selectColumns(static_cast<EntityTable>(i));
+    return all;
+  }();
+  return cache[static_cast<size_t>(table)];
+}
+
+const std::string& insertSql(EntityTable table) {
+  static const std::array<std::string, kEntityTableCount> cache = [] {
+    std::array<std::string, kEntityTableCount> all;
+    for (int i = 0; i < kEntityTableCount; ++i) {
+      const auto t = static_cast<EntityTable>(i);
+      std::string names = "id";
+      std::string marks = "?";
+      for (const auto& column : columnsOf(t)) {
+        names += fmt::format(", {}", column.name);
+        marks += ", ?";
+      }
+      all[static_cast<size_t>(i)] = fmt::format("INSERT INTO {} ({}) VALUES ({})", tableName(t), names, marks);
+    }
+    return all;
+  }();
+  return cache[static_cast<size_t>(table)];
+}
+
+std::shared_ptr<ManagedObject> makeObject(Entity entity, ManagedObject::Key key, ObjectContext& context, ObjectId id) {
+  switch (entity) {
+    case Entity::kAccount:
+      return std::make_shared<Account>(key, context, id);
+    case Entity::kFolder:
+      return std::make_shared<Folder>(key, context, id);
+    case Entity::kFeedFolder:
+      return std::make_shared<FeedFolder>(key, context, id);
+    case Entity::kFeed:
+      return std::make_shared<Feed>(key, context, id);
+    case Entity::kSmartFolder:
+      return std::make_shared<SmartFolder>(key, context, id);
+    case Entity::kBookmark:
+      return std::make_shared<Bookmark>(key, context, id);
+    case Entity::kFeedStory:
+      return std::make_shared<FeedStory>(key, context, id);
+    case Entity::kContent:
+      return std::make_shared<Content>(key, context, id);
+    case Entity::kFeedEnclosure:
+      return std::make_shared<FeedEnclosure>(key, context, id);
+    case Entity::kToken:
+      return std::make_shared<Token>(key, context, id);
+    case Entity::kOfflineOperation:
+      return std::make_shared<OfflineOperation>(key, context, id);
+  }
+  throw InternalInconsistency("Unknown entity");
+}
+
+bool hasEntityColumn(EntityTable table) {
+  return table == EntityTable::kFolder || table == EntityTable::kBookmark;
+}
+
+std::string idArray(const std::vector<std::int64_t>& rows) { return nlohmann::json(rows).dump(); }
+
+}  // namespace
+
+Result<std::unique_ptr<ObjectContext>> ObjectContext::open(const std::filesystem::path& path, Kind kind,
+                                                           StoreEnvironment& environment, SaveListener* listener) {
+  auto db = SqliteDatabase::open(path, SqliteDatabase::OpenMode::kReadWrite, kBusyTimeout);
+  if (!db) return fail(db.error());
+  auto wal = (*db)->selectOne("PRAGMA journal_mode = WAL");
+  if (!wal) return fail(wal.error());
+  for (std::string_view pragma : {"PRAGMA foreign_keys = ON", "PRAGMA synchronous = NORMAL"}) {
+    if (auto set = (*db)->execute(pragma); !set) return fail(set.error());
+  }
+  auto metadata = readStoreMetadata(**db);
+  if (!metadata) return fail(metadata.error());
+  if (metadata->versionNumber != currentModelVersion().number) {
+    return fail(kStoreErrorDomain, 2,
+                fmt::format("Failed to open the library: it is of version {} and needs migrating first",
+                            metadata->versionName.empty() ? std::to_string(metadata->versionNumber)
+                                                          : metadata->versionName));
+  }
+  return std::unique_ptr<ObjectContext>(new ObjectContext(std::move(*db), kind, environment, listener));
+}
+
+ObjectContext::ObjectContext(std::unique_ptr<SqliteDatabase> db, Kind kind, StoreEnvironment& environment,
+                             SaveListener* listener)
+    : db_(std::move(db)), kind_(kind), environment_(environment), listener_(listener), owner_(std::this_thread::get_id()) {}
+
+ObjectContext::~ObjectContext() {
+  if (inWrite_) db_->rollback();
+  pending_.clear();
+  for (auto& table : registered_) {
+    for (auto& [row, weak] : table) {
+      if (auto object = weak.lock()) object->context_ = nullptr;
+    }
+    table.clear();
+  }
+}
+
+void ObjectContext::checkThread() const {
+  if (std::this_thread::get_id() != owner_) {
+    throw InternalInconsistency("An object context was used outside the thread that owns it");
+  }
+}
+
+void ObjectContext::recordError(Error error) {
+  logError(kLogCategory, "{}", error.message());
+  if (!pendingError_) pendingError_ = std::move(error);
+}
+
+bool ObjectContext::ensureWriteTransaction() {
+  if (inWrite_) return true;
+  if (pendingError_) return false;
+  if (auto begun = db_->beginImmediate(); !begun) {
+    recordError(begun.error());
+    return false;
+  }
+  inWrite_ = true;
+  nextRow_.fill(0);
+  return true;
+}
+
+std::int64_t ObjectContext::allocateRow(EntityTable table) {
+  if (!ensureWriteTransaction()) return nextTemporaryRow_--;
+  auto& next = nextRow_[static_cast<size_t>(table)];
+  if (next == 0) {
+    // The write lock is ours until the commit, so nobody else can take these ids meanwhile.
+    // sqlite_sequence keeps ids of deleted rows from coming back.
+    const SqlValue name[] = {std::string(tableName(table))};
+    auto row = db_->selectOne(fmt::format("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name = ?), 0),"
+                                          " coalesce((SELECT max(id) FROM {}), 0))",
+                                          tableName(table)),
+                              name);
+    if (!row) {
+      recordError(row.error());
+      return nextTemporaryRow_--;
+    }
+    next = integerOf((**row)[0]).value_or(0) + 1;
+  }
+  return next++;
+}
+
+std::shared_ptr<ManagedObject> ObjectContext::insertNewObject(Entity entity) {
+  checkThread();
+  const EntityTable table = tableOf(entity);
+  const ObjectId id{entity, allocateRow(table)};
+  auto object = makeObject(entity, ManagedObject::Key(), *this, id);
+  const auto columns = columnsOf(table);
+  object->values_.assign(columns.size(), SqlValue());
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (columns[i].type == ColumnType::kBoolean) object->values_[i] = std::int64_t{0};
+  }
+  if (hasEntityColumn(table)) object->values_[0] = std::string(entityName(entity));
+  object->unflushedInsert_ = true;
+  object->insertedSinceSave_ = true;
+  object->pendingListed_ = true;
+  pending_.push_back(object);
+  needsFlush_ = true;
+  registered_[static_cast<size_t>(table)][id.row] = object;
+  object->commonAwake();
+  return object;
+}
+
+std::shared_ptr<ManagedObject> ObjectContext::insertNewObjectForEntityForName(std::string_view name) {
+  const auto entity = entityNamed(name);
+  return entity ? insertNewObject(*entity) : nullptr;
+}
+
+std::shared_ptr<ManagedObject> ObjectContext::registeredObject(ObjectId id) const {
+  const auto& table = registered_[static_cast<size_t>(id.table())];
+  auto found = table.find(id.row);
+  return found == table.end() ? nullptr : found->second.lock();
+}
+
+Result<std::shared_ptr<ManagedObject>> ObjectContext::existingObject(ObjectId id) {
+  checkThread();
+  if (auto object = registeredObject(id)) return object->deleted_ ? nullptr : object;
+  const EntityTable table = id.table();
+  const SqlValue row[] = {id.row};
+  auto rows = select(fmt::format("SELECT {} FROM {} WHERE id = ?", selectColumnsCached(table), tableName(table)), row);
+  if (!rows) return fail(rows.error());
+  if (rows->empty()) return std::shared_ptr<ManagedObject>();
+  auto object = materialize(table, rows->front());
+  return object && !object->deleted_ ? object : nullptr;
+}
+
+std::shared_ptr<ManagedObject> ObjectContext::materialize(EntityTable table, const SqlRow& row) {
+  const std::int64_t rowId = integerOf(row[0]).value_or(0);
+  auto& map = registered_[static_cast<size_t>(table)];
+  if (auto found = map.find(rowId); found != map.end()) {
+    if (auto object = found->second.lock()) {
+      if (!object->deleted_) mergeRow(*object, row, 1);
+      return object;
+    }
+  }
+  Entity entity = rootEntity(table);
+  if (hasEntityColumn(table)) {
+    if (auto named = entityNamed(textOf(row[1]).value_or("")); named && tableOf(*named) == table) entity = *named;
+  }
+  auto object = makeObject(entity, ManagedObject::Key(), *this, ObjectId{entity, rowId});
+  object->values_.assign(row.begin() + 1, row.end());
+  map[rowId] = object;
+  object->commonAwake();
+  return object;
+}
+
+void ObjectContext::mergeRow(ManagedObject& object, const SqlRow& row, size_t firstColumn) {
+  const size_t count = object.values_.size();
+  for (size_t i = 0; i < count && i + firstColumn < row.size(); ++i) {
+    // Unsaved changes of this context stay; the store wins for everything else.
+    if ((object.changed_ & (1u << i)) == 0) object.values_[i] = row[i + firstColumn];
+  }
+}
+
+Result<bool> ObjectContext::reread(ManagedObject& object) {
+  const EntityTable table = object.id_.table();
+  const SqlValue row[] = {object.id_.row};
+  auto rows = db_->selectAll(fmt::format("SELECT {} FROM {} WHERE id = ?", selectColumnsCached(table), tableName(table)),
+                             row);
+  if (!rows) return fail(rows.error());
+  if (rows->empty()) return false;
+  mergeRow(object, rows->front(), 1);
+  object.didRefresh();
+  return true;
+}
+
+void ObjectContext::markGone(ManagedObject& object) {
+  object.deleted_ = true;
+  object.deleteFlushed_ = true;
+  auto& map = registered_[static_cast<size_t>(object.id_.table())];
+  if (auto found = map.find(object.id_.row); found != map.end() && found->second.lock().get() == &object) {
+    map.erase(found);
+  }
+}
+
+void ObjectContext::forget(const ObjectId& id) {
+  // Called from an object's destructor: only its own (now expired) entry goes.
+  auto& map = registered_[static_cast<size_t>(id.table())];
+  if (auto found = map.find(id.row); found != map.end() && found->second.expired()) map.erase(found);
+}
+
+void ObjectContext::objectWillChange(ManagedObject& object) {
+  ensureWriteTransaction();
+  needsFlush_ = true;
+  if (!object.pendingListed_) {
+    object.pendingListed_ = true;
+    pending_.push_back(object.shared_from_this());
+  }
+}
+
+void ObjectContext::deleteObject(ManagedObject& object) {
+  checkThread();
+  if (object.deleted_ || object.context_ != this) return;
+  object.prepareForDeletion();
+  objectWillChange(object);
+  object.deleted_ = true;
+}
+
+void ObjectContext::writeRelationship(std::string_view sql, std::span<const SqlValue> arguments, ObjectId a,
+                                      ObjectId b) {
+  checkThread();
+  if (!ensureWriteTransaction()) return;
+  if (auto written = db_->execute(sql, arguments); !written) {
+    recordError(written.error());
+    return;
+  }
+  touched_.insert(a);
+  touched_.insert(b);
+}
+
+bool ObjectContext::hasChanges() const { return !pending_.empty() || !touched_.empty() || pendingError_.has_value(); }
+
+Result<void> ObjectContext::writeInsert(ManagedObject& object) {
+  auto statement = db_->prepare(insertSql(object.id_.table()));
+  if (!statement) return fail(statement.error());
+  (*statement)->bind(1, object.id_.row);
+  (*statement)->bindAll(object.values_, 2);
+  if (auto done = (*statement)->run(); !done) return done;
+  object.unflushedInsert_ = false;
+  object.dirty_ = 0;
+  return {};
+}
+
+Result<void> ObjectContext::writeUpdate(ManagedObject& object) {
+  // Only the changed columns are written, so a column another context saved meanwhile survives.
+  const EntityTable table = object.id_.table();
+  const auto columns = columnsOf(table);
+  std::string assignments;
+  std::vector<SqlValue> arguments;
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if ((object.dirty_ & (1u << i)) == 0) continue;
+    assignments += fmt::format("{}{} = ?", assignments.empty() ? "" : ", ", columns[i].name);
+    arguments.push_back(object.values_[i]);
+  }
+  arguments.push_back(object.id_.row);
+  if (auto done = db_->execute(fmt::format("UPDATE {} SET {} WHERE id = ?", tableName(table), assignments), arguments);
+      !done) {
+    return done;
+  }
+  object.dirty_ = 0;
+  return {};
+}
+
+Result<void> ObjectContext::writeDelete(ManagedObject& object) {
+  const SqlValue row[] = {object.id_.row};
+  if (auto done = db_->execute(fmt::format("DELETE FROM {} WHERE id = ?", tableName(object.id_.table())), row); !done) {
+    return done;
+  }
+  object.deleteFlushed_ = true;
+  return {};
+}
+
+Result<void> ObjectContext::flush() {
+  checkThread();
+  if (pendingError_) return fail(*pendingError_);
+  if (!needsFlush_) return {};
+  bool deletedSomething = false;
+  // Inserts and updates first: a row inserted and deleted in the same save is written and then
+  // deleted, so the store's cascades remove whatever was attached to it meanwhile.
+  for (size_t i = 0; i < pending_.size(); ++i) {
+    auto& object = *pending_[i];
+    if (object.unflushedInsert_) {
+      if (auto done = writeInsert(object); !done) return done;
+    } else if (object.dirty_ != 0 && !object.deleted_) {
+      if (auto done = writeUpdate(object); !done) return done;
+    }
+  }
+  for (size_t i = 0; i < pending_.size(); ++i) {
+    auto& object = *pending_[i];
+    if (object.deleted_ && !object.deleteFlushed_) {
+      if (auto done = writeDelete(object); !done) return done;
+      deletedSomething = true;
+    }
+  }
+  needsFlush_ = false;
+  if (deletedSomething) return findCascadedDeletions();
+  return {};
+}
+
+Result<void> ObjectContext::findCascadedDeletions() {
+  for (int t = 0; t < kEntityTableCount; ++t) {
+    const auto table = static_cast<EntityTable>(t);
+    std::vector<std::int64_t> rows;
+    for (const auto& [row, weak] : registered_[static_cast<size_t>(t)]) {
+      auto object = weak.lock();
+      if (object && !object->deleted_ && !object->unflushedInsert_) rows.push_back(row);
+    }
+    if (rows.empty()) continue;
+    const SqlValue ids[] = {idArray(rows)};
+    auto missing = db_->selectAll(
+        fmt::format("SELECT j.value FROM json_each(?) j LEFT JOIN {0} ON {0}.id = j.value WHERE {0}.id IS NULL",
+                    tableName(table)),
+        ids);
+    if (!missing) return fail(missing.error());
+    for (const auto& row : *missing) {
+      auto object = registeredObject(ObjectId{rootEntity(table), integerOf(row[0]).value_or(0)});
+      if (!object) continue;
+      cascaded_.push_back(object->id_);
+      markGone(*object);
+    }
+  }
+  return {};
+}
+
+Result<void> ObjectContext::save() {
+  checkThread();
+  if (!hasChanges()) return {};
+  // willSave may change or insert objects (tokens from tags); those get their turn too.
+  for (int pass = 0; pass < 4; ++pass) {
+    bool ranAny = false;
+    for (size_t i = 0; i < pending_.size(); ++i) {
+      auto object = pending_[i];
+      if (object->willSaveDone_ || object->deleted_) continue;
+      object->willSaveDone_ = true;
+      object->willSave();
+      ranAny = true;
+    }
+    if (!ranAny) break;
+  }
+  auto flushed = flush();
+  if (flushed && inWrite_) flushed = db_->commit();
+  if (!flushed) {
+    Error error = flushed.error();
+    logError(kLogCategory, "Error while saving: {}", error.message());
+    pendingError_.reset();
+    rollback();
+    return fail(std::move(error));
+  }
+  inWrite_ = false;
+
+  ContextDidSave changes;
+  std::unordered_set<ObjectId> reported;
+  for (auto& object : pending_) {
+    if (object->insertedSinceSave_ && object->deleted_) {
+      markGone(*object);
+    } else if (object->insertedSinceSave_) {
+      changes.inserted.push_back(object->id_);
+    } else if (object->deleted_) {
+      changes.deleted.push_back(object->id_);
+      markGone(*object);
+    } else if (object->changed_ != 0) {
+      changes.updated.push_back(object->id_);
+    }
+    reported.insert(object->id_);
+    object->changed_ = 0;
+    object->dirty_ = 0;
+    object->insertedSinceSave_ = false;
+    object->pendingListed_ = false;
+    object->willSaveDone_ = false;
+  }
+  for (const auto& id : cascaded_) {
+    if (reported.insert(id).second) changes.deleted.push_back(id);
+  }
+  for (const auto& id : touched_) {
+    if (reported.insert(id).second) changes.updated.push_back(id);
+  }
+  pending_.clear();
+  touched_.clear();
+  cascaded_.clear();
+  needsFlush_ = false;
+  notifyObservers(changes);
+  if (listener_ != nullptr && !changes.empty()) listener_->contextDidSave(*this, changes);
+  return {};
+}
+
+void ObjectContext::rollback() {
+  checkThread();
+  db_->rollback();
+  inWrite_ = false;
+  pendingError_.reset();
+  auto pending = std::move(pending_);
+  pending_.clear();
+  for (auto& object : pending) {
+    object->pendingListed_ = false;
+    object->willSaveDone_ = false;
+    if (object->insertedSinceSave_) {
+      object->insertedSinceSave_ = false;
+      object->unflushedInsert_ = false;
+      markGone(*object);
+      continue;
+    }
+    object->changed_ = 0;
+    object->dirty_ = 0;
+    object->deleted_ = false;
+    object->deleteFlushed_ = false;
+    if (auto found = reread(*object); !found || !*found) markGone(*object);
+  }
+  touched_.clear();
+  cascaded_.clear();
+  needsFlush_ = false;
+}
+
+std::vector<std::shared_ptr<ManagedObject>> ObjectContext::registeredObjects() const {
+  std::vector<std::shared_ptr<ManagedObject>> objects;
+  for (const auto& table : registered_) {
+    for (const auto& [row, weak] : table) {
+      if (auto object = weak.lock()) objects.push_back(std::move(object));
+    }
+  }
+  return objects;
+}
+
+Result<void> ObjectContext::refreshAllObjects() {
+  checkThread();
+  if (auto flushed = flush(); !flushed) return flushed;
+  for (auto& object : registeredObjects()) {
+    if (object->deleted_ || object->unflushedInsert_) continue;
+    auto found = reread(*object);
+    if (!found) return fail(found.error());
+    if (!*found) markGone(*object);
+  }
+  return {};
+}
+
+void ObjectContext::mergeChangesFromContextDidSave(const ContextDidSave& changes) {
+  checkThread();
+  for (const auto& id : changes.deleted) {
+    if (auto object = registeredObject(id)) markGone(*object);
+  }
+  for (const auto& id : changes.updated) {
+    auto object = registeredObject(id);
+    if (!object || object->deleted_) continue;
+    auto found = reread(*object);
+    if (!found) {
+      logError(kLogCategory, "Failed to merge changes into the main context:\n{}", found.error().message());
+      continue;
+    }
+    if (!*found) markGone(*object);
+  }
+  if (!changes.deleted.empty()) {
+    if (auto cascaded = findCascadedDeletions(); !cascaded) {
+      logError(kLogCategory, "Failed to merge changes into the main context:\n{}", cascaded.error().message());
+    }
+    cascaded_.clear();
+  }
+  notifyObservers(changes);
+}
+
+int ObjectContext::addObserver(Observer observer) {
+  const int token = nextObserverToken_++;
+  observers_.emplace(token, std::move(observer));
+  return token;
+}
+
+void ObjectContext::removeObserver(int token) { observers_.erase(token); }
+
+void ObjectContext::notifyObservers(const ContextDidSave& changes) {
+  if (changes.empty()) return;
+  auto observers = observers_;  // an observer may remove itself
+  for (auto& [token, observer] : observers) observer(changes);
+}
+
+Result<std::vector<std::shared_ptr<ManagedObject>>> ObjectContext::fetchObjects(const FetchRequest& request) {
+  checkThread();
+  const EntityTable table = tableOf(request.entity);
+  std::string sql = fmt::format("SELECT {} FROM {} WHERE ({}) AND ({})", selectColumnsCached(table), tableName(table),
+                                entityCondition(request.entity), request.where);
+  if (!request.orderBy.empty()) sql += " ORDER BY " + request.orderBy;
+  std::vector<SqlValue> arguments = request.arguments;
+  if (request.limit) {
+    sql += " LIMIT ?";
+    arguments.push_back(*request.limit);
+  }
+  auto rows = select(sql, arguments);
+  if (!rows) return fail(rows.error());
+  std::vector<std::shared_ptr<ManagedObject>> objects;
+  objects.reserve(rows->size());
+  for (const auto& row : *rows) {
+    auto object = materialize(table, row);
+    if (object && !object->deleted_) objects.push_back(std::move(object));
+  }
+  return objects;
+}
+
+Result<std::int64_t> ObjectContext::count(Entity entity, std::string_view where, std::vector<SqlValue> arguments) {
+  auto rows = select(fmt::format("SELECT count(*) FROM {} WHERE ({}) AND ({})", tableName(tableOf(entity)),
+                                 entityCondition(entity), where),
+                     arguments);
+  if (!rows) return fail(rows.error());
+  return rows->empty() ? 0 : integerOf(rows->front()[0]).value_or(0);
+}
+
+Result<std::vector<SqlRow>> ObjectContext::select(std::string_view sql, std::span<const SqlValue> arguments) {
+  checkThread();
+  if (auto flushed = flush(); !flushed) return fail(flushed.error());
+  return db_->selectAll(sql, arguments);
+}
+
+}  // namespace lectern

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "store/BookmarkQuery.h"
+#include "store/ObjectContext.h"
+
+namespace lectern {
+
+// Narrows a bookmark fetch as a list asks: unread or starred only, newest date_added first, a limit.
+inline void applyBookmarkQuery(ObjectContext::FetchRequest& request, const BookmarkQuery& query) {
+  if (query.filter == BookmarkFilter::kUnread) request.where += " AND is_archived = 0";
+  if (query.filter == BookmarkFilter::kStarred) request.where += " AND is_favorited = 1";
+  request.orderBy = "date_added DESC, id DESC";
+  request.limit = query.limit;
+}
+
+// A list bound as one value and read back in SQL with "IN (SELECT value FROM json_each(?))".
+template <class T>
+SqlValue jsonList(const std::vector<T>& items) {
+  return nlohmann::json(items).dump();
+}
+
+}  // namespace lectern

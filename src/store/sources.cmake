@@ -1,0 +1,34 @@
+set(LECTERN_STORE_SOURCES
+  src/store/SqliteStatement.cpp
+  src/store/SqliteDatabase.cpp
+  src/store/ModelVersion.cpp
+  src/store/EntitySchema.cpp
+  src/store/ManagedObject.cpp
+  src/store/ObjectContext.cpp
+  src/store/StoreEnvironment.cpp
+  src/store/ServiceIdentifiers.cpp
+  src/store/QKAccountPreferences.cpp
+  src/store/AccountService.cpp
+  src/store/TitleOrder.cpp
+  src/store/UrlParts.cpp
+  src/store/Account.cpp
+  src/store/AccountOfflineOperations.cpp
+  src/store/Folder.cpp
+  src/store/FeedFolder.cpp
+  src/store/Feed.cpp
+  src/store/SmartFolder.cpp
+  src/store/Bookmark.cpp
+  src/store/BookmarkActions.cpp
+  src/store/FeedStory.cpp
+  src/store/Content.cpp
+  src/store/FeedEnclosure.cpp
+  src/store/Token.cpp
+  src/store/OfflineOperation.cpp
+  src/store/BookmarkImage.cpp
+  src/store/BookmarkSection.cpp
+  src/store/PredicateText.cpp
+  src/store/MigrationManager.cpp
+  src/store/MigrationPolicies.cpp
+  src/store/QKDataMigrationManager.cpp
+  src/store/QKDataManager.cpp
+)
