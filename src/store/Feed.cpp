@@ -50,6 +50,10 @@ Result<std::vector<std::shared_ptr<FeedStory>>> Feed::stories(const BookmarkQuer
   return managedObjectContext().fetch<FeedStory>(std::move(request));
 }
 
+Result<std::int64_t> Feed::unreadCount() const {
+  return managedObjectContext().count(Entity::kFeedStory, "feed = ? AND is_archived = 0", {objectID().row});
+}
+
 Result<std::vector<std::shared_ptr<FeedFolder>>> Feed::feedFolders() const {
   ObjectContext::FetchRequest request;
   request.where = "id IN (SELECT feedfolder FROM FeedFolder_feeds WHERE feed = ?)";

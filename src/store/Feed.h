@@ -37,6 +37,7 @@ class Feed final : public FeedFolder {
   void recordRefreshFailed(Date at, std::string error);
 
   Result<std::vector<std::shared_ptr<FeedStory>>> stories(const BookmarkQuery& query = {}) const;
+  Result<std::int64_t> unreadCount() const override;
   Result<std::vector<std::shared_ptr<FeedFolder>>> feedFolders() const;
   // The feed's folder in the sidebar: the first of its folders by position, or none.
   Result<std::shared_ptr<FeedFolder>> firstFolder() const;

@@ -41,8 +41,8 @@ class Folder : public ManagedObject {
   void removeBookmark(const Bookmark& bookmark);
   Result<bool> containsBookmark(const Bookmark& bookmark) const;
 
-  // Bookmarks with is_archived == NO.
-  Result<std::int64_t> unreadCount() const;
+  // Bookmarks with is_archived == NO (a feed counts its stories).
+  virtual Result<std::int64_t> unreadCount() const;
   // The count shown on the badge: the unread count, cached; feeds adjust it as stories change.
   Result<std::int64_t> bookmarkCount();
   void adjustBookmarkCount(std::int64_t delta);

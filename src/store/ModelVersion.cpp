@@ -170,6 +170,14 @@ Result<StoreMetadata> readStoreMetadata(SqliteDatabase& db) {
   return metadata;
 }
 
+std::string describeStoreVersion(const StoreMetadata& metadata) {
+  const ModelVersion* named = modelVersionNamed(metadata.versionName);
+  if (!metadata.versionName.empty() && (named == nullptr || named->number == metadata.versionNumber)) {
+    return metadata.versionName;
+  }
+  return fmt::format("version {}", metadata.versionNumber);
+}
+
 Result<void> createSchema(SqliteDatabase& db, const ModelVersion& version) {
   auto transaction = Transaction::begin(db, Transaction::Kind::kImmediate);
   if (!transaction) return fail(transaction.error());

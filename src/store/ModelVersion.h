@@ -47,4 +47,7 @@ struct StoreMetadata {
 namespace lectern {
 // Reads the version a connection's database records.
 Result<StoreMetadata> readStoreMetadata(SqliteDatabase& db);
+// The store's version for a message: its recorded name, or "version <n>" when the name is
+// missing or does not agree with the number.
+std::string describeStoreVersion(const StoreMetadata& metadata);
 }  // namespace lectern

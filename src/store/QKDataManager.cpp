@@ -96,9 +96,7 @@ Result<void> QKDataManager::openStore() {
     const int current = currentModelVersion().number;
     if (metadata->versionNumber > current) {
       return fail(kLecternErrorDomain, kStoreNewer,
-                  fmt::format("The library was written by a newer version of Lectern ({}).",
-                              metadata->versionName.empty() ? std::to_string(metadata->versionNumber)
-                                                            : metadata->versionName),
+                  fmt::format("The library was written by a newer version of Lectern ({}).", describeStoreVersion(*metadata)),
                   "Open it with the version of Lectern that wrote it.");
     }
     if (metadata->versionNumber == 0 && !metadata->hasTables) {

@@ -141,9 +141,7 @@ Result<void> QKDataMigrationManager::progressivelyMigrateURL(const fs::path& sto
     const ModelVersion* source = sourceModelForSourceMetadata(*metadata);
     if (source == nullptr || metadata->versionNumber > toModel.number) {
       return fail(kMigrationErrorDomain, 3,
-                  fmt::format("The library was written by a newer version of Lectern ({}).",
-                              metadata->versionName.empty() ? std::to_string(metadata->versionNumber)
-                                                            : metadata->versionName),
+                  fmt::format("The library was written by a newer version of Lectern ({}).", describeStoreVersion(*metadata)),
                   "Open it with the version of Lectern that wrote it.");
     }
     auto destination = getDestinationModel(*source);

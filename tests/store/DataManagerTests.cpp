@@ -1,0 +1,138 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "StoreTestSupport.h"
+#include "core/Log.h"
+#include "store/Bookmark.h"
+#include "store/ModelVersion.h"
+#include "store/SqliteDatabase.h"
+
+namespace lectern::test {
+namespace {
+
+class DataManagerTest : public StoreTest {
+ protected:
+  // The store's bytes must not change when opening it fails.
+  void expectRefusedUntouched(int code, std::string_view descriptionStart) {
+    const std::string before = readFile(paths_.storeFile());
+    auto opened = manager_->managedObjectContext();
+    ASSERT_FALSE(opened);
+    EXPECT_EQ(opened.error().code, code) << opened.error().message();
+    EXPECT_TRUE(opened.error().description.starts_with(descriptionStart)) << opened.error().description;
+    EXPECT_EQ(readFile(paths_.storeFile()), before);
+    EXPECT_FALSE(std::filesystem::exists(paths_.storeFile().string() + "-wal"));
+  }
+};
+
+TEST_F(DataManagerTest, AFileWhereTheApplicationFolderShouldBe) {
+  ScopedLogCapture log;
+  writeFile(paths_.applicationFolder, "not a folder");
+  auto opened = manager_->managedObjectContext();
+  ASSERT_FALSE(opened);
+  EXPECT_EQ(opened.error().domain, "com.quillhq.Lectern");
+  EXPECT_EQ(opened.error().code, 101);
+  EXPECT_EQ(opened.error().description, "Expected a folder to store application data, found a file (" +
+                                            paths_.applicationFolder.string() + ").");
+  EXPECT_TRUE(log.contains("Fatal error while creating persistent store: "));
+  EXPECT_EQ(readFile(paths_.applicationFolder), "not a folder");
+}
+
+TEST_F(DataManagerTest, AFileThatIsNotALibraryIsLeftAlone) {
+  std::filesystem::create_directories(paths_.applicationFolder);
+  writeFile(paths_.storeFile(), "these are my notes, not a database");
+  expectRefusedUntouched(104, "The library file is not a Lectern library");
+}
+
+TEST_F(DataManagerTest, AnotherProgramsDatabaseIsLeftAlone) {
+  std::filesystem::create_directories(paths_.applicationFolder);
+  {
+    auto db = SqliteDatabase::open(paths_.storeFile(), SqliteDatabase::OpenMode::kReadWriteCreate,
+                                   std::chrono::seconds(1)).value();
+    ASSERT_TRUE(db->execute("CREATE TABLE notes (text TEXT); INSERT INTO notes VALUES ('mine')"));
+  }
+  expectRefusedUntouched(104, "The library file is not a Lectern library");
+}
+
+TEST_F(DataManagerTest, ALibraryOfANewerVersionIsRefusedUntouched) {
+  writeStoreOfVersion(paths_.storeFile(), currentModelVersion(), {"PRAGMA user_version = 42"});
+  EXPECT_TRUE(manager_->isMigrationNeeded());
+  auto migrated = manager_->migrate(nullptr);
+  ASSERT_FALSE(migrated);
+  EXPECT_TRUE(migrated.error().description.starts_with("The library was written by a newer version of Lectern"));
+  expectRefusedUntouched(105, "The library was written by a newer version of Lectern");
+}
+
+TEST_F(DataManagerTest, AFolderWhereTheLibraryFileShouldBe) {
+  std::filesystem::create_directories(paths_.storeFile());
+  auto opened = manager_->managedObjectContext();
+  ASSERT_FALSE(opened);
+  EXPECT_EQ(opened.error().description, "Expected the library file, found a folder (" + paths_.storeFile().string() + ").");
+  EXPECT_TRUE(std::filesystem::is_directory(paths_.storeFile()));
+}
+
+TEST_F(DataManagerTest, AReadOnlyLibraryOffersCloseAndReveal) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root can write any file";
+  writeStoreOfVersion(paths_.storeFile(), currentModelVersion(), {});
+  ::chmod(paths_.storeFile().c_str(), 0444);
+  const std::string before = readFile(paths_.storeFile());
+  auto opened = manager_->managedObjectContext();
+  ASSERT_FALSE(opened);
+  EXPECT_EQ(opened.error().info(QKDataManager::kRecoveryOptionsKey), "Close\nReveal in Files...");
+  std::vector<std::filesystem::path> revealed;
+  manager_->attemptRecoveryFromError(opened.error(), 0, [&](const auto& path) { revealed.push_back(path); });
+  manager_->attemptRecoveryFromError(opened.error(), 1, [&](const auto& path) { revealed.push_back(path); });
+  EXPECT_EQ(revealed, std::vector<std::filesystem::path>{paths_.storeFile()});
+  EXPECT_EQ(readFile(paths_.storeFile()), before);
+  ::chmod(paths_.storeFile().c_str(), 0644);
+}
+
+TEST_F(DataManagerTest, ANewLibraryIsCreatedAndReopenedWithoutMigration) {
+  EXPECT_FALSE(manager_->isMigrationNeeded());  // nothing there yet
+  makeAccount("localrss");
+  manager_.reset();
+  QKDataManager reopened(paths_, defaults_, mainQueue_, clock_, reachability_);
+  EXPECT_FALSE(reopened.isMigrationNeeded());
+  auto context = reopened.managedObjectContext();
+  ASSERT_TRUE(context);
+  EXPECT_NE(Account::localRSSAccount(**context).value(), nullptr);
+  EXPECT_TRUE(!std::filesystem::exists(paths_.tempFolder) || std::filesystem::is_empty(paths_.tempFolder));
+}
+
+TEST_F(DataManagerTest, SavingPostsItsOutcome) {
+  ScopedLogCapture log;
+  std::vector<std::string> posted;
+  manager_->addObserver([&](std::string_view name) { posted.emplace_back(name); });
+  auto account = makeAccount("localrss");  // saved through the context: no notification
+  EXPECT_TRUE(manager_->save());           // nothing to save: nothing posted
+  account->setTitle("Mine");
+  EXPECT_TRUE(manager_->save());
+  // A bookmark of an account another context deleted meanwhile cannot be saved.
+  std::thread worker([&] {
+    auto background = manager_->newBackgroundContext().value();
+    background->deleteObject(*background->existingObject<Account>(account->objectID()).value());
+    ASSERT_TRUE(background->save());
+  });
+  worker.join();
+  auto orphan = context().insertNewObject<Bookmark>();
+  orphan->setAccount(*account);
+  EXPECT_FALSE(manager_->save());
+  EXPECT_EQ(posted, (std::vector<std::string>{"QKDataManagerDidSaveNotification", "QKDataManagerDidSaveFailedNotification"}));
+  EXPECT_TRUE(log.contains("Error while saving: "));
+  EXPECT_FALSE(context().hasChanges());  // the failed changes were rolled back
+}
+
+TEST_F(DataManagerTest, ChangesAreSavedWhenTheManagerGoesAway) {
+  auto account = makeAccount("localrss");
+  account->setTitle("unsaved until shutdown");
+  account.reset();
+  manager_.reset();
+  EXPECT_EQ(queryStore(paths_.storeFile(), "SELECT title FROM Account"),
+            std::vector<std::string>{"unsaved until shutdown"});
+}
+
+}  // namespace
+}  // namespace lectern::test
