@@ -34,6 +34,10 @@ const Regex& imagePattern() {
 }
 }  // namespace
 
+Result<std::shared_ptr<Bookmark>> Bookmark::bookmarkWithLocalId(ObjectContext& context, std::int64_t row) {
+  return context.existingObject<Bookmark>(ObjectId{Entity::kBookmark, row});
+}
+
 std::optional<std::string> Bookmark::bookmark_id() const { return textValue(kBookmarkId); }
 void Bookmark::setBookmark_id(std::optional<std::string> bookmarkId) { setText(kBookmarkId, std::move(bookmarkId)); }
 std::optional<std::string> Bookmark::bookmark_hash() const { return textValue(kBookmarkHash); }

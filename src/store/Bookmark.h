@@ -26,6 +26,9 @@ class Bookmark : public ManagedObject {
   static constexpr Entity kEntity = Entity::kBookmark;
   Bookmark(Key, ObjectContext& context, ObjectId id) : ManagedObject(context, id) {}
 
+  // The bookmark (or story) stored under `row` (its objectID().row), or nullptr.
+  static Result<std::shared_ptr<Bookmark>> bookmarkWithLocalId(ObjectContext& context, std::int64_t row);
+
   std::optional<std::string> bookmark_id() const;
   void setBookmark_id(std::optional<std::string> bookmarkId);
   std::optional<std::string> bookmark_hash() const;

@@ -19,7 +19,10 @@ std::string BookmarkImage::cachedFilename() const {
     std::string_view candidate = path.substr(dot + 1);
     bool plain = !candidate.empty() && candidate.size() <= 5;
     for (char c : candidate) plain = plain && std::isalnum(static_cast<unsigned char>(c)) != 0;
-    if (plain) extension = "." + toLowerASCII(candidate);
+    if (plain) {
+      extension = ".";
+      extension += toLowerASCII(candidate);
+    }
   }
   return MD5Hash(url_) + extension;
 }

@@ -88,6 +88,9 @@ Result<void> QKDataManager::checkApplicationFolder() const {
 
 Result<void> QKDataManager::openStore() {
   if (mainContext_) return {};
+  if (!environment_.mainQueue().isMainThread()) {
+    throw InternalInconsistency("The main context belongs to the main thread");
+  }
   auto opened = [&]() -> Result<void> {
     if (auto folder = checkApplicationFolder(); !folder) return folder;
     if (auto writable = isPersistentStoreWritable(storeURL()); !writable) return writable;
@@ -117,9 +120,6 @@ Result<void> QKDataManager::openStore() {
 }
 
 Result<ObjectContext*> QKDataManager::managedObjectContext() {
-  if (!environment_.mainQueue().isMainThread()) {
-    throw InternalInconsistency("The main context belongs to the main thread");
-  }
   if (auto opened = openStore(); !opened) return fail(opened.error());
   return mainContext_.get();
 }

@@ -64,6 +64,7 @@ class QKDataManager final : private ObjectContext::SaveListener {
 
   // Checks the folder and the file, migrates when needed (without a delegate), creates a new
   // library when there is none and opens the main context. Safe to call again once it worked.
+  // Main thread only.
   Result<void> openStore();
   // The main context, opening the store on first use. Main thread only.
   Result<ObjectContext*> managedObjectContext();
