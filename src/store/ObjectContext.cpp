@@ -369,7 +369,8 @@ Result<void> ObjectContext::flush() {
     }
   }
   needsFlush_ = false;
-  if (deletedSomething) return findCascadedDeletions();
+  // Which held objects went with the deleted rows is worked out once, after the commit.
+  if (deletedSomething) cascadeCheckNeeded_ = true;
   return {};
 }
 
@@ -423,6 +424,12 @@ Result<void> ObjectContext::save() {
     return fail(std::move(error));
   }
   inWrite_ = false;
+  if (cascadeCheckNeeded_) {
+    cascadeCheckNeeded_ = false;
+    if (auto cascaded = findCascadedDeletions(); !cascaded) {
+      logError(kLogCategory, "Failed to find the objects deleted with others: {}", cascaded.error().message());
+    }
+  }
 
   ContextDidSave changes;
   std::unordered_set<ObjectId> reported;
@@ -484,6 +491,7 @@ void ObjectContext::rollback() {
   touched_.clear();
   cascaded_.clear();
   needsFlush_ = false;
+  cascadeCheckNeeded_ = false;
 }
 
 std::vector<std::shared_ptr<ManagedObject>> ObjectContext::registeredObjects() const {

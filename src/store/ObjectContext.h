@@ -175,6 +175,7 @@ class ObjectContext {
   std::int64_t nextTemporaryRow_ = -1;
   bool inWrite_ = false;
   bool needsFlush_ = false;
+  bool cascadeCheckNeeded_ = false;
   std::optional<Error> pendingError_;
   std::map<int, Observer> observers_;
   int nextObserverToken_ = 1;

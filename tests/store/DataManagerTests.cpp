@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -74,11 +77,47 @@ TEST_F(DataManagerTest, AFolderWhereTheLibraryFileShouldBe) {
   EXPECT_TRUE(std::filesystem::is_directory(paths_.storeFile()));
 }
 
+// Makes a file read-only for as long as it lives: by its mode, or for root (who may write any
+// file) with the immutable attribute.
+class ReadOnlyFile {
+ public:
+  explicit ReadOnlyFile(std::filesystem::path path) : path_(std::move(path)) {
+    if (::geteuid() != 0) {
+      made_ = ::chmod(path_.c_str(), 0444) == 0;
+    } else {
+      made_ = setImmutable(true);
+    }
+  }
+  ~ReadOnlyFile() {
+    if (!made_) return;
+    if (::geteuid() != 0) {
+      ::chmod(path_.c_str(), 0644);
+    } else {
+      setImmutable(false);
+    }
+  }
+  bool made() const { return made_; }
+
+ private:
+  bool setImmutable(bool on) {
+    const int fd = ::open(path_.c_str(), O_RDONLY);
+    if (fd < 0) return false;
+    int flags = 0;
+    bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    ::close(fd);
+    return done;
+  }
+  std::filesystem::path path_;
+  bool made_ = false;
+};
+
 TEST_F(DataManagerTest, AReadOnlyLibraryOffersCloseAndReveal) {
-  if (::geteuid() == 0) GTEST_SKIP() << "root can write any file";
   writeStoreOfVersion(paths_.storeFile(), currentModelVersion(), {});
-  ::chmod(paths_.storeFile().c_str(), 0444);
   const std::string before = readFile(paths_.storeFile());
+  ReadOnlyFile readOnly(paths_.storeFile());
+  if (!readOnly.made()) GTEST_SKIP() << "cannot make a file read-only here";
   auto opened = manager_->managedObjectContext();
   ASSERT_FALSE(opened);
   EXPECT_EQ(opened.error().info(QKDataManager::kRecoveryOptionsKey), "Close\nReveal in Files...");
@@ -87,7 +126,6 @@ TEST_F(DataManagerTest, AReadOnlyLibraryOffersCloseAndReveal) {
   manager_->attemptRecoveryFromError(opened.error(), 1, [&](const auto& path) { revealed.push_back(path); });
   EXPECT_EQ(revealed, std::vector<std::filesystem::path>{paths_.storeFile()});
   EXPECT_EQ(readFile(paths_.storeFile()), before);
-  ::chmod(paths_.storeFile().c_str(), 0644);
 }
 
 TEST_F(DataManagerTest, ANewLibraryIsCreatedAndReopenedWithoutMigration) {

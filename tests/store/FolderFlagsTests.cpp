@@ -7,6 +7,7 @@
 #include "StoreTestSupport.h"
 #include "store/Bookmark.h"
 #include "store/Feed.h"
+#include "store/FeedFolder.h"
 #include "store/FeedStory.h"
 #include "store/Folder.h"
 #include "store/Token.h"
@@ -111,6 +112,50 @@ TEST_F(FolderFlagsTest, AStoryMovesItsFeedsBadgeCountOnlyWhenTheFlagChanges) {
   EXPECT_EQ(feed->unreadCount().value(), 1);
   const auto counts = account->unreadFeedCounts().value();
   EXPECT_EQ(counts.at(feed->objectID()), 1);
+}
+
+TEST_F(FolderFlagsTest, MovingLeavesEveryFolderButStarred) {
+  auto account = makeAccount("instapaper");
+  auto mine = account->addFolderWithTitle("Mine", 5, "12345");
+  auto item = itemIn(*account, {"unread", "starred"});
+  bool done = false;
+  std::optional<Error> error;
+  Bookmark::moveBookmark(*item, *mine, [&](std::optional<Error> result) {
+    error = std::move(result);
+    done = true;
+  });
+  ASSERT_TRUE(pumpUntil([&] { return done; }));
+  EXPECT_EQ(error, std::nullopt);
+  EXPECT_EQ(folderIds(*item), (std::set<std::string>{"starred", "12345"}));
+  EXPECT_EQ(service_->calls(), std::vector<std::string>{"move item"});
+
+  goOffline();
+  done = false;
+  Bookmark::markBookmark(*item, Bookmark::Shared{true}, [&](std::optional<Error> result) {
+    error = std::move(result);
+    done = true;
+  });
+  ASSERT_TRUE(pumpUntil([&] { return done; }));
+  ASSERT_TRUE(error);
+  EXPECT_FALSE(item->is_shared());
+}
+
+TEST_F(FolderFlagsTest, RearrangingOrdersByTitleIgnoringCase) {
+  auto account = makeAccount("feedbin");
+  auto zebra = account->addFeedFolderWithTitle("zebra", 0, "z");
+  auto apple = account->addFeedFolderWithTitle("Apple", 1, "a");
+  auto mango = account->addFeedFolderWithTitle("mango", 2, "m");
+  account->rearrangeItemsAlphabetically({zebra, apple, mango});
+  EXPECT_EQ(std::vector<std::int64_t>({apple->pos(), mango->pos(), zebra->pos()}), (std::vector<std::int64_t>{0, 1, 2}));
+  auto feed = account->addFeedWithTitle("Feed", std::nullopt, "f", mango.get());
+  ASSERT_TRUE(context().save());
+  ASSERT_TRUE(FeedFolder::deleteFolder(*mango));
+  EXPECT_FALSE(feed->isDeleted());  // its feeds are detached, not deleted
+  EXPECT_EQ(feed->firstFolder().value(), nullptr);
+  std::vector<std::string> titles;
+  const auto folders = account->sortedFolders().value();
+  for (const auto& folder : folders) titles.push_back(folder->title().value_or(""));
+  EXPECT_EQ(titles, (std::vector<std::string>{"Apple", "zebra"}));
 }
 
 class TagsTest : public StoreTest {

@@ -12,9 +12,31 @@
 #include "store/FeedStory.h"
 #include "store/Folder.h"
 #include "store/ObjectContext.h"
+#include "store/SqliteDatabase.h"
 
 namespace lectern::test {
 namespace {
+
+TEST(SqliteDatabase, TheSameQueryCanRunInsideItself) {
+  TempDir folder;
+  auto db = SqliteDatabase::open(folder / "x.db", SqliteDatabase::OpenMode::kReadWriteCreate, std::chrono::seconds(1))
+                .value();
+  const std::string sql = "SELECT value FROM json_each(?) ORDER BY value";
+  auto outer = db->prepare(sql).value();
+  outer->bind(1, std::string("[1,2]"));
+  std::vector<std::string> seen;
+  while (outer->step().value()) {
+    // A second user of the cached statement gets its own copy; the outer one keeps its place.
+    auto inner = db->selectAll(sql, std::vector<SqlValue>{std::string("[7]")}).value();
+    seen.push_back(fmt::format("{}:{}", outer->columnInteger(0), integerOf(inner.at(0)[0]).value_or(0)));
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"1:7", "2:7"}));
+  auto reused = db->selectAll(sql, std::vector<SqlValue>{std::string("[3]")}).value();
+  EXPECT_EQ(integerOf(reused.at(0)[0]), 3);
+  // A busy or locked database never shows SQLite's "database is locked" to the user.
+  EXPECT_EQ(sqliteError(nullptr, 5, "Failed to save").description,
+            "Failed to save: the library is busy with another task; try again");
+}
 
 class ObjectContextTest : public StoreTest {
  protected:
