@@ -143,10 +143,10 @@ TEST_F(FolderFlagsTest, MovingLeavesEveryFolderButStarred) {
 TEST_F(FolderFlagsTest, RearrangingOrdersByTitleIgnoringCase) {
   auto account = makeAccount("feedbin");
   auto zebra = account->addFeedFolderWithTitle("zebra", 0, "z");
-  auto apple = account->addFeedFolderWithTitle("Apple", 1, "a");
+  auto apricot = account->addFeedFolderWithTitle("Apricot", 1, "a");
   auto mango = account->addFeedFolderWithTitle("mango", 2, "m");
-  account->rearrangeItemsAlphabetically({zebra, apple, mango});
-  EXPECT_EQ(std::vector<std::int64_t>({apple->pos(), mango->pos(), zebra->pos()}), (std::vector<std::int64_t>{0, 1, 2}));
+  account->rearrangeItemsAlphabetically({zebra, apricot, mango});
+  EXPECT_EQ(std::vector<std::int64_t>({apricot->pos(), mango->pos(), zebra->pos()}), (std::vector<std::int64_t>{0, 1, 2}));
   auto feed = account->addFeedWithTitle("Feed", std::nullopt, "f", mango.get());
   ASSERT_TRUE(context().save());
   ASSERT_TRUE(FeedFolder::deleteFolder(*mango));
@@ -155,7 +155,7 @@ TEST_F(FolderFlagsTest, RearrangingOrdersByTitleIgnoringCase) {
   std::vector<std::string> titles;
   const auto folders = account->sortedFolders().value();
   for (const auto& folder : folders) titles.push_back(folder->title().value_or(""));
-  EXPECT_EQ(titles, (std::vector<std::string>{"Apple", "zebra"}));
+  EXPECT_EQ(titles, (std::vector<std::string>{"Apricot", "zebra"}));
 }
 
 class TagsTest : public StoreTest {
