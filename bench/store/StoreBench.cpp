@@ -2,6 +2,7 @@
 // save after each, through the store and through plain SQLite statements (the floor); then the
 // reads the reader makes on such a library.
 #include <benchmark/benchmark.h>
+#include <fmt/format.h>
 #include <sqlite3.h>
 
 #include <filesystem>
@@ -9,8 +10,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "core/Clock.h"
 #include "core/MainQueue.h"
@@ -39,8 +38,10 @@ std::string articleHtml(int index) {
   int paragraph = 0;
   while (html.size() < 2048) {
     html += fmt::format(
-        "<p>Paragraph {} of story {}: the council&#8217;s plan for <a href=\"https://example.com/{}/{}\">the new "
-        "library</a> was <em>approved</em> &amp; work starts in spring. <img src=\"https://img.example.com/{}.jpg\"> "
+        "<p>Paragraph {} of story {}: the council&#8217;s plan for <a href=\"https://example.com/{}/{}\">the "
+        "new "
+        "library</a> was <em>approved</em> &amp; work starts in spring. <img "
+        "src=\"https://img.example.com/{}.jpg\"> "
         "Residents asked about parking, opening hours and the caf&eacute;.</p>",
         ++paragraph, index, index, paragraph, index);
   }
@@ -68,7 +69,8 @@ struct Library {
   std::unique_ptr<QKDataManager> manager;
 
   explicit Library(const std::string& name)
-      : root(std::filesystem::temp_directory_path() / ("lectern-store-bench-" + name)), paths(Paths::under(root)) {}
+      : root(std::filesystem::temp_directory_path() / ("lectern-store-bench-" + name)),
+        paths(Paths::under(root)) {}
   ~Library() {
     manager.reset();
     std::error_code error;
@@ -125,7 +127,8 @@ void insertPlain(benchmark::State& state, bool previewInLoop) {
   std::vector<std::string> previews;
   if (!previewInLoop) {
     previews.reserve(kStories);
-    for (int i = 0; i < kStories; ++i) previews.push_back(Bookmark::previewTextFromHtml(*entryFor(i).content));
+    for (int i = 0; i < kStories; ++i)
+      previews.push_back(Bookmark::previewTextFromHtml(*entryFor(i).content));
   }
   for (auto _ : state) {
     state.PauseTiming();
@@ -133,7 +136,8 @@ void insertPlain(benchmark::State& state, bool previewInLoop) {
     std::filesystem::remove_all(library.root);
     std::filesystem::create_directories(library.paths.applicationFolder);
     auto db = SqliteDatabase::open(library.paths.storeFile(), SqliteDatabase::OpenMode::kReadWriteCreate,
-                                   std::chrono::seconds(5)).value();
+                                   std::chrono::seconds(5))
+                  .value();
     if (!createSchema(*db, currentModelVersion())) throw std::runtime_error("schema");
     (void)db->selectOne("PRAGMA journal_mode = WAL");
     (void)db->execute("PRAGMA foreign_keys = ON; PRAGMA synchronous = NORMAL");
@@ -151,12 +155,13 @@ void insertPlain(benchmark::State& state, bool previewInLoop) {
                        " is_archived, is_favorited, is_shared, is_opened, feed)"
                        " VALUES ('FeedStory', 1, ?, ?, ?, ?, ?, ?, 0, 0, 0, ?)",
                        -1, &story, nullptr);
-    sqlite3_prepare_v2(handle, "INSERT INTO Content (bookmark, html, preview_text) VALUES (?, ?, ?)", -1, &content,
-                       nullptr);
+    sqlite3_prepare_v2(handle, "INSERT INTO Content (bookmark, html, preview_text) VALUES (?, ?, ?)", -1,
+                       &content, nullptr);
     for (int i = 0; i < kStories; ++i) {
       if (i % kBatch == 0) sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
       const RSSEntry entry = entryFor(i);
-      const std::string preview = previewInLoop ? Bookmark::previewTextFromHtml(*entry.content) : previews[static_cast<size_t>(i)];
+      const std::string preview =
+          previewInLoop ? Bookmark::previewTextFromHtml(*entry.content) : previews[static_cast<size_t>(i)];
       sqlite3_bind_text(story, 1, entry.url->c_str(), -1, SQLITE_TRANSIENT);
       sqlite3_bind_text(story, 2, entry.title->c_str(), -1, SQLITE_TRANSIENT);
       sqlite3_bind_text(story, 3, entry.url->c_str(), -1, SQLITE_TRANSIENT);
@@ -217,7 +222,8 @@ void BM_FetchFiveHundredBookmarksById(benchmark::State& state) {
 void BM_OpenExistingLibrary(benchmark::State& state) {
   auto& library = populatedLibrary();
   for (auto _ : state) {
-    QKDataManager manager(library.paths, library.defaults, library.mainQueue, library.clock, library.reachability);
+    QKDataManager manager(library.paths, library.defaults, library.mainQueue, library.clock,
+                          library.reachability);
     auto context = manager.managedObjectContext();
     if (!context) state.SkipWithError("open failed");
     benchmark::DoNotOptimize(context);
@@ -226,7 +232,10 @@ void BM_OpenExistingLibrary(benchmark::State& state) {
 
 BENCHMARK(BM_InsertStoriesThroughTheStore)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_InsertStoriesPlainSqlite)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_InsertStoriesPlainSqlitePrecomputedPreview)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_InsertStoriesPlainSqlitePrecomputedPreview)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_UnreadCountsPerFeed)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FetchFiveHundredBookmarksById)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_OpenExistingLibrary)->Unit(benchmark::kMillisecond);

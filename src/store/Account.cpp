@@ -1,9 +1,9 @@
 #include "store/Account.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <map>
-
-#include <fmt/format.h>
 
 #include "core/Log.h"
 #include "core/SecretStore.h"
@@ -26,13 +26,16 @@ constexpr std::string_view kLogCategory = "Account";
 // Keychain items are filed under the application's identifier.
 constexpr std::string_view kBundleIdentifier = "com.quillhq.Lectern";
 
-SqlValue smartFoldersOnly() { return jsonList(std::vector<std::string>{std::string(kSmartFoldersServiceName)}); }
+SqlValue smartFoldersOnly() {
+  return jsonList(std::vector<std::string>{std::string(kSmartFoldersServiceName)});
+}
 }  // namespace
 
 // Class operations.
 
 std::shared_ptr<Account> Account::create(ObjectContext& context, std::string_view service,
-                                         std::optional<std::string> username, std::optional<std::string> title) {
+                                         std::optional<std::string> username,
+                                         std::optional<std::string> title) {
   auto account = context.insertNewObject<Account>();
   account->setUsername(std::move(username));
   account->setTitle(std::move(title));
@@ -115,7 +118,9 @@ void Account::setUsername(std::optional<std::string> username) {
 std::optional<std::string> Account::title() const { return textValue(kTitle); }
 void Account::setTitle(std::optional<std::string> title) { setText(kTitle, std::move(title)); }
 std::optional<std::string> Account::api_endpoint() const { return textValue(kApiEndpoint); }
-void Account::setApi_endpoint(std::optional<std::string> endpoint) { setText(kApiEndpoint, std::move(endpoint)); }
+void Account::setApi_endpoint(std::optional<std::string> endpoint) {
+  setText(kApiEndpoint, std::move(endpoint));
+}
 std::optional<std::string> Account::token() const { return textValue(kToken); }
 void Account::setToken(std::optional<std::string> token) { setText(kToken, std::move(token)); }
 std::optional<Date> Account::token_expire() const { return dateValue(kTokenExpire); }
@@ -154,7 +159,8 @@ void Account::identifierChanged(const std::string& oldIdentifier) {
   // The stored entry follows the account to its new name.
   if (!preferences_) preferences_ = std::make_unique<QKAccountPreferences>(defaults, oldIdentifier);
   if (auto moved = preferences_->setIdentifier(identifier); !moved) {
-    logError(kLogCategory, "Failed to move the preferences of {}: {}", oldIdentifier, moved.error().message());
+    logError(kLogCategory, "Failed to move the preferences of {}: {}", oldIdentifier,
+             moved.error().message());
   }
 }
 
@@ -182,8 +188,8 @@ std::shared_ptr<AccountService> Account::serviceObject() {
 
 QKAccountPreferences& Account::preferences() {
   if (!preferences_) {
-    preferences_ =
-        std::make_unique<QKAccountPreferences>(managedObjectContext().environment().defaults(), uniqueIdentifier());
+    preferences_ = std::make_unique<QKAccountPreferences>(managedObjectContext().environment().defaults(),
+                                                          uniqueIdentifier());
   }
   return *preferences_;
 }
@@ -206,11 +212,13 @@ void Account::prepareForDeletion() {
   if (!context.isMainContext()) return;
   if (auto* secrets = context.environment().secretStore()) {
     if (auto deleted = secrets->deletePassword(kBundleIdentifier, uniqueIdentifier()); !deleted) {
-      logError(kLogCategory, "Failed to delete the password of {}: {}", uniqueIdentifier(), deleted.error().message());
+      logError(kLogCategory, "Failed to delete the password of {}: {}", uniqueIdentifier(),
+               deleted.error().message());
     }
   }
   if (auto removed = preferences().remove(); !removed) {
-    logError(kLogCategory, "Failed to remove the preferences of {}: {}", uniqueIdentifier(), removed.error().message());
+    logError(kLogCategory, "Failed to remove the preferences of {}: {}", uniqueIdentifier(),
+             removed.error().message());
   }
 }
 
@@ -224,7 +232,8 @@ Result<std::shared_ptr<Bookmark>> Account::findBookmarkWithId(std::string_view b
   return managedObjectContext().fetchFirst<Bookmark>(std::move(request));
 }
 
-Result<std::vector<std::shared_ptr<Bookmark>>> Account::findBookmarksWithIds(const std::vector<std::string>& bookmarkIds) {
+Result<std::vector<std::shared_ptr<Bookmark>>> Account::findBookmarksWithIds(
+    const std::vector<std::string>& bookmarkIds) {
   ObjectContext::FetchRequest request;
   request.where = "account = ? AND bookmark_id IN (SELECT value FROM json_each(?))";
   request.arguments = {objectID().row, jsonList(bookmarkIds)};
@@ -244,7 +253,8 @@ Result<std::optional<std::string>> Account::lastBookmarkId() {
   const SqlValue row[] = {objectID().row};
   auto rows = managedObjectContext().select(
       "SELECT bookmark_id FROM Bookmark WHERE account = ? AND bookmark_id IS NOT NULL"
-      " ORDER BY (bookmark_id NOT GLOB '*[^0-9]*') DESC, CAST(bookmark_id AS INTEGER) DESC, bookmark_id DESC LIMIT 1",
+      " ORDER BY (bookmark_id NOT GLOB '*[^0-9]*') DESC, CAST(bookmark_id AS INTEGER) DESC, bookmark_id DESC "
+      "LIMIT 1",
       row);
   if (!rows) return fail(rows.error());
   if (rows->empty()) return std::optional<std::string>();
@@ -277,7 +287,8 @@ std::shared_ptr<Folder> Account::addFolderWithTitle(std::optional<std::string> t
   return folder;
 }
 
-std::shared_ptr<FeedFolder> Account::addFeedFolderWithTitle(std::optional<std::string> title, std::int64_t pos,
+std::shared_ptr<FeedFolder> Account::addFeedFolderWithTitle(std::optional<std::string> title,
+                                                            std::int64_t pos,
                                                             std::optional<std::string> folderId) {
   auto folder = managedObjectContext().insertNewObject<FeedFolder>();
   folder->setTitle(std::move(title));
@@ -287,7 +298,8 @@ std::shared_ptr<FeedFolder> Account::addFeedFolderWithTitle(std::optional<std::s
   return folder;
 }
 
-std::shared_ptr<Feed> Account::addFeedWithTitle(std::optional<std::string> title, std::optional<std::string> feedLink,
+std::shared_ptr<Feed> Account::addFeedWithTitle(std::optional<std::string> title,
+                                                std::optional<std::string> feedLink,
                                                 std::optional<std::string> folderId, FeedFolder* folder) {
   auto feed = managedObjectContext().insertNewObject<Feed>();
   feed->setTitle(std::move(title));
@@ -319,7 +331,8 @@ Result<std::shared_ptr<Folder>> Account::findFolderWithId(std::string_view folde
 
 void Account::rearrangeItemsAlphabetically(const std::vector<std::shared_ptr<Folder>>& items) {
   auto sorted = items;
-  std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return titleLess(a->title(), b->title()); });
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const auto& a, const auto& b) { return titleLess(a->title(), b->title()); });
   for (size_t i = 0; i < sorted.size(); ++i) sorted[i]->setPos(static_cast<std::int64_t>(i));
 }
 
@@ -416,11 +429,20 @@ Result<std::unordered_map<ObjectId, std::int64_t>> Account::unreadFeedCounts() {
 std::optional<Date> Account::nextSyncDate() {
   std::chrono::seconds interval{0};
   switch (preferences().integerForKey("autoSyncIntervalIndex")) {
-    case 1: interval = std::chrono::seconds(300); break;
-    case 2: interval = std::chrono::seconds(600); break;
-    case 3: interval = std::chrono::seconds(1800); break;
-    case 4: interval = std::chrono::seconds(3600); break;
-    default: return std::nullopt;
+    case 1:
+      interval = std::chrono::seconds(300);
+      break;
+    case 2:
+      interval = std::chrono::seconds(600);
+      break;
+    case 3:
+      interval = std::chrono::seconds(1800);
+      break;
+    case 4:
+      interval = std::chrono::seconds(3600);
+      break;
+    default:
+      return std::nullopt;
   }
   const auto last = last_sync();
   if (!last) return managedObjectContext().environment().clock().now();

@@ -24,9 +24,8 @@ class FeedFolder;
 class Folder;
 class Token;
 
-// One configured service account: its folders, bookmarks, tags and queued offline changes, plus
-// its run-time companions (service object, preferences, keychain secret, sync state).
-// Lives in one context.
+// One configured service account with its folders, bookmarks, tags, offline queue and run-time
+// companions (service object, preferences, keychain secret, sync state). Lives in one context.
 class Account final : public ManagedObject {
  public:
   static constexpr Entity kEntity = Entity::kAccount;
@@ -97,7 +96,8 @@ class Account final : public ManagedObject {
 
   // Bookmarks.
   Result<std::shared_ptr<Bookmark>> findBookmarkWithId(std::string_view bookmarkId);
-  Result<std::vector<std::shared_ptr<Bookmark>>> findBookmarksWithIds(const std::vector<std::string>& bookmarkIds);
+  Result<std::vector<std::shared_ptr<Bookmark>>> findBookmarksWithIds(
+      const std::vector<std::string>& bookmarkIds);
   Result<std::vector<std::shared_ptr<Bookmark>>> bookmarks(const BookmarkQuery& query = {});
   // The newest value among the account's bookmarks (ids compare as numbers when they are numbers).
   Result<std::optional<std::string>> lastBookmarkId();
@@ -110,7 +110,8 @@ class Account final : public ManagedObject {
   std::shared_ptr<FeedFolder> addFeedFolderWithTitle(std::optional<std::string> title, std::int64_t pos,
                                                      std::optional<std::string> folderId);
   // A new subscription, in `folder` when given.
-  std::shared_ptr<Feed> addFeedWithTitle(std::optional<std::string> title, std::optional<std::string> feedLink,
+  std::shared_ptr<Feed> addFeedWithTitle(std::optional<std::string> title,
+                                         std::optional<std::string> feedLink,
                                          std::optional<std::string> folderId, FeedFolder* folder = nullptr);
   Result<std::vector<std::string>> getLocalFolderIds();
   Result<std::shared_ptr<Folder>> findFolderWithId(std::string_view folderId);
@@ -148,7 +149,8 @@ class Account final : public ManagedObject {
 
   // Offline operations. Queueing cancels a queued opposite (nothing is queued then) and skips a
   // duplicate; the caller saves. A nil feed id matches operations stored without one.
-  Result<void> addOfflineOperationForBookmark(std::string_view bookmarkId, const std::optional<std::string>& feedId,
+  Result<void> addOfflineOperationForBookmark(std::string_view bookmarkId,
+                                              const std::optional<std::string>& feedId,
                                               OfflineOperationType type);
   Result<std::vector<std::shared_ptr<OfflineOperation>>> offlineOperationsWithType(OfflineOperationType type);
   Result<std::vector<std::shared_ptr<OfflineOperation>>> offlineOperationsWithBookmarkId(
@@ -163,7 +165,8 @@ class Account final : public ManagedObject {
   };
   // The queued operations of `type` in ascending created_at with their bookmarks; an operation
   // whose bookmark no longer exists is deleted on the way and left out.
-  Result<std::vector<OperationEntry>> arrayWithOperationsDictionariesForOperationType(OfflineOperationType type);
+  Result<std::vector<OperationEntry>> arrayWithOperationsDictionariesForOperationType(
+      OfflineOperationType type);
   void clearOfflineOperations(const std::vector<std::shared_ptr<OfflineOperation>>& operations);
 
   // Replays the queue through the Bookmark class operations in the order read, unread, star,

@@ -18,7 +18,8 @@ constexpr std::string_view kLogCategory = "Account";
 // A replayed read or unread change waits this long for its service before the sync moves on.
 constexpr std::chrono::seconds kReplayWait{120};
 
-std::vector<std::shared_ptr<OfflineOperation>> operationsOf(const std::vector<Account::OperationEntry>& entries) {
+std::vector<std::shared_ptr<OfflineOperation>> operationsOf(
+    const std::vector<Account::OperationEntry>& entries) {
   std::vector<std::shared_ptr<OfflineOperation>> operations;
   operations.reserve(entries.size());
   for (const auto& entry : entries) operations.push_back(entry.operationObject);
@@ -46,7 +47,8 @@ Result<void> Account::addOfflineOperationForBookmark(std::string_view bookmarkId
   return {};
 }
 
-Result<std::vector<std::shared_ptr<OfflineOperation>>> Account::offlineOperationsWithType(OfflineOperationType type) {
+Result<std::vector<std::shared_ptr<OfflineOperation>>> Account::offlineOperationsWithType(
+    OfflineOperationType type) {
   ObjectContext::FetchRequest request;
   request.where = "account = ? AND type = ?";
   request.arguments = {objectID().row, static_cast<std::int64_t>(type)};
@@ -59,7 +61,8 @@ Result<std::vector<std::shared_ptr<OfflineOperation>>> Account::offlineOperation
   ObjectContext::FetchRequest request;
   // "IS" compares NULL with NULL as equal: a nil feed id matches only operations without one.
   request.where = "account = ? AND bookmark_id = ? AND feed_id IS ? AND type = ?";
-  request.arguments = {objectID().row, std::string(bookmarkId), sqlText(feedId), static_cast<std::int64_t>(type)};
+  request.arguments = {objectID().row, std::string(bookmarkId), sqlText(feedId),
+                       static_cast<std::int64_t>(type)};
   request.orderBy = "created_at, id";
   return managedObjectContext().fetch<OfflineOperation>(std::move(request));
 }
@@ -110,18 +113,29 @@ Result<void> Account::processOfflineOperations() {
     if (entries->empty()) continue;
     Result<void> replayed;
     switch (type) {
-      case kMarkRead: replayed = processOfflineReadOperations(*entries); break;
-      case kMarkUnread: replayed = processOfflineUnreadOperations(*entries); break;
-      case kStar: replayed = processOfflineStarOperations(*entries); break;
-      case kUnstar: replayed = processOfflineUnstarOperations(*entries); break;
-      default: replayed = processOfflineDeleteOperations(*entries); break;
+      case kMarkRead:
+        replayed = processOfflineReadOperations(*entries);
+        break;
+      case kMarkUnread:
+        replayed = processOfflineUnreadOperations(*entries);
+        break;
+      case kStar:
+        replayed = processOfflineStarOperations(*entries);
+        break;
+      case kUnstar:
+        replayed = processOfflineUnstarOperations(*entries);
+        break;
+      default:
+        replayed = processOfflineDeleteOperations(*entries);
+        break;
     }
     if (!replayed) return replayed;
   }
   return managedObjectContext().save();
 }
 
-Result<void> Account::processOfflineMarkOperations(const std::vector<OperationEntry>& entries, bool archived) {
+Result<void> Account::processOfflineMarkOperations(const std::vector<OperationEntry>& entries,
+                                                   bool archived) {
   std::vector<std::shared_ptr<Bookmark>> bookmarks;
   for (const auto& entry : entries) bookmarks.push_back(entry.bookmarkObject);
 
@@ -165,13 +179,15 @@ Result<void> Account::processOfflineUnreadOperations(const std::vector<Operation
 }
 
 Result<void> Account::processOfflineStarOperations(const std::vector<OperationEntry>& entries) {
-  for (const auto& entry : entries) Bookmark::markBookmark(*entry.bookmarkObject, Bookmark::Favorited{true}, {});
+  for (const auto& entry : entries)
+    Bookmark::markBookmark(*entry.bookmarkObject, Bookmark::Favorited{true}, {});
   clearOfflineOperations(operationsOf(entries));
   return {};
 }
 
 Result<void> Account::processOfflineUnstarOperations(const std::vector<OperationEntry>& entries) {
-  for (const auto& entry : entries) Bookmark::markBookmark(*entry.bookmarkObject, Bookmark::Favorited{false}, {});
+  for (const auto& entry : entries)
+    Bookmark::markBookmark(*entry.bookmarkObject, Bookmark::Favorited{false}, {});
   clearOfflineOperations(operationsOf(entries));
   return {};
 }

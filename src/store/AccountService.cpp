@@ -36,7 +36,9 @@ void LocalAccountService::moveBookmark(Bookmark&, Folder&, ServiceCompletion onC
   succeed(std::move(onCompleted));
 }
 
-void LocalAccountService::updateTags(Bookmark&, ServiceCompletion onCompleted) { succeed(std::move(onCompleted)); }
+void LocalAccountService::updateTags(Bookmark&, ServiceCompletion onCompleted) {
+  succeed(std::move(onCompleted));
+}
 
 void LocalAccountService::updateReadProgress(Bookmark&, double, ServiceCompletion onCompleted) {
   succeed(std::move(onCompleted));

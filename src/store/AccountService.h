@@ -18,10 +18,9 @@ class MainQueue;
 // How a change ends: nothing, or the service's error. Always called on the main queue.
 using ServiceCompletion = std::function<void(std::optional<Error>)>;
 
-// What an account's service does with a user's change to its items. The accounts layer gives each
-// kind of service its implementation; the Bookmark class operations call it when the network is
-// reachable. Calls come on the thread of the context that holds the objects; an implementation
-// reads what it needs from them before it returns and completes later on the main queue.
+// What an account's service does with a user's change to its items (implemented per service by the
+// accounts layer). Called on the objects' context thread; reads them before returning, completes on the main
+// queue.
 class AccountService {
  public:
   virtual ~AccountService() = default;
@@ -58,8 +57,8 @@ class LocalAccountService final : public AccountService {
                      ServiceCompletion onCompleted) override;
   void markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) override;
   void markBookmarkShared(Bookmark& bookmark, bool shared, ServiceCompletion onCompleted) override;
-  void deleteBookmark(Account& account, const std::string& bookmarkId, const std::optional<std::string>& feedId,
-                      ServiceCompletion onCompleted) override;
+  void deleteBookmark(Account& account, const std::string& bookmarkId,
+                      const std::optional<std::string>& feedId, ServiceCompletion onCompleted) override;
   void moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) override;
   void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;

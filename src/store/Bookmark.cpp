@@ -1,10 +1,10 @@
 #include "store/Bookmark.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <set>
-
-#include <fmt/format.h>
 
 #include "core/Dates.h"
 #include "core/HtmlStrings.h"
@@ -39,7 +39,9 @@ Result<std::shared_ptr<Bookmark>> Bookmark::bookmarkWithLocalId(ObjectContext& c
 }
 
 std::optional<std::string> Bookmark::bookmark_id() const { return textValue(kBookmarkId); }
-void Bookmark::setBookmark_id(std::optional<std::string> bookmarkId) { setText(kBookmarkId, std::move(bookmarkId)); }
+void Bookmark::setBookmark_id(std::optional<std::string> bookmarkId) {
+  setText(kBookmarkId, std::move(bookmarkId));
+}
 std::optional<std::string> Bookmark::bookmark_hash() const { return textValue(kBookmarkHash); }
 void Bookmark::setBookmark_hash(std::optional<std::string> hash) { setText(kBookmarkHash, std::move(hash)); }
 std::optional<std::string> Bookmark::title() const { return textValue(kTitle); }
@@ -230,7 +232,9 @@ void Bookmark::setPreview_text(std::optional<std::string> previewText) {
   target->setPreview_text(std::move(previewText));
 }
 
-std::string Bookmark::previewTextFromHtml(std::string_view html) { return htmlToPlainText(decodeHtmlEntities(html)); }
+std::string Bookmark::previewTextFromHtml(std::string_view html) {
+  return htmlToPlainText(decodeHtmlEntities(html));
+}
 
 // Folders.
 
@@ -247,7 +251,8 @@ Result<bool> Bookmark::isInFolder(const Folder& folder) const { return folder.co
 
 Result<bool> Bookmark::isInAnyFolder() const {
   const SqlValue row[] = {objectID().row};
-  auto found = managedObjectContext().select("SELECT 1 FROM Folder_bookmarks WHERE bookmark = ? LIMIT 1", row);
+  auto found =
+      managedObjectContext().select("SELECT 1 FROM Folder_bookmarks WHERE bookmark = ? LIMIT 1", row);
   if (!found) return fail(found.error());
   return !found->empty();
 }
@@ -264,8 +269,8 @@ void Bookmark::removeFromAllFolder() {
 
 void Bookmark::removeFromAllFolderExcept(const Folder& folder) {
   const SqlValue rows[] = {objectID().row, folder.objectID().row};
-  managedObjectContext().writeRelationship("DELETE FROM Folder_bookmarks WHERE bookmark = ? AND folder != ?", rows,
-                                           objectID(), folder.objectID());
+  managedObjectContext().writeRelationship("DELETE FROM Folder_bookmarks WHERE bookmark = ? AND folder != ?",
+                                           rows, objectID(), folder.objectID());
 }
 
 // Tags.
@@ -274,7 +279,8 @@ std::vector<std::string> Bookmark::tagsArray() const {
   std::vector<std::string> names;
   for (auto& part : split(tags().value_or(""), ",")) {
     std::string name = trim(part);
-    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(std::move(name));
+    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end())
+      names.push_back(std::move(name));
   }
   return names;
 }
@@ -309,7 +315,8 @@ Result<void> Bookmark::generateTags() {
   if (!existing) return fail(existing.error());
   std::vector<std::shared_ptr<Token>> wanted = *existing;
   for (const auto& name : names) {
-    const bool known = std::any_of(wanted.begin(), wanted.end(), [&](auto& token) { return token->title() == name; });
+    const bool known =
+        std::any_of(wanted.begin(), wanted.end(), [&](auto& token) { return token->title() == name; });
     if (known) continue;
     auto token = context.insertNewObject<Token>();
     token->setTitle(name);
@@ -333,7 +340,8 @@ void Bookmark::willSave() {
   auto owner = account();
   if (!owner || !*owner || !isTagAccount((*owner)->serviceType())) return;
   if (auto generated = generateTags(); !generated) {
-    logError(kLogCategory, "Failed to update the tags of {}: {}", objectID().description(), generated.error().message());
+    logError(kLogCategory, "Failed to update the tags of {}: {}", objectID().description(),
+             generated.error().message());
   }
 }
 
@@ -395,6 +403,8 @@ Date Bookmark::sectionDate() const {
   return lectern::sectionDate(added ? *added : managedObjectContext().environment().clock().now());
 }
 
-std::string Bookmark::sectionIdentifier() const { return fmt::format("{:.0f}", secondsSince1970(sectionDate())); }
+std::string Bookmark::sectionIdentifier() const {
+  return fmt::format("{:.0f}", secondsSince1970(sectionDate()));
+}
 
 }  // namespace lectern

@@ -115,8 +115,8 @@ class Bookmark : public ManagedObject {
   struct Shared {
     bool value;
   };
-  static void markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account, bool archived,
-                            ServiceCompletion onCompleted);
+  static void markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account,
+                            bool archived, ServiceCompletion onCompleted);
   static void markBookmark(Bookmark& bookmark, Favorited favorited, ServiceCompletion onCompleted);
   static void markBookmark(Bookmark& bookmark, Shared shared, ServiceCompletion onCompleted);
   // Offline the bookmark stays until the queued delete is replayed (replay needs it).

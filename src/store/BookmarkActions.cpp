@@ -15,19 +15,21 @@ namespace {
 
 constexpr int kNotConnectedToInternet = -1009;
 
-void complete(StoreEnvironment& environment, const ServiceCompletion& onCompleted, std::optional<Error> error) {
+void complete(StoreEnvironment& environment, const ServiceCompletion& onCompleted,
+              std::optional<Error> error) {
   if (!onCompleted) return;
   environment.mainQueue().post([onCompleted, error = std::move(error)] { onCompleted(error); });
 }
 
 Error offlineError() {
-  return Error::make(kLecternErrorDomain, kNotConnectedToInternet, "The Internet connection appears to be offline.",
-                     "Try again when the network is back.");
+  return Error::make(kLecternErrorDomain, kNotConnectedToInternet,
+                     "The Internet connection appears to be offline.", "Try again when the network is back.");
 }
 
 Error noServiceError(const Account& account) {
-  return Error::make(kLecternErrorDomain, 0,
-                     fmt::format("No service can send this change for the account ({}).", account.uniqueIdentifier()));
+  return Error::make(
+      kLecternErrorDomain, 0,
+      fmt::format("No service can send this change for the account ({}).", account.uniqueIdentifier()));
 }
 
 std::optional<Error> saveOf(ObjectContext& context) {
@@ -63,8 +65,8 @@ void sendToService(Account& account, const ServiceCompletion& onCompleted, Call&
 
 }  // namespace
 
-void Bookmark::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account, bool archived,
-                             ServiceCompletion onCompleted) {
+void Bookmark::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account,
+                             bool archived, ServiceCompletion onCompleted) {
   auto& context = account.managedObjectContext();
   auto& environment = context.environment();
   for (const auto& bookmark : bookmarks) bookmark->setIs_archived(archived);
@@ -120,7 +122,8 @@ void Bookmark::markBookmark(Bookmark& bookmark, Shared shared, ServiceCompletion
   });
 }
 
-void Bookmark::deleteBookmarkWithId(std::string_view bookmarkId, Account& account, ServiceCompletion handler) {
+void Bookmark::deleteBookmarkWithId(std::string_view bookmarkId, Account& account,
+                                    ServiceCompletion handler) {
   auto& context = account.managedObjectContext();
   auto& environment = context.environment();
   auto found = account.findBookmarkWithId(bookmarkId);
@@ -137,9 +140,8 @@ void Bookmark::deleteBookmarkWithId(std::string_view bookmarkId, Account& accoun
   }
   if (*found) context.deleteObject(**found);
   const std::string id(bookmarkId);
-  sendToService(account, handler, [&](AccountService& service) {
-    service.deleteBookmark(account, id, feedId, handler);
-  });
+  sendToService(account, handler,
+                [&](AccountService& service) { service.deleteBookmark(account, id, feedId, handler); });
 }
 
 void Bookmark::moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) {
@@ -158,9 +160,8 @@ void Bookmark::moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletio
     bookmark.removeFromAllFolder();
   }
   bookmark.addToFolder(folder);
-  sendToService(*owner, onCompleted, [&](AccountService& service) {
-    service.moveBookmark(bookmark, folder, onCompleted);
-  });
+  sendToService(*owner, onCompleted,
+                [&](AccountService& service) { service.moveBookmark(bookmark, folder, onCompleted); });
 }
 
 void Bookmark::updateTagsOfBookmark(Bookmark& bookmark, ServiceCompletion handler) {

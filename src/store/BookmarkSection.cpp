@@ -9,7 +9,8 @@
 
 namespace lectern {
 
-inline constexpr std::string_view kMustUseInitWithTitle = "Must use initWithTitle:sectionIdentifier: instead.";
+inline constexpr std::string_view kMustUseInitWithTitle =
+    "Must use initWithTitle:sectionIdentifier: instead.";
 
 BookmarkSection::BookmarkSection() { throw InternalInconsistency(std::string(kMustUseInitWithTitle)); }
 

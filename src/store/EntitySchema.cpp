@@ -1,8 +1,8 @@
 #include "store/EntitySchema.h"
 
-#include <array>
-
 #include <fmt/format.h>
+
+#include <array>
 
 namespace lectern {
 namespace {
@@ -28,30 +28,38 @@ constexpr EntityInfo kEntities[] = {
     {Entity::kOfflineOperation, "OfflineOperation", EntityTable::kOfflineOperation, "1"},
 };
 
-constexpr std::string_view kTableNames[] = {"Account", "Folder", "Bookmark", "Content",
-                                            "FeedEnclosure", "Token", "OfflineOperation"};
+constexpr std::string_view kTableNames[] = {"Account",       "Folder", "Bookmark",        "Content",
+                                            "FeedEnclosure", "Token",  "OfflineOperation"};
 
 using enum ColumnType;
-constexpr ColumnInfo kAccountColumns[] = {
-    {"service", kText}, {"username", kText}, {"title", kText}, {"api_endpoint", kText}, {"token", kText},
-    {"token_expire", kDate}, {"last_sync", kDate}, {"last_sync_keep_index", kInteger}, {"is_expanded", kBoolean},
-    {"pos", kInteger}};
+constexpr ColumnInfo kAccountColumns[] = {{"service", kText},        {"username", kText},
+                                          {"title", kText},          {"api_endpoint", kText},
+                                          {"token", kText},          {"token_expire", kDate},
+                                          {"last_sync", kDate},      {"last_sync_keep_index", kInteger},
+                                          {"is_expanded", kBoolean}, {"pos", kInteger}};
 constexpr ColumnInfo kFolderColumns[] = {
-    {"entity", kText}, {"account", kReference}, {"title", kText}, {"pos", kInteger}, {"folder_id", kText},
-    {"ext_id", kText}, {"is_expanded", kBoolean}, {"feed_link", kText}, {"date_updated", kDate},
-    {"last_refresh", kDate}, {"last_error", kText}, {"failing_since", kDate}, {"predicate", kText},
-    {"showNotification", kBoolean}, {"badgeIndex", kInteger}, {"groupIndex", kInteger}, {"sortIndex", kInteger}};
+    {"entity", kText},         {"account", kReference},        {"title", kText},
+    {"pos", kInteger},         {"folder_id", kText},           {"ext_id", kText},
+    {"is_expanded", kBoolean}, {"feed_link", kText},           {"date_updated", kDate},
+    {"last_refresh", kDate},   {"last_error", kText},          {"failing_since", kDate},
+    {"predicate", kText},      {"showNotification", kBoolean}, {"badgeIndex", kInteger},
+    {"groupIndex", kInteger},  {"sortIndex", kInteger}};
 constexpr ColumnInfo kBookmarkColumns[] = {
-    {"entity", kText}, {"account", kReference}, {"bookmark_id", kText}, {"bookmark_hash", kText}, {"title", kText},
-    {"url", kText}, {"tags", kText}, {"date_added", kDate}, {"date_updated", kDate}, {"is_archived", kBoolean},
-    {"is_favorited", kBoolean}, {"is_shared", kBoolean}, {"is_opened", kBoolean}, {"progress", kReal},
-    {"author", kText}, {"permalink", kText}, {"feed", kReference}};
+    {"entity", kText},         {"account", kReference},    {"bookmark_id", kText},
+    {"bookmark_hash", kText},  {"title", kText},           {"url", kText},
+    {"tags", kText},           {"date_added", kDate},      {"date_updated", kDate},
+    {"is_archived", kBoolean}, {"is_favorited", kBoolean}, {"is_shared", kBoolean},
+    {"is_opened", kBoolean},   {"progress", kReal},        {"author", kText},
+    {"permalink", kText},      {"feed", kReference}};
 constexpr ColumnInfo kContentColumns[] = {{"bookmark", kReference}, {"html", kText}, {"preview_text", kText}};
 constexpr ColumnInfo kFeedEnclosureColumns[] = {
     {"feedstory", kReference}, {"url", kText}, {"type", kText}, {"length", kInteger}};
 constexpr ColumnInfo kTokenColumns[] = {{"account", kReference}, {"title", kText}};
-constexpr ColumnInfo kOfflineOperationColumns[] = {
-    {"account", kReference}, {"type", kInteger}, {"bookmark_id", kText}, {"feed_id", kText}, {"created_at", kDate}};
+constexpr ColumnInfo kOfflineOperationColumns[] = {{"account", kReference},
+                                                   {"type", kInteger},
+                                                   {"bookmark_id", kText},
+                                                   {"feed_id", kText},
+                                                   {"created_at", kDate}};
 
 const EntityInfo& infoOf(Entity entity) { return kEntities[static_cast<int>(entity)]; }
 
@@ -71,8 +79,9 @@ EntityTable tableOf(Entity entity) { return infoOf(entity).table; }
 std::string_view tableName(EntityTable table) { return kTableNames[static_cast<int>(table)]; }
 
 Entity rootEntity(EntityTable table) {
-  constexpr Entity kRoots[] = {Entity::kAccount, Entity::kFolder,  Entity::kBookmark,        Entity::kContent,
-                               Entity::kFeedEnclosure, Entity::kToken, Entity::kOfflineOperation};
+  constexpr Entity kRoots[] = {Entity::kAccount,         Entity::kFolder,        Entity::kBookmark,
+                               Entity::kContent,         Entity::kFeedEnclosure, Entity::kToken,
+                               Entity::kOfflineOperation};
   return kRoots[static_cast<int>(table)];
 }
 

@@ -26,7 +26,15 @@ enum class Entity : int {
   kOfflineOperation,
 };
 
-enum class EntityTable : int { kAccount, kFolder, kBookmark, kContent, kFeedEnclosure, kToken, kOfflineOperation };
+enum class EntityTable : int {
+  kAccount,
+  kFolder,
+  kBookmark,
+  kContent,
+  kFeedEnclosure,
+  kToken,
+  kOfflineOperation
+};
 inline constexpr int kEntityTableCount = 7;
 
 std::string_view entityName(Entity entity);  // "FeedStory"
@@ -51,18 +59,59 @@ struct ColumnInfo {
 std::span<const ColumnInfo> columnsOf(EntityTable table);
 
 namespace AccountColumn {
-enum : int { kService, kUsername, kTitle, kApiEndpoint, kToken, kTokenExpire, kLastSync, kLastSyncKeepIndex, kIsExpanded, kPos };
+enum : int {
+  kService,
+  kUsername,
+  kTitle,
+  kApiEndpoint,
+  kToken,
+  kTokenExpire,
+  kLastSync,
+  kLastSyncKeepIndex,
+  kIsExpanded,
+  kPos
+};
 }
 namespace FolderColumn {
 enum : int {
-  kEntity, kAccount, kTitle, kPos, kFolderId, kExtId, kIsExpanded, kFeedLink, kDateUpdated, kLastRefresh,
-  kLastError, kFailingSince, kPredicate, kShowNotification, kBadgeIndex, kGroupIndex, kSortIndex
+  kEntity,
+  kAccount,
+  kTitle,
+  kPos,
+  kFolderId,
+  kExtId,
+  kIsExpanded,
+  kFeedLink,
+  kDateUpdated,
+  kLastRefresh,
+  kLastError,
+  kFailingSince,
+  kPredicate,
+  kShowNotification,
+  kBadgeIndex,
+  kGroupIndex,
+  kSortIndex
 };
 }
 namespace BookmarkColumn {
 enum : int {
-  kEntity, kAccount, kBookmarkId, kBookmarkHash, kTitle, kUrl, kTags, kDateAdded, kDateUpdated, kIsArchived,
-  kIsFavorited, kIsShared, kIsOpened, kProgress, kAuthor, kPermalink, kFeed
+  kEntity,
+  kAccount,
+  kBookmarkId,
+  kBookmarkHash,
+  kTitle,
+  kUrl,
+  kTags,
+  kDateAdded,
+  kDateUpdated,
+  kIsArchived,
+  kIsFavorited,
+  kIsShared,
+  kIsOpened,
+  kProgress,
+  kAuthor,
+  kPermalink,
+  kFeed
 };
 }
 namespace ContentColumn {

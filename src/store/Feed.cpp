@@ -92,15 +92,33 @@ std::int64_t Feed::daysKeepUnreadItems(const UserDefaults& defaults) {
 Date Feed::calculateKeepDate(const UserDefaults& defaults, const Clock& clock) {
   int days = 7;
   switch (daysKeepUnreadItems(defaults)) {
-    case 1: days = 1; break;
-    case 2: days = 2; break;
-    case 3: days = 3; break;
-    case 4: days = 7; break;
-    case 5: days = 14; break;
-    case 6: days = 28; break;
-    case 7: days = 70; break;
-    case 99: days = 70; break;
-    default: days = 7; break;
+    case 1:
+      days = 1;
+      break;
+    case 2:
+      days = 2;
+      break;
+    case 3:
+      days = 3;
+      break;
+    case 4:
+      days = 7;
+      break;
+    case 5:
+      days = 14;
+      break;
+    case 6:
+      days = 28;
+      break;
+    case 7:
+      days = 70;
+      break;
+    case 99:
+      days = 70;
+      break;
+    default:
+      days = 7;
+      break;
   }
   return clock.now() - std::chrono::hours(24 * days);
 }

@@ -20,14 +20,15 @@ Result<std::vector<std::shared_ptr<Feed>>> FeedFolder::feeds() const {
 
 void FeedFolder::addFeed(const Feed& feed) {
   const SqlValue rows[] = {objectID().row, feed.objectID().row};
-  managedObjectContext().writeRelationship("INSERT OR IGNORE INTO FeedFolder_feeds (feedfolder, feed) VALUES (?, ?)",
-                                           rows, objectID(), feed.objectID());
+  managedObjectContext().writeRelationship(
+      "INSERT OR IGNORE INTO FeedFolder_feeds (feedfolder, feed) VALUES (?, ?)", rows, objectID(),
+      feed.objectID());
 }
 
 void FeedFolder::removeFeed(const Feed& feed) {
   const SqlValue rows[] = {objectID().row, feed.objectID().row};
-  managedObjectContext().writeRelationship("DELETE FROM FeedFolder_feeds WHERE feedfolder = ? AND feed = ?", rows,
-                                           objectID(), feed.objectID());
+  managedObjectContext().writeRelationship("DELETE FROM FeedFolder_feeds WHERE feedfolder = ? AND feed = ?",
+                                           rows, objectID(), feed.objectID());
 }
 
 std::vector<std::string> FeedFolder::titlePath() const {

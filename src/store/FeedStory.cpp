@@ -13,7 +13,9 @@ using namespace BookmarkColumn;
 std::optional<std::string> FeedStory::author() const { return textValue(kAuthor); }
 void FeedStory::setAuthor(std::optional<std::string> author) { setText(kAuthor, std::move(author)); }
 std::optional<std::string> FeedStory::permalink() const { return textValue(kPermalink); }
-void FeedStory::setPermalink(std::optional<std::string> permalink) { setText(kPermalink, std::move(permalink)); }
+void FeedStory::setPermalink(std::optional<std::string> permalink) {
+  setText(kPermalink, std::move(permalink));
+}
 
 std::optional<ObjectId> FeedStory::feedID() const {
   const auto row = referenceValue(kFeed);
@@ -36,7 +38,8 @@ Result<std::vector<std::shared_ptr<FeedEnclosure>>> FeedStory::enclosures() cons
   return managedObjectContext().fetch<FeedEnclosure>(std::move(request));
 }
 
-std::shared_ptr<FeedEnclosure> FeedStory::addEnclosure(std::optional<std::string> url, std::optional<std::string> type,
+std::shared_ptr<FeedEnclosure> FeedStory::addEnclosure(std::optional<std::string> url,
+                                                       std::optional<std::string> type,
                                                        std::optional<std::int64_t> length) {
   auto enclosure = managedObjectContext().insertNewObject<FeedEnclosure>();
   enclosure->setFeedstoryRow(objectID().row);

@@ -1,8 +1,8 @@
 #include "store/Folder.h"
 
-#include <array>
-
 #include <fmt/format.h>
+
+#include <array>
 
 #include "store/Account.h"
 #include "store/Bookmark.h"
@@ -45,21 +45,23 @@ Result<std::vector<std::shared_ptr<Bookmark>>> Folder::bookmarks(const BookmarkQ
 
 void Folder::addBookmark(const Bookmark& bookmark) {
   const SqlValue rows[] = {objectID().row, bookmark.objectID().row};
-  managedObjectContext().writeRelationship("INSERT OR IGNORE INTO Folder_bookmarks (folder, bookmark) VALUES (?, ?)",
-                                           rows, objectID(), bookmark.objectID());
+  managedObjectContext().writeRelationship(
+      "INSERT OR IGNORE INTO Folder_bookmarks (folder, bookmark) VALUES (?, ?)", rows, objectID(),
+      bookmark.objectID());
   bookmarkCount_.reset();
 }
 
 void Folder::removeBookmark(const Bookmark& bookmark) {
   const SqlValue rows[] = {objectID().row, bookmark.objectID().row};
-  managedObjectContext().writeRelationship("DELETE FROM Folder_bookmarks WHERE folder = ? AND bookmark = ?", rows,
-                                           objectID(), bookmark.objectID());
+  managedObjectContext().writeRelationship("DELETE FROM Folder_bookmarks WHERE folder = ? AND bookmark = ?",
+                                           rows, objectID(), bookmark.objectID());
   bookmarkCount_.reset();
 }
 
 Result<bool> Folder::containsBookmark(const Bookmark& bookmark) const {
   const SqlValue rows[] = {objectID().row, bookmark.objectID().row};
-  auto found = managedObjectContext().select("SELECT 1 FROM Folder_bookmarks WHERE folder = ? AND bookmark = ?", rows);
+  auto found =
+      managedObjectContext().select("SELECT 1 FROM Folder_bookmarks WHERE folder = ? AND bookmark = ?", rows);
   if (!found) return fail(found.error());
   return !found->empty();
 }
@@ -85,7 +87,8 @@ void Folder::adjustBookmarkCount(std::int64_t delta) {
 
 std::string Folder::iconName() const {
   static constexpr std::array<std::string_view, 11> kIconIds = {
-      "smart-stream", "sparks", "hot", "private", "shared", "unread", "archive", "starred", "article", "video", "image"};
+      "smart-stream", "sparks",  "hot",     "private", "shared", "unread",
+      "archive",      "starred", "article", "video",   "image"};
   const auto id = folder_id();
   for (auto known : kIconIds) {
     if (id && *id == known) return fmt::format("{}Template", known);

@@ -14,9 +14,8 @@ namespace lectern {
 
 class ObjectContext;
 
-// One stored row as a context holds it; the base of every entity class. Setters change the
-// object and mark the column for the context to write; the context writes at its next query or
-// save. Belongs to one context and is used on that context's thread only.
+// One stored row as a context holds it, the base of every entity class; setters mark columns that
+// the context writes at its next query or save. Used on its context's thread only.
 class ManagedObject : public std::enable_shared_from_this<ManagedObject> {
  public:
   // Only a context makes objects: entity constructors take this key.
@@ -37,7 +36,7 @@ class ManagedObject : public std::enable_shared_from_this<ManagedObject> {
   bool hasContext() const { return context_ != nullptr; }
 
   bool isInserted() const { return insertedSinceSave_ && !deleted_; }  // not yet saved
-  bool isDeleted() const { return deleted_; }  // deleted here, or gone from the store
+  bool isDeleted() const { return deleted_; }                          // deleted here, or gone from the store
   bool isUpdated() const { return changed_ != 0 && !insertedSinceSave_ && !deleted_; }
   bool hasChanges() const { return changed_ != 0 || insertedSinceSave_ || deleted_; }
   // The column changed since the last save (the "changed values" willSave looks at).

@@ -1,9 +1,9 @@
 #include "store/MigrationManager.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
-
-#include <fmt/format.h>
 
 #include "store/EntitySchema.h"
 #include "store/SqliteDatabase.h"
@@ -55,7 +55,8 @@ MigrationManager::MigrationManager(const ModelVersion& sourceModel, const ModelV
                                    SqliteDatabase& destination)
     : sourceModel_(sourceModel), destinationModel_(destinationModel), db_(destination) {}
 
-Result<std::vector<std::string>> MigrationManager::columnsOf(std::string_view schema, std::string_view table) {
+Result<std::vector<std::string>> MigrationManager::columnsOf(std::string_view schema,
+                                                             std::string_view table) {
   const std::string key = fmt::format("{}.{}", schema, table);
   if (auto found = columnCache_.find(key); found != columnCache_.end()) return found->second;
   // Table names come from the mapping model, never from stored data.
@@ -72,8 +73,8 @@ Result<std::vector<std::string>> MigrationManager::destinationColumns(std::strin
   return columnsOf("main", table);
 }
 
-Result<std::int64_t> MigrationManager::insertDestinationInstance(std::string_view entity,
-                                                                 const std::map<std::string, SqlValue>& values) {
+Result<std::int64_t> MigrationManager::insertDestinationInstance(
+    std::string_view entity, const std::map<std::string, SqlValue>& values) {
   const std::string table = tableForEntity(entity);
   auto columns = destinationColumns(table);
   if (!columns) return fail(columns.error());
@@ -90,7 +91,8 @@ Result<std::int64_t> MigrationManager::insertDestinationInstance(std::string_vie
     if (contains(*columns, name) && name != "entity") add(name, value);
   }
   if (contains(*columns, "entity")) add("entity", std::string(entity));
-  if (auto done = db_.execute(fmt::format("INSERT INTO main.{} ({}) VALUES ({})", table, names, marks), arguments);
+  if (auto done =
+          db_.execute(fmt::format("INSERT INTO main.{} ({}) VALUES ({})", table, names, marks), arguments);
       !done) {
     return fail(done.error());
   }
@@ -105,7 +107,8 @@ Result<std::optional<std::string>> MigrationManager::sourceAccountService(std::i
   return textOf((**found)[0]);
 }
 
-Result<void> MigrationManager::migrate(const MappingModel& mapping, const std::function<void(double)>& progress) {
+Result<void> MigrationManager::migrate(const MappingModel& mapping,
+                                       const std::function<void(double)>& progress) {
   struct Plan {
     const EntityMapping* mapping;
     std::string sql;
@@ -147,9 +150,11 @@ Result<void> MigrationManager::migrate(const MappingModel& mapping, const std::f
     for (const auto& row : *rows) {
       SourceInstance source;
       source.entity = plan.mapping->sourceEntity;
-      for (size_t i = 0; i < plan.columns.size() && i < row.size(); ++i) source.values[plan.columns[i]] = row[i];
+      for (size_t i = 0; i < plan.columns.size() && i < row.size(); ++i)
+        source.values[plan.columns[i]] = row[i];
       source.row = integerOf(source.value("id")).value_or(0);
-      if (auto created = policy.createDestinationInstancesForSourceInstance(source, *plan.mapping, *this); !created) {
+      if (auto created = policy.createDestinationInstancesForSourceInstance(source, *plan.mapping, *this);
+          !created) {
         return created;
       }
       if (++done % 500 == 0) report();
@@ -187,7 +192,8 @@ Result<void> EntityMigrationPolicy::createDestinationInstancesForSourceInstance(
   return {};
 }
 
-Result<std::int64_t> EntityMigrationPolicy::copyAttributes(const SourceInstance& source, const EntityMapping& mapping,
+Result<std::int64_t> EntityMigrationPolicy::copyAttributes(const SourceInstance& source,
+                                                           const EntityMapping& mapping,
                                                            MigrationManager& manager,
                                                            const std::map<std::string, SqlValue>& overrides) {
   std::map<std::string, SqlValue> values;

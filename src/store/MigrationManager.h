@@ -23,8 +23,8 @@ inline constexpr std::string_view kMigrationErrorDomain = "com.quillhq.Lectern.M
 // How one entity's rows are carried into the next model version. A missing policy copies as
 // the default mapping does.
 struct EntityMapping {
-  std::string sourceEntity;       // "Bookmark"
-  std::string destinationEntity;  // "Bookmark"
+  std::string sourceEntity;                     // "Bookmark"
+  std::string destinationEntity;                // "Bookmark"
   std::map<std::string, std::string> userInfo;  // "modelVersion": "2.41"
   std::shared_ptr<EntityMigrationPolicy> policy;
 };
@@ -46,12 +46,12 @@ struct SourceInstance {
   const SqlValue& value(std::string_view column) const;
 };
 
-// Runs one step: reads the source store (attached as "src") and writes the destination through
-// the mapping model's policies, in one transaction on the destination connection. Rows keep
-// their ids, so relationships and memberships carry over as they are. Used by one thread.
+// Runs one step: the source store (attached as "src") written into the destination through the
+// mapping's policies, in one transaction; rows keep their ids. Used by one thread.
 class MigrationManager {
  public:
-  MigrationManager(const ModelVersion& sourceModel, const ModelVersion& destinationModel, SqliteDatabase& destination);
+  MigrationManager(const ModelVersion& sourceModel, const ModelVersion& destinationModel,
+                   SqliteDatabase& destination);
 
   const ModelVersion& sourceModel() const { return sourceModel_; }
   const ModelVersion& destinationModel() const { return destinationModel_; }
@@ -61,7 +61,8 @@ class MigrationManager {
 
   // Inserts a row of `entity` in the destination. Columns the destination lacks are left out;
   // an "id" value keeps the row id. Returns the new row's id.
-  Result<std::int64_t> insertDestinationInstance(std::string_view entity, const std::map<std::string, SqlValue>& values);
+  Result<std::int64_t> insertDestinationInstance(std::string_view entity,
+                                                 const std::map<std::string, SqlValue>& values);
   // The columns a table has in the destination model.
   Result<std::vector<std::string>> destinationColumns(std::string_view table);
   // The `service` of a source account row; nothing when the row does not exist.

@@ -15,7 +15,8 @@ bool isVersion241(const EntityMapping& mapping) {
 }
 
 // Copies the row without its HTML and preview, then gives it a Content row holding them.
-Result<void> moveHtmlIntoContent(const SourceInstance& source, MigrationManager& manager, std::optional<std::string> preview,
+Result<void> moveHtmlIntoContent(const SourceInstance& source, MigrationManager& manager,
+                                 std::optional<std::string> preview,
                                  const std::function<Result<std::int64_t>(const SourceInstance&)>& copy) {
   SourceInstance slim = source;
   slim.values.erase("html");
@@ -33,26 +34,28 @@ Result<void> moveHtmlIntoContent(const SourceInstance& source, MigrationManager&
 
 }  // namespace
 
-Result<void> QKBookmarkToBookmarkPolicy::createDestinationInstancesForSourceInstance(const SourceInstance& source,
-                                                                                     const EntityMapping& mapping,
-                                                                                     MigrationManager& manager) {
-  if (!isVersion241(mapping)) return EntityMigrationPolicy::createDestinationInstancesForSourceInstance(source, mapping, manager);
-  return moveHtmlIntoContent(source, manager, textOf(source.value("preview_text")),
-                             [&](const SourceInstance& slim) { return copyAttributes(slim, mapping, manager); });
+Result<void> QKBookmarkToBookmarkPolicy::createDestinationInstancesForSourceInstance(
+    const SourceInstance& source, const EntityMapping& mapping, MigrationManager& manager) {
+  if (!isVersion241(mapping))
+    return EntityMigrationPolicy::createDestinationInstancesForSourceInstance(source, mapping, manager);
+  return moveHtmlIntoContent(
+      source, manager, textOf(source.value("preview_text")),
+      [&](const SourceInstance& slim) { return copyAttributes(slim, mapping, manager); });
 }
 
-Result<void> QKFeedStoryToFeedStoryPolicy::createDestinationInstancesForSourceInstance(const SourceInstance& source,
-                                                                                       const EntityMapping& mapping,
-                                                                                       MigrationManager& manager) {
-  if (!isVersion241(mapping)) return EntityMigrationPolicy::createDestinationInstancesForSourceInstance(source, mapping, manager);
-  return moveHtmlIntoContent(source, manager, std::nullopt,
-                             [&](const SourceInstance& slim) { return copyAttributes(slim, mapping, manager); });
+Result<void> QKFeedStoryToFeedStoryPolicy::createDestinationInstancesForSourceInstance(
+    const SourceInstance& source, const EntityMapping& mapping, MigrationManager& manager) {
+  if (!isVersion241(mapping))
+    return EntityMigrationPolicy::createDestinationInstancesForSourceInstance(source, mapping, manager);
+  return moveHtmlIntoContent(source, manager, std::nullopt, [&](const SourceInstance& slim) {
+    return copyAttributes(slim, mapping, manager);
+  });
 }
 
-Result<void> QKSmartFolderToSmartFolderPolicy::createDestinationInstancesForSourceInstance(const SourceInstance& source,
-                                                                                           const EntityMapping& mapping,
-                                                                                           MigrationManager& manager) {
-  if (!isVersion241(mapping)) return EntityMigrationPolicy::createDestinationInstancesForSourceInstance(source, mapping, manager);
+Result<void> QKSmartFolderToSmartFolderPolicy::createDestinationInstancesForSourceInstance(
+    const SourceInstance& source, const EntityMapping& mapping, MigrationManager& manager) {
+  if (!isVersion241(mapping))
+    return EntityMigrationPolicy::createDestinationInstancesForSourceInstance(source, mapping, manager);
   if (const auto accountRow = integerOf(source.value("account"))) {
     auto service = manager.sourceAccountService(*accountRow);
     if (!service) return fail(service.error());
@@ -72,7 +75,8 @@ std::vector<std::string> QKSmartFolderToSmartFolderPolicy::extractPredicatesFrom
   return lectern::extractPredicatesFromCompoundPredicate(predicate);
 }
 
-MappingModel makeMappingModel(std::string sourceModelName, std::string destinationModelName, std::string modelVersion) {
+MappingModel makeMappingModel(std::string sourceModelName, std::string destinationModelName,
+                              std::string modelVersion) {
   MappingModel model{std::move(sourceModelName), std::move(destinationModelName), {}};
   const std::map<std::string, std::string> userInfo = {{"modelVersion", std::move(modelVersion)}};
   auto add = [&](std::string entity, std::shared_ptr<EntityMigrationPolicy> policy) {
@@ -93,7 +97,8 @@ MappingModel makeMappingModel(std::string sourceModelName, std::string destinati
 }
 
 std::vector<MappingModel> builtInMappingModels() {
-  return {makeMappingModel("Lectern 2.4", "Lectern 2.41", "2.41"), makeMappingModel("Lectern 2.41", "Lectern 2.5", "2.5")};
+  return {makeMappingModel("Lectern 2.4", "Lectern 2.41", "2.41"),
+          makeMappingModel("Lectern 2.41", "Lectern 2.5", "2.5")};
 }
 
 }  // namespace lectern

@@ -14,23 +14,25 @@ namespace lectern {
 // computed from the HTML when there was none.
 class QKBookmarkToBookmarkPolicy : public EntityMigrationPolicy {
  public:
-  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source, const EntityMapping& mapping,
+  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source,
+                                                           const EntityMapping& mapping,
                                                            MigrationManager& manager) override;
 };
 
 // Feed stories: the same, with the preview always computed from the moved HTML.
 class QKFeedStoryToFeedStoryPolicy : public EntityMigrationPolicy {
  public:
-  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source, const EntityMapping& mapping,
+  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source,
+                                                           const EntityMapping& mapping,
                                                            MigrationManager& manager) override;
 };
 
-// Smart folders: a folder of an account whose service is no longer known stays behind; the
-// predicate's comparisons on "html" compare "content.preview_text" instead; the badge setting
-// becomes 1.
+// Smart folders: those of accounts of unknown services stay behind; comparisons on "html" compare
+// "content.preview_text" instead; the badge setting becomes 1.
 class QKSmartFolderToSmartFolderPolicy : public EntityMigrationPolicy {
  public:
-  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source, const EntityMapping& mapping,
+  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source,
+                                                           const EntityMapping& mapping,
                                                            MigrationManager& manager) override;
   static std::vector<std::string> extractPredicatesFromCompoundPredicate(const std::string& predicate);
 };
@@ -38,6 +40,7 @@ class QKSmartFolderToSmartFolderPolicy : public EntityMigrationPolicy {
 // The step mappings Lectern ships: "Lectern 2.4" to "Lectern 2.41" and "Lectern 2.41" to "Lectern 2.5".
 std::vector<MappingModel> builtInMappingModels();
 // Every entity mapped to itself with the given "modelVersion" and the custom policies.
-MappingModel makeMappingModel(std::string sourceModelName, std::string destinationModelName, std::string modelVersion);
+MappingModel makeMappingModel(std::string sourceModelName, std::string destinationModelName,
+                              std::string modelVersion);
 
 }  // namespace lectern

@@ -1,8 +1,8 @@
 #include "store/ModelVersion.h"
 
-#include <array>
-
 #include <fmt/format.h>
+
+#include <array>
 
 #include "store/SqliteDatabase.h"
 
@@ -13,7 +13,8 @@ namespace {
 // before the commit checks them. Deletes still cascade at once.
 #define LECTERN_FK(table) " REFERENCES " table "(id) ON DELETE CASCADE DEFERRABLE INITIALLY DEFERRED"
 
-constexpr std::string_view kMetadataTable = "CREATE TABLE Metadata (key TEXT PRIMARY KEY, value TEXT) WITHOUT ROWID";
+constexpr std::string_view kMetadataTable =
+    "CREATE TABLE Metadata (key TEXT PRIMARY KEY, value TEXT) WITHOUT ROWID";
 
 constexpr std::string_view kAccountTable =
     "CREATE TABLE Account (id INTEGER PRIMARY KEY AUTOINCREMENT, service TEXT, username TEXT, title TEXT,"
@@ -72,33 +73,43 @@ constexpr std::array<std::string_view, N> arrayOf(const std::string_view (&items
 constexpr auto kSchema24 = concat(
     std::array<std::string_view, 5>{
         kMetadataTable, kAccountTable,
-        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account INTEGER"
-        LECTERN_FK("Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
-        " feed_link TEXT, date_updated REAL, predicate TEXT, showNotification INTEGER, groupIndex INTEGER,"
-        " sortIndex INTEGER)",
+        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
+                       " feed_link TEXT, date_updated REAL, predicate TEXT, showNotification INTEGER, "
+                       "groupIndex INTEGER,"
+                       " sortIndex INTEGER)",
         kFolderIndexes,
-        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account INTEGER"
-        LECTERN_FK("Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
-        " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, is_shared INTEGER,"
-        " is_opened INTEGER, progress REAL, html TEXT, preview_text TEXT, author TEXT, permalink TEXT,"
-        " feed INTEGER" LECTERN_FK("Folder") ")"},
+        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
+                       " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, "
+                       "is_shared INTEGER,"
+                       " is_opened INTEGER, progress REAL, html TEXT, preview_text TEXT, author TEXT, "
+                       "permalink TEXT,"
+                       " feed INTEGER" LECTERN_FK("Folder") ")"},
     arrayOf(kBookmarkIndexes), arrayOf(kOtherTables));
 
 // Lectern 2.41: the large text moved into Content; smart folders gained a badge setting.
 constexpr auto kSchema241 = concat(
     std::array<std::string_view, 7>{
         kMetadataTable, kAccountTable,
-        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account INTEGER"
-        LECTERN_FK("Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
-        " feed_link TEXT, date_updated REAL, predicate TEXT, showNotification INTEGER, badgeIndex INTEGER,"
-        " groupIndex INTEGER, sortIndex INTEGER)",
+        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
+                       " feed_link TEXT, date_updated REAL, predicate TEXT, showNotification INTEGER, "
+                       "badgeIndex INTEGER,"
+                       " groupIndex INTEGER, sortIndex INTEGER)",
         kFolderIndexes,
-        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account INTEGER"
-        LECTERN_FK("Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
-        " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, is_shared INTEGER,"
-        " is_opened INTEGER, progress REAL, author TEXT, permalink TEXT, feed INTEGER" LECTERN_FK("Folder") ")",
-        "CREATE TABLE Content (id INTEGER PRIMARY KEY AUTOINCREMENT, bookmark INTEGER UNIQUE" LECTERN_FK("Bookmark")
-        ", html TEXT, preview_text TEXT)",
+        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
+                       " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, "
+                       "is_shared INTEGER,"
+                       " is_opened INTEGER, progress REAL, author TEXT, permalink TEXT, feed "
+                       "INTEGER" LECTERN_FK("Folder") ")",
+        "CREATE TABLE Content (id INTEGER PRIMARY KEY AUTOINCREMENT, bookmark INTEGER UNIQUE" LECTERN_FK(
+            "Bookmark") ", html TEXT, preview_text TEXT)",
         "CREATE INDEX Content_bookmark ON Content(bookmark)"},
     arrayOf(kBookmarkIndexes), arrayOf(kOtherTables));
 
@@ -106,17 +117,23 @@ constexpr auto kSchema241 = concat(
 constexpr auto kSchema25 = concat(
     std::array<std::string_view, 7>{
         kMetadataTable, kAccountTable,
-        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account INTEGER"
-        LECTERN_FK("Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
-        " feed_link TEXT, date_updated REAL, last_refresh REAL, last_error TEXT, failing_since REAL,"
-        " predicate TEXT, showNotification INTEGER, badgeIndex INTEGER, groupIndex INTEGER, sortIndex INTEGER)",
+        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
+                       " feed_link TEXT, date_updated REAL, last_refresh REAL, last_error TEXT, "
+                       "failing_since REAL,"
+                       " predicate TEXT, showNotification INTEGER, badgeIndex INTEGER, groupIndex INTEGER, "
+                       "sortIndex INTEGER)",
         kFolderIndexes,
-        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account INTEGER"
-        LECTERN_FK("Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
-        " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, is_shared INTEGER,"
-        " is_opened INTEGER, progress REAL, author TEXT, permalink TEXT, feed INTEGER" LECTERN_FK("Folder") ")",
-        "CREATE TABLE Content (id INTEGER PRIMARY KEY AUTOINCREMENT, bookmark INTEGER UNIQUE" LECTERN_FK("Bookmark")
-        ", html TEXT, preview_text TEXT)",
+        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
+                       " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, "
+                       "is_shared INTEGER,"
+                       " is_opened INTEGER, progress REAL, author TEXT, permalink TEXT, feed "
+                       "INTEGER" LECTERN_FK("Folder") ")",
+        "CREATE TABLE Content (id INTEGER PRIMARY KEY AUTOINCREMENT, bookmark INTEGER UNIQUE" LECTERN_FK(
+            "Bookmark") ", html TEXT, preview_text TEXT)",
         "CREATE INDEX Content_bookmark ON Content(bookmark)"},
     arrayOf(kBookmarkIndexes), arrayOf(kOtherTables));
 
@@ -154,7 +171,8 @@ Result<StoreMetadata> readStoreMetadata(SqliteDatabase& db) {
   if (!version) return fail(version.error());
   auto application = db.selectOne("PRAGMA application_id");
   if (!application) return fail(application.error());
-  auto tables = db.selectOne("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%'");
+  auto tables =
+      db.selectOne("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%'");
   if (!tables) return fail(tables.error());
   metadata.versionNumber = static_cast<int>(integerOf((**version)[0]).value_or(0));
   metadata.applicationId = static_cast<std::int32_t>(integerOf((**application)[0]).value_or(0));
@@ -190,9 +208,11 @@ Result<void> createSchema(SqliteDatabase& db, const ModelVersion& version) {
     if (auto created = db.execute(statement); !created) return created;
   }
   const SqlValue row[] = {std::string("modelVersion"), std::string(version.name)};
-  if (auto stored = db.execute("INSERT INTO Metadata (key, value) VALUES (?, ?)", row); !stored) return stored;
+  if (auto stored = db.execute("INSERT INTO Metadata (key, value) VALUES (?, ?)", row); !stored)
+    return stored;
   // Pragmas take no bound values; both numbers are the code's own constants.
-  if (auto pragma = db.execute(fmt::format("PRAGMA user_version = {}", version.number)); !pragma) return pragma;
+  if (auto pragma = db.execute(fmt::format("PRAGMA user_version = {}", version.number)); !pragma)
+    return pragma;
   if (auto pragma = db.execute(fmt::format("PRAGMA application_id = {}", kLecternApplicationId)); !pragma) {
     return pragma;
   }

@@ -11,13 +11,12 @@ namespace lectern {
 
 class SqliteDatabase;
 
-// One named version of the library's schema. A store records the version it was written with
-// (PRAGMA user_version = number, and the name in its Metadata table); opening a store of an older
-// version migrates it one version at a time. Versions are append-only: never edit a shipped one.
+// One named version of the library's schema, recorded by each store (user_version and the name in
+// its Metadata table). Append-only: never edit a shipped version.
 struct ModelVersion {
-  std::string_view name;               // "Lectern 2.41": also names a migration step's file
-  std::string_view versionIdentifier;  // "2.41": the "modelVersion" of the mappings into it
-  int number = 0;                      // PRAGMA user_version
+  std::string_view name;                     // "Lectern 2.41": also names a migration step's file
+  std::string_view versionIdentifier;        // "2.41": the "modelVersion" of the mappings into it
+  int number = 0;                            // PRAGMA user_version
   std::span<const std::string_view> schema;  // CREATE statements, in order
 };
 
@@ -36,8 +35,8 @@ Result<void> createSchema(SqliteDatabase& db, const ModelVersion& version);
 
 // What a store file says about itself, read without changing it.
 struct StoreMetadata {
-  int versionNumber = 0;        // 0: an empty database (a new library)
-  std::string versionName;      // from the Metadata table; empty when absent
+  int versionNumber = 0;    // 0: an empty database (a new library)
+  std::string versionName;  // from the Metadata table; empty when absent
   std::int32_t applicationId = 0;
   bool hasTables = false;
 };

@@ -31,14 +31,16 @@ constexpr std::chrono::milliseconds kBusyTimeout{60'000};
 
 std::string selectColumns(EntityTable table) {
   std::string columns = fmt::format("{}.id", tableName(table));
-  for (const auto& column : columnsOf(table)) columns += fmt::format(", {}.{}", tableName(table), column.name);
+  for (const auto& column : columnsOf(table))
+    columns += fmt::format(", {}.{}", tableName(table), column.name);
   return columns;
 }
 
 const std::string& selectColumnsCached(EntityTable table) {
   static const std::array<std::string, kEntityTableCount> cache = [] {
     std::array<std::string, kEntityTableCount> all;
-    for (int i = 0; i < kEntityTableCount; ++i) all[static_cast<size_t>(i)] = selectColumns(static_cast<EntityTable>(i));
+    for (int i = 0; i < kEntityTableCount; ++i)
+      all[static_cast<size_t>(i)] = selectColumns(static_cast<EntityTable>(i));
     return all;
   }();
   return cache[static_cast<size_t>(table)];
@@ -55,14 +57,16 @@ const std::string& insertSql(EntityTable table) {
         names += fmt::format(", {}", column.name);
         marks += ", ?";
       }
-      all[static_cast<size_t>(i)] = fmt::format("INSERT INTO {} ({}) VALUES ({})", tableName(t), names, marks);
+      all[static_cast<size_t>(i)] =
+          fmt::format("INSERT INTO {} ({}) VALUES ({})", tableName(t), names, marks);
     }
     return all;
   }();
   return cache[static_cast<size_t>(table)];
 }
 
-std::shared_ptr<ManagedObject> makeObject(Entity entity, ManagedObject::Key key, ObjectContext& context, ObjectId id) {
+std::shared_ptr<ManagedObject> makeObject(Entity entity, ManagedObject::Key key, ObjectContext& context,
+                                          ObjectId id) {
   switch (entity) {
     case Entity::kAccount:
       return std::make_shared<Account>(key, context, id);
@@ -99,7 +103,8 @@ std::string idArray(const std::vector<std::int64_t>& rows) { return nlohmann::js
 }  // namespace
 
 Result<std::unique_ptr<ObjectContext>> ObjectContext::open(const std::filesystem::path& path, Kind kind,
-                                                           StoreEnvironment& environment, SaveListener* listener) {
+                                                           StoreEnvironment& environment,
+                                                           SaveListener* listener) {
   auto db = SqliteDatabase::open(path, SqliteDatabase::OpenMode::kReadWrite, kBusyTimeout);
   if (!db) return fail(db.error());
   auto wal = (*db)->selectOne("PRAGMA journal_mode = WAL");
@@ -120,7 +125,11 @@ Result<std::unique_ptr<ObjectContext>> ObjectContext::open(const std::filesystem
 
 ObjectContext::ObjectContext(std::unique_ptr<SqliteDatabase> db, Kind kind, StoreEnvironment& environment,
                              SaveListener* listener)
-    : db_(std::move(db)), kind_(kind), environment_(environment), listener_(listener), owner_(std::this_thread::get_id()) {}
+    : db_(std::move(db)),
+      kind_(kind),
+      environment_(environment),
+      listener_(listener),
+      owner_(std::this_thread::get_id()) {}
 
 ObjectContext::~ObjectContext() {
   if (inWrite_) db_->rollback();
@@ -163,10 +172,11 @@ std::int64_t ObjectContext::allocateRow(EntityTable table) {
     // The write lock is ours until the commit, so nobody else can take these ids meanwhile.
     // sqlite_sequence keeps ids of deleted rows from coming back.
     const SqlValue name[] = {std::string(tableName(table))};
-    auto row = db_->selectOne(fmt::format("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name = ?), 0),"
-                                          " coalesce((SELECT max(id) FROM {}), 0))",
-                                          tableName(table)),
-                              name);
+    auto row =
+        db_->selectOne(fmt::format("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name = ?), 0),"
+                                   " coalesce((SELECT max(id) FROM {}), 0))",
+                                   tableName(table)),
+                       name);
     if (!row) {
       recordError(row.error());
       return nextTemporaryRow_--;
@@ -213,7 +223,8 @@ Result<std::shared_ptr<ManagedObject>> ObjectContext::existingObject(ObjectId id
   if (auto object = registeredObject(id)) return object->deleted_ ? nullptr : object;
   const EntityTable table = id.table();
   const SqlValue row[] = {id.row};
-  auto rows = select(fmt::format("SELECT {} FROM {} WHERE id = ?", selectColumnsCached(table), tableName(table)), row);
+  auto rows = select(
+      fmt::format("SELECT {} FROM {} WHERE id = ?", selectColumnsCached(table), tableName(table)), row);
   if (!rows) return fail(rows.error());
   if (rows->empty()) return std::shared_ptr<ManagedObject>();
   auto object = materialize(table, rows->front());
@@ -231,7 +242,8 @@ std::shared_ptr<ManagedObject> ObjectContext::materialize(EntityTable table, con
   }
   Entity entity = rootEntity(table);
   if (hasEntityColumn(table)) {
-    if (auto named = entityNamed(textOf(row[1]).value_or("")); named && tableOf(*named) == table) entity = *named;
+    if (auto named = entityNamed(textOf(row[1]).value_or("")); named && tableOf(*named) == table)
+      entity = *named;
   }
   auto object = makeObject(entity, ManagedObject::Key(), *this, ObjectId{entity, rowId});
   object->values_.assign(row.begin() + 1, row.end());
@@ -251,8 +263,8 @@ void ObjectContext::mergeRow(ManagedObject& object, const SqlRow& row, size_t fi
 Result<bool> ObjectContext::reread(ManagedObject& object) {
   const EntityTable table = object.id_.table();
   const SqlValue row[] = {object.id_.row};
-  auto rows = db_->selectAll(fmt::format("SELECT {} FROM {} WHERE id = ?", selectColumnsCached(table), tableName(table)),
-                             row);
+  auto rows = db_->selectAll(
+      fmt::format("SELECT {} FROM {} WHERE id = ?", selectColumnsCached(table), tableName(table)), row);
   if (!rows) return fail(rows.error());
   if (rows->empty()) return false;
   mergeRow(object, rows->front(), 1);
@@ -304,7 +316,9 @@ void ObjectContext::writeRelationship(std::string_view sql, std::span<const SqlV
   touched_.insert(b);
 }
 
-bool ObjectContext::hasChanges() const { return !pending_.empty() || !touched_.empty() || pendingError_.has_value(); }
+bool ObjectContext::hasChanges() const {
+  return !pending_.empty() || !touched_.empty() || pendingError_.has_value();
+}
 
 Result<void> ObjectContext::writeInsert(ManagedObject& object) {
   auto statement = db_->prepare(insertSql(object.id_.table()));
@@ -329,7 +343,8 @@ Result<void> ObjectContext::writeUpdate(ManagedObject& object) {
     arguments.push_back(object.values_[i]);
   }
   arguments.push_back(object.id_.row);
-  if (auto done = db_->execute(fmt::format("UPDATE {} SET {} WHERE id = ?", tableName(table), assignments), arguments);
+  if (auto done = db_->execute(fmt::format("UPDATE {} SET {} WHERE id = ?", tableName(table), assignments),
+                               arguments);
       !done) {
     return done;
   }
@@ -339,7 +354,9 @@ Result<void> ObjectContext::writeUpdate(ManagedObject& object) {
 
 Result<void> ObjectContext::writeDelete(ManagedObject& object) {
   const SqlValue row[] = {object.id_.row};
-  if (auto done = db_->execute(fmt::format("DELETE FROM {} WHERE id = ?", tableName(object.id_.table())), row); !done) {
+  if (auto done =
+          db_->execute(fmt::format("DELETE FROM {} WHERE id = ?", tableName(object.id_.table())), row);
+      !done) {
     return done;
   }
   object.deleteFlushed_ = true;
@@ -385,8 +402,9 @@ Result<void> ObjectContext::findCascadedDeletions() {
     if (rows.empty()) continue;
     const SqlValue ids[] = {idArray(rows)};
     auto missing = db_->selectAll(
-        fmt::format("SELECT j.value FROM json_each(?) j LEFT JOIN {0} ON {0}.id = j.value WHERE {0}.id IS NULL",
-                    tableName(table)),
+        fmt::format(
+            "SELECT j.value FROM json_each(?) j LEFT JOIN {0} ON {0}.id = j.value WHERE {0}.id IS NULL",
+            tableName(table)),
         ids);
     if (!missing) return fail(missing.error());
     for (const auto& row : *missing) {
@@ -427,7 +445,8 @@ Result<void> ObjectContext::save() {
   if (cascadeCheckNeeded_) {
     cascadeCheckNeeded_ = false;
     if (auto cascaded = findCascadedDeletions(); !cascaded) {
-      logError(kLogCategory, "Failed to find the objects deleted with others: {}", cascaded.error().message());
+      logError(kLogCategory, "Failed to find the objects deleted with others: {}",
+               cascaded.error().message());
     }
   }
 
@@ -533,7 +552,8 @@ void ObjectContext::mergeChangesFromContextDidSave(const ContextDidSave& changes
   }
   if (!changes.deleted.empty()) {
     if (auto cascaded = findCascadedDeletions(); !cascaded) {
-      logError(kLogCategory, "Failed to merge changes into the main context:\n{}", cascaded.error().message());
+      logError(kLogCategory, "Failed to merge changes into the main context:\n{}",
+               cascaded.error().message());
     }
     cascaded_.clear();
   }
@@ -557,8 +577,8 @@ void ObjectContext::notifyObservers(const ContextDidSave& changes) {
 Result<std::vector<std::shared_ptr<ManagedObject>>> ObjectContext::fetchObjects(const FetchRequest& request) {
   checkThread();
   const EntityTable table = tableOf(request.entity);
-  std::string sql = fmt::format("SELECT {} FROM {} WHERE ({}) AND ({})", selectColumnsCached(table), tableName(table),
-                                entityCondition(request.entity), request.where);
+  std::string sql = fmt::format("SELECT {} FROM {} WHERE ({}) AND ({})", selectColumnsCached(table),
+                                tableName(table), entityCondition(request.entity), request.where);
   if (!request.orderBy.empty()) sql += " ORDER BY " + request.orderBy;
   std::vector<SqlValue> arguments = request.arguments;
   if (request.limit) {
@@ -576,7 +596,8 @@ Result<std::vector<std::shared_ptr<ManagedObject>>> ObjectContext::fetchObjects(
   return objects;
 }
 
-Result<std::int64_t> ObjectContext::count(Entity entity, std::string_view where, std::vector<SqlValue> arguments) {
+Result<std::int64_t> ObjectContext::count(Entity entity, std::string_view where,
+                                          std::vector<SqlValue> arguments) {
   auto rows = select(fmt::format("SELECT count(*) FROM {} WHERE ({}) AND ({})", tableName(tableOf(entity)),
                                  entityCondition(entity), where),
                      arguments);

@@ -33,10 +33,8 @@ struct ContextDidSave {
   bool empty() const { return inserted.empty() && updated.empty() && deleted.empty(); }
 };
 
-// A working view of the library over its own SQLite connection. The first change opens a write
-// transaction (BEGIN IMMEDIATE, so writers queue on the lock instead of failing); `save` commits it.
-// Within a context a row is one object. Owned by one thread: the main context by the main queue's
-// thread, a background context by the thread that opened it.
+// A working view of the library over its own connection: one object per row, changes in a write
+// transaction from the first change to `save`. Owned by one thread (main queue's, or its opener's).
 class ObjectContext {
  public:
   enum class Kind { kMain, kBackground };
@@ -168,9 +166,9 @@ class ObjectContext {
   const std::thread::id owner_;
 
   std::array<std::unordered_map<std::int64_t, std::weak_ptr<ManagedObject>>, kEntityTableCount> registered_;
-  std::vector<std::shared_ptr<ManagedObject>> pending_;  // changed since the last save
-  std::unordered_set<ObjectId> touched_;                 // memberships changed since the last save
-  std::vector<ObjectId> cascaded_;                       // removed by the store with a deleted row
+  std::vector<std::shared_ptr<ManagedObject>> pending_;    // changed since the last save
+  std::unordered_set<ObjectId> touched_;                   // memberships changed since the last save
+  std::vector<ObjectId> cascaded_;                         // removed by the store with a deleted row
   std::array<std::int64_t, kEntityTableCount> nextRow_{};  // 0: not read in this transaction
   std::int64_t nextTemporaryRow_ = -1;
   bool inWrite_ = false;

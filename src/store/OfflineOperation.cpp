@@ -24,7 +24,9 @@ OfflineOperationType oppositeOfflineOperationType(OfflineOperationType type) {
 OfflineOperationType OfflineOperation::type() const {
   return static_cast<OfflineOperationType>(integerValue(kType));
 }
-void OfflineOperation::setType(OfflineOperationType type) { setInteger(kType, static_cast<std::int64_t>(type)); }
+void OfflineOperation::setType(OfflineOperationType type) {
+  setInteger(kType, static_cast<std::int64_t>(type));
+}
 std::optional<std::string> OfflineOperation::bookmark_id() const { return textValue(kBookmarkId); }
 void OfflineOperation::setBookmark_id(std::optional<std::string> bookmarkId) {
   setText(kBookmarkId, std::move(bookmarkId));

@@ -10,7 +10,14 @@ namespace lectern {
 class Account;
 
 // Stored in the library file: never renumber or reuse a value. 0 is no operation.
-enum class OfflineOperationType : int { kNone = 0, kStar = 1, kUnstar = 2, kMarkRead = 3, kMarkUnread = 4, kDelete = 99 };
+enum class OfflineOperationType : int {
+  kNone = 0,
+  kStar = 1,
+  kUnstar = 2,
+  kMarkRead = 3,
+  kMarkUnread = 4,
+  kDelete = 99
+};
 
 // The operation that undoes `type` (star/unstar, read/unread), or kNone.
 OfflineOperationType oppositeOfflineOperationType(OfflineOperationType type);

@@ -15,8 +15,12 @@ struct Token {
   std::string_view text;
 };
 
-bool isWordStart(char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '@' || c == '#'; }
-bool isWordPart(char c) { return isWordStart(c) || std::isdigit(static_cast<unsigned char>(c)) != 0 || c == '.'; }
+bool isWordStart(char c) {
+  return std::isalpha(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '@' || c == '#';
+}
+bool isWordPart(char c) {
+  return isWordStart(c) || std::isdigit(static_cast<unsigned char>(c)) != 0 || c == '.';
+}
 
 std::vector<Token> tokenize(std::string_view text) {
   std::vector<Token> tokens;
@@ -34,7 +38,8 @@ std::vector<Token> tokenize(std::string_view text) {
       i = std::min(i + 1, text.size());
       kind = TokenKind::kString;
     } else if (std::isdigit(static_cast<unsigned char>(c)) != 0) {
-      while (i < text.size() && (std::isalnum(static_cast<unsigned char>(text[i])) != 0 || text[i] == '.')) ++i;
+      while (i < text.size() && (std::isalnum(static_cast<unsigned char>(text[i])) != 0 || text[i] == '.'))
+        ++i;
       kind = TokenKind::kNumber;
     } else if (c == '$') {  // a variable is never a key path
       ++i;
@@ -66,7 +71,8 @@ bool wordIs(const Token& token, std::string_view word) {
 
 bool opensOperand(const Token& token) {
   if (token.kind == TokenKind::kOpen) return true;
-  if (token.kind == TokenKind::kOperator) return token.text == "&&" || token.text == "||" || token.text == "!";
+  if (token.kind == TokenKind::kOperator)
+    return token.text == "&&" || token.text == "||" || token.text == "!";
   for (auto word : {"AND", "OR", "NOT", "ANY", "ALL", "SOME", "NONE"}) {
     if (wordIs(token, word)) return true;
   }
@@ -74,7 +80,8 @@ bool opensOperand(const Token& token) {
 }
 
 bool isComparisonOperator(const Token& token) {
-  if (token.kind == TokenKind::kOperator) return token.text != "&&" && token.text != "||" && token.text != "!";
+  if (token.kind == TokenKind::kOperator)
+    return token.text != "&&" && token.text != "||" && token.text != "!";
   for (auto word : {"CONTAINS", "BEGINSWITH", "ENDSWITH", "LIKE", "MATCHES", "IN", "BETWEEN"}) {
     if (wordIs(token, word)) return true;
   }
@@ -125,7 +132,8 @@ std::string rewriteComparisonKeyPath(std::string_view predicate, std::string_vie
   for (size_t i = 0; i < tokens.size(); ++i) {
     const Token& token = tokens[i];
     bool replace = false;
-    if (token.kind == TokenKind::kWord && token.text == from && (previous == nullptr || opensOperand(*previous))) {
+    if (token.kind == TokenKind::kWord && token.text == from &&
+        (previous == nullptr || opensOperand(*previous))) {
       const size_t next = significant(tokens, i + 1);
       replace = next < tokens.size() && isComparisonOperator(tokens[next]);
     }

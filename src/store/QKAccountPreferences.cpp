@@ -9,9 +9,14 @@ QKAccountPreferences::QKAccountPreferences(UserDefaults& defaults, std::string i
 
 const nlohmann::json& QKAccountPreferences::initialValues() {
   static const nlohmann::json values = {
-      {"groupIndex", 2},          {"sortIndex", 0},        {"autoSyncIntervalIndex", 0},
-      {"syncOnStart", true},      {"refreshOnFeverServer", false}, {"syncFeverSparks", false},
-      {"cacheImages", false},     {"showOnDock", true},
+      {"groupIndex", 2},
+      {"sortIndex", 0},
+      {"autoSyncIntervalIndex", 0},
+      {"syncOnStart", true},
+      {"refreshOnFeverServer", false},
+      {"syncFeverSparks", false},
+      {"cacheImages", false},
+      {"showOnDock", true},
   };
   return values;
 }

@@ -1,10 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 #include "core/Error.h"
 #include "store/ServiceIdentifiers.h"
@@ -13,9 +12,8 @@ namespace lectern {
 
 class UserDefaults;
 
-// One account's preferences: a dictionary inside the "Accounts" user default, keyed by the
-// account's unique identifier. Reads and writes go straight to the user defaults, so every
-// context's copy of an account sees the same values. Used on the main thread.
+// One account's preferences: a dictionary in the "Accounts" user default under its unique identifier,
+// read and written straight through, so every context's copy agrees. Used on the main thread.
 class QKAccountPreferences {
  public:
   // initWithAccount: the account's unique identifier.

@@ -1,8 +1,7 @@
 #include "store/QKDataManager.h"
 
-#include <unistd.h>
-
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "core/Log.h"
 #include "core/MainQueue.h"
@@ -20,7 +19,8 @@ constexpr int kStoreNewer = 105;
 
 std::string userInfoText(const Error& error) {
   std::string text;
-  for (const auto& [key, value] : error.userInfo) text += fmt::format("{}{} = {}", text.empty() ? "" : "\n", key, value);
+  for (const auto& [key, value] : error.userInfo)
+    text += fmt::format("{}{} = {}", text.empty() ? "" : "\n", key, value);
   return text;
 }
 }  // namespace
@@ -38,17 +38,20 @@ QKDataManager::~QKDataManager() {
 Result<void> QKDataManager::isPersistentStoreWritable(const fs::path& storeURL) {
   std::error_code error;
   if (!fs::exists(storeURL, error) || ::access(storeURL.c_str(), W_OK) == 0) return {};
-  Error failure = Error::make(kLecternErrorDomain, kStoreNotWritable,
-                              fmt::format("The library file can't be written ({}).", storeURL.string()),
-                              "Lectern needs to save to its library. Give yourself write permission on the file, "
-                              "or close Lectern.");
+  Error failure =
+      Error::make(kLecternErrorDomain, kStoreNotWritable,
+                  fmt::format("The library file can't be written ({}).", storeURL.string()),
+                  "Lectern needs to save to its library. Give yourself write permission on the file, "
+                  "or close Lectern.");
   failure.userInfo[std::string(kRecoveryOptionsKey)] =
       fmt::format("{}\n{}", kRecoveryOptionClose, kRecoveryOptionReveal);
   failure.userInfo[std::string(kFilePathKey)] = storeURL.string();
   return fail(std::move(failure));
 }
 
-Result<StoreMetadata> QKDataManager::sourceMetadata() const { return QKDataMigrationManager::readMetadata(storeURL()); }
+Result<StoreMetadata> QKDataManager::sourceMetadata() const {
+  return QKDataMigrationManager::readMetadata(storeURL());
+}
 
 bool QKDataManager::isMigrationNeeded() const {
   bool needed = false;
@@ -75,13 +78,15 @@ Result<void> QKDataManager::checkApplicationFolder() const {
   const auto status = fs::status(folder, error);
   if (fs::exists(status)) {
     if (fs::is_directory(status)) return {};
-    return fail(kLecternErrorDomain, kFolderIsAFile,
-                fmt::format("Expected a folder to store application data, found a file ({}).", folder.string()));
+    return fail(
+        kLecternErrorDomain, kFolderIsAFile,
+        fmt::format("Expected a folder to store application data, found a file ({}).", folder.string()));
   }
   fs::create_directories(folder, error);
   if (error) {
     return fail(kLecternErrorDomain, error.value(),
-                fmt::format("Failed to create the folder for application data ({}).", folder.string()), error.message());
+                fmt::format("Failed to create the folder for application data ({}).", folder.string()),
+                error.message());
   }
   return {};
 }
@@ -99,7 +104,8 @@ Result<void> QKDataManager::openStore() {
     const int current = currentModelVersion().number;
     if (metadata->versionNumber > current) {
       return fail(kLecternErrorDomain, kStoreNewer,
-                  fmt::format("The library was written by a newer version of Lectern ({}).", describeStoreVersion(*metadata)),
+                  fmt::format("The library was written by a newer version of Lectern ({}).",
+                              describeStoreVersion(*metadata)),
                   "Open it with the version of Lectern that wrote it.");
     }
     if (metadata->versionNumber == 0 && !metadata->hasTables) {
@@ -115,7 +121,8 @@ Result<void> QKDataManager::openStore() {
     mainContext_ = std::move(*context);
     return {};
   }();
-  if (!opened) logError(kLogCategory, "Fatal error while creating persistent store: {}", opened.error().message());
+  if (!opened)
+    logError(kLogCategory, "Fatal error while creating persistent store: {}", opened.error().message());
   return opened;
 }
 
@@ -149,7 +156,8 @@ bool QKDataManager::save() {
     post(kDidSaveNotification);
     return true;
   }
-  logError(kLogCategory, "Error while saving: {}\n{}", saved.error().description, userInfoText(saved.error()));
+  logError(kLogCategory, "Error while saving: {}\n{}", saved.error().description,
+           userInfoText(saved.error()));
   post(kDidSaveFailedNotification);
   return false;
 }
@@ -161,7 +169,8 @@ Result<void> QKDataManager::saveForTermination() {
     post(kDidSaveNotification);
     return {};
   }
-  logError(kLogCategory, "Error while saving: {}\n{}", saved.error().description, userInfoText(saved.error()));
+  logError(kLogCategory, "Error while saving: {}\n{}", saved.error().description,
+           userInfoText(saved.error()));
   post(kDidSaveFailedNotification);
   return saved;
 }

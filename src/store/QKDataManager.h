@@ -23,9 +23,8 @@ class Reachability;
 class SecretStore;
 class UserDefaults;
 
-// The owner of the library: its folder and file, migration, the main context and the background
-// contexts of sync operations. Made once by the program on the main thread, which owns the main
-// context; it must outlive every context it made.
+// The owner of the library: folder and file checks, migration, the main context and background
+// contexts. Made once on the main thread; outlives every context it made.
 class QKDataManager final : private ObjectContext::SaveListener {
  public:
   static constexpr std::string_view kDidSaveNotification = "QKDataManagerDidSaveNotification";
@@ -33,10 +32,12 @@ class QKDataManager final : private ObjectContext::SaveListener {
   // The choices offered with a store that cannot be written.
   static constexpr std::string_view kRecoveryOptionClose = "Close";
   static constexpr std::string_view kRecoveryOptionReveal = "Reveal in Files...";
-  static constexpr std::string_view kRecoveryOptionsKey = "recoveryOptions";  // user info: the options, one per line
+  static constexpr std::string_view kRecoveryOptionsKey =
+      "recoveryOptions";  // user info: the options, one per line
   static constexpr std::string_view kFilePathKey = "filePath";
   // What the program asks when saving fails while quitting.
-  static constexpr std::string_view kQuitAnywayMessage = "Could not save changes while quitting. Quit anyway?";
+  static constexpr std::string_view kQuitAnywayMessage =
+      "Could not save changes while quitting. Quit anyway?";
   static constexpr std::string_view kQuitAnywayInformative =
       "Quitting now will lose any changes you have made since the last successful save";
   static constexpr std::string_view kQuitAnywayButton = "Quit anyway";
@@ -51,7 +52,9 @@ class QKDataManager final : private ObjectContext::SaveListener {
   QKDataManager(const QKDataManager&) = delete;
   QKDataManager& operator=(const QKDataManager&) = delete;
 
-  const std::filesystem::path& applicationFilesDirectory() const { return environment_.paths().applicationFolder; }
+  const std::filesystem::path& applicationFilesDirectory() const {
+    return environment_.paths().applicationFolder;
+  }
   std::filesystem::path storeURL() const { return environment_.paths().storeFile(); }
   // Fails with the "Close" / "Reveal in Files..." choices when the file exists and cannot be written.
   static Result<void> isPersistentStoreWritable(const std::filesystem::path& storeURL);
@@ -86,7 +89,9 @@ class QKDataManager final : private ObjectContext::SaveListener {
 
   StoreEnvironment& environment() { return environment_; }
   // The accounts layer registers the factory of the real service objects here.
-  void setServiceFactory(AccountServiceFactory factory) { environment_.setServiceFactory(std::move(factory)); }
+  void setServiceFactory(AccountServiceFactory factory) {
+    environment_.setServiceFactory(std::move(factory));
+  }
 
  private:
   struct Alive {};

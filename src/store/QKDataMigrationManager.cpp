@@ -1,9 +1,9 @@
 #include "store/QKDataMigrationManager.h"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <fstream>
-
-#include <fmt/format.h>
 
 #include "core/Log.h"
 #include "core/Strings.h"
@@ -67,7 +67,8 @@ const ModelVersion* QKDataMigrationManager::sourceModelForSourceMetadata(const S
   return model;
 }
 
-Result<QKDataMigrationManager::Destination> QKDataMigrationManager::getDestinationModel(const ModelVersion& source) const {
+Result<QKDataMigrationManager::Destination> QKDataMigrationManager::getDestinationModel(
+    const ModelVersion& source) const {
   const auto models = modelPaths();
   if (models.empty()) return fail(kMigrationErrorDomain, 1, "No models found!");
   for (const auto* model : models) {
@@ -86,7 +87,8 @@ fs::path QKDataMigrationManager::destinationStoreURLWithSourceStoreURL(const fs:
   return fs::path(fmt::format("{}.{}{}", withoutExtension.string(), modelName, source.extension().string()));
 }
 
-Result<fs::path> QKDataMigrationManager::backupSourceStoreAtURL(const fs::path& source, const fs::path& destination) const {
+Result<fs::path> QKDataMigrationManager::backupSourceStoreAtURL(const fs::path& source,
+                                                                const fs::path& destination) const {
   std::error_code error;
   const fs::path folder = tempFolder_.empty() ? fs::temp_directory_path() : tempFolder_;
   fs::create_directories(folder, error);
@@ -95,7 +97,8 @@ Result<fs::path> QKDataMigrationManager::backupSourceStoreAtURL(const fs::path& 
   if (auto moved = moveFile(destination, source); !moved) {
     // Put the old store back: the library must never be left without a store.
     if (auto restored = moveFile(backup, source); !restored) {
-      logError(kLogCategory, "Failed to restore the library from {}: {}", backup.string(), restored.error().message());
+      logError(kLogCategory, "Failed to restore the library from {}: {}", backup.string(),
+               restored.error().message());
     }
     return fail(moved.error());
   }
@@ -115,7 +118,8 @@ Result<StoreMetadata> QKDataMigrationManager::readMetadata(const fs::path& store
   std::ifstream in(storeURL, std::ios::binary);
   in.read(header.data(), header.size());
   const auto got = in.gcount();
-  if (got > 0 && (got < 16 || std::string_view(header.data(), 16) != std::string_view("SQLite format 3\0", 16))) {
+  if (got > 0 &&
+      (got < 16 || std::string_view(header.data(), 16) != std::string_view("SQLite format 3\0", 16))) {
     return fail(kLecternErrorDomain, 104,
                 fmt::format("The library file is not a Lectern library ({}).", storeURL.string()),
                 "It is not a SQLite database. Move it aside and Lectern will start a new library.");
@@ -133,7 +137,8 @@ Result<StoreMetadata> QKDataMigrationManager::readMetadata(const fs::path& store
   return metadata;
 }
 
-Result<void> QKDataMigrationManager::progressivelyMigrateURL(const fs::path& storeURL, const ModelVersion& toModel) {
+Result<void> QKDataMigrationManager::progressivelyMigrateURL(const fs::path& storeURL,
+                                                             const ModelVersion& toModel) {
   for (;;) {
     auto metadata = readMetadata(storeURL);
     if (!metadata) return fail(metadata.error());
@@ -141,7 +146,8 @@ Result<void> QKDataMigrationManager::progressivelyMigrateURL(const fs::path& sto
     const ModelVersion* source = sourceModelForSourceMetadata(*metadata);
     if (source == nullptr || metadata->versionNumber > toModel.number) {
       return fail(kMigrationErrorDomain, 3,
-                  fmt::format("The library was written by a newer version of Lectern ({}).", describeStoreVersion(*metadata)),
+                  fmt::format("The library was written by a newer version of Lectern ({}).",
+                              describeStoreVersion(*metadata)),
                   "Open it with the version of Lectern that wrote it.");
     }
     auto destination = getDestinationModel(*source);
@@ -164,7 +170,8 @@ Result<void> QKDataMigrationManager::migrateStep(const fs::path& storeURL, const
   const fs::path destinationURL = destinationStoreURLWithSourceStoreURL(storeURL, destination.modelName);
   logInfo(kLogCategory, "Migrating the library from {} to {} ({})", source.name, destination.modelName,
           destinationURL.string());
-  if (delegate_ != nullptr) delegate_->migrationManagerWillMigrate(*this, source, *destination.model, destinationURL);
+  if (delegate_ != nullptr)
+    delegate_->migrationManagerWillMigrate(*this, source, *destination.model, destinationURL);
   auto stepFailed = [&](const Error& cause) {
     removeStoreFiles(destinationURL);
     Error error = Error::make(kMigrationErrorDomain, 4,
@@ -191,7 +198,8 @@ Result<void> QKDataMigrationManager::migrateStep(const fs::path& storeURL, const
     if (auto created = createSchema(**db, *destination.model); !created) return stepFailed(created.error());
     if (auto keys = (*db)->execute("PRAGMA foreign_keys = ON"); !keys) return stepFailed(keys.error());
     const SqlValue path[] = {storeURL.string()};
-    if (auto attached = (*db)->execute("ATTACH DATABASE ? AS src", path); !attached) return stepFailed(attached.error());
+    if (auto attached = (*db)->execute("ATTACH DATABASE ? AS src", path); !attached)
+      return stepFailed(attached.error());
     {
       auto transaction = Transaction::begin(**db, Transaction::Kind::kImmediate);
       if (!transaction) return stepFailed(transaction.error());

@@ -29,11 +29,8 @@ class QKDataMigrationDelegate {
       QKDataMigrationManager& manager, const ModelVersion& source);
 };
 
-// Brings a store up to a model version one step at a time. Each step writes
-// "<store path without extension>.<model name>.storedata" and only when it fully succeeded moves
-// the old store into the temporary folder under a unique name and the new one into its place.
-// A failing step leaves the store as it was. Runs on the thread that calls it, before any
-// context has the store open.
+// Brings a store up to a model version one step at a time, each through its own file; a failing step
+// leaves the store as it was. Runs on its caller's thread before any context opens the store.
 class QKDataMigrationManager {
  public:
   explicit QKDataMigrationManager(std::filesystem::path tempFolder,

@@ -13,12 +13,14 @@ struct ServiceInfo {
 };
 
 constexpr ServiceInfo kServices[] = {
-    {ServiceType::kSmartFolders, kSmartFoldersServiceName, "Smart Folder", false, false, false, false, false, true},
+    {ServiceType::kSmartFolders, kSmartFoldersServiceName, "Smart Folder", false, false, false, false, false,
+     true},
     {ServiceType::kInstapaper, "instapaper", "Instapaper", false, true, false, true, false, false},
     {ServiceType::kPocket, "pocket", "Pocket", false, true, false, true, true, false},
     {ServiceType::kPinboard, "pinboard", "Pinboard", false, false, true, true, true, false},
     {ServiceType::kNewsBlur, "newsblur", "NewsBlur", true, false, false, true, false, false},
-    {ServiceType::kLocalRSS, kLocalRSSServiceName, "Built-in RSS Reader", true, false, false, false, false, false},
+    {ServiceType::kLocalRSS, kLocalRSSServiceName, "Built-in RSS Reader", true, false, false, false, false,
+     false},
     {ServiceType::kFever, "fever", "Fever", true, false, false, true, false, false},
     {ServiceType::kFeedWrangler, "feedwrangler", "Feed Wrangler", true, false, false, true, false, false},
     {ServiceType::kFeedbin, "feedbin", "Feedbin", true, false, false, true, false, false},
@@ -34,18 +36,20 @@ const ServiceInfo* infoOf(ServiceType type) {
 
 constexpr BuiltInFolder kInstapaperFolders[] = {
     {"Unread", kUnreadFolderId}, {"Favorited", kStarredFolderId}, {"Archives", kArchiveFolderId}};
-constexpr BuiltInFolder kPocketFolders[] = {{"Unread", kUnreadFolderId},     {"Favorites", kStarredFolderId},
-                                            {"Archives", kArchiveFolderId},  {"Articles", kArticleFolderId},
-                                            {"Videos", kVideoFolderId},      {"Images", kImageFolderId}};
-constexpr BuiltInFolder kPinboardFolders[] = {
-    {"Unread", kUnreadFolderId}, {"Archives", kArchiveFolderId}, {"Private", kPrivateFolderId},
-    {"Shared", kSharedFolderId}};
+constexpr BuiltInFolder kPocketFolders[] = {{"Unread", kUnreadFolderId},    {"Favorites", kStarredFolderId},
+                                            {"Archives", kArchiveFolderId}, {"Articles", kArticleFolderId},
+                                            {"Videos", kVideoFolderId},     {"Images", kImageFolderId}};
+constexpr BuiltInFolder kPinboardFolders[] = {{"Unread", kUnreadFolderId},
+                                              {"Archives", kArchiveFolderId},
+                                              {"Private", kPrivateFolderId},
+                                              {"Shared", kSharedFolderId}};
 constexpr BuiltInFolder kFeverFolders[] = {{"Sparks", kSparksFolderId}};
 
 }  // namespace
 
 ServiceType serviceTypeWithName(std::string_view name) {
-  if (name == "readability" || name == "delicious" || name == kObsoleteServiceName) return ServiceType::kObsolete;
+  if (name == "readability" || name == "delicious" || name == kObsoleteServiceName)
+    return ServiceType::kObsolete;
   for (const auto& info : kServices) {
     if (info.name == name) return info.type;
   }

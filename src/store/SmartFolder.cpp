@@ -5,7 +5,9 @@ namespace lectern {
 using namespace FolderColumn;
 
 std::optional<std::string> SmartFolder::predicate() const { return textValue(kPredicate); }
-void SmartFolder::setPredicate(std::optional<std::string> predicate) { setText(kPredicate, std::move(predicate)); }
+void SmartFolder::setPredicate(std::optional<std::string> predicate) {
+  setText(kPredicate, std::move(predicate));
+}
 bool SmartFolder::showNotification() const { return boolValue(kShowNotification); }
 void SmartFolder::setShowNotification(bool show) { setBool(kShowNotification, show); }
 std::int64_t SmartFolder::badgeIndex() const { return integerValue(kBadgeIndex); }

@@ -7,9 +7,8 @@
 
 namespace lectern {
 
-// A saved query over the library. Its predicate is kept as predicate-format text
-// ("title CONTAINS[cd] \"x\" AND is_archived == 0"); evaluating it is the smart-folder module's
-// business. Lives in one context.
+// A saved query over the library, its predicate kept as predicate-format text (evaluated by the
+// smart-folder module). Lives in one context.
 class SmartFolder final : public Folder {
  public:
   static constexpr Entity kEntity = Entity::kSmartFolder;

@@ -96,7 +96,8 @@ Result<void> SqliteDatabase::execute(std::string_view sql, std::span<const SqlVa
   return (*statement)->run();
 }
 
-Result<std::optional<SqlRow>> SqliteDatabase::selectOne(std::string_view sql, std::span<const SqlValue> arguments) {
+Result<std::optional<SqlRow>> SqliteDatabase::selectOne(std::string_view sql,
+                                                        std::span<const SqlValue> arguments) {
   auto statement = prepare(sql);
   if (!statement) return fail(statement.error());
   (*statement)->bindAll(arguments);
@@ -106,7 +107,8 @@ Result<std::optional<SqlRow>> SqliteDatabase::selectOne(std::string_view sql, st
   return std::optional<SqlRow>((*statement)->row());
 }
 
-Result<std::vector<SqlRow>> SqliteDatabase::selectAll(std::string_view sql, std::span<const SqlValue> arguments) {
+Result<std::vector<SqlRow>> SqliteDatabase::selectAll(std::string_view sql,
+                                                      std::span<const SqlValue> arguments) {
   auto statement = prepare(sql);
   if (!statement) return fail(statement.error());
   (*statement)->bindAll(arguments);

@@ -1,12 +1,11 @@
 #include "store/SqliteStatement.h"
 
+#include <fmt/format.h>
 #include <sqlite3.h>
 
 #include <charconv>
 #include <cmath>
 #include <utility>
-
-#include <fmt/format.h>
 
 namespace lectern {
 
@@ -138,7 +137,9 @@ SqlValue SqliteStatement::column(int index) const {
   }
 }
 
-std::int64_t SqliteStatement::columnInteger(int index) const { return sqlite3_column_int64(statement_, index); }
+std::int64_t SqliteStatement::columnInteger(int index) const {
+  return sqlite3_column_int64(statement_, index);
+}
 
 std::optional<std::string> SqliteStatement::columnText(int index) const { return textOf(column(index)); }
 

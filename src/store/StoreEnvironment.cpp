@@ -2,8 +2,8 @@
 
 namespace lectern {
 
-StoreEnvironment::StoreEnvironment(Paths paths, UserDefaults& defaults, MainQueue& mainQueue, const Clock& clock,
-                                   Reachability& reachability, SecretStore* secretStore)
+StoreEnvironment::StoreEnvironment(Paths paths, UserDefaults& defaults, MainQueue& mainQueue,
+                                   const Clock& clock, Reachability& reachability, SecretStore* secretStore)
     : paths_(std::move(paths)),
       defaults_(defaults),
       mainQueue_(mainQueue),

@@ -14,9 +14,8 @@ class Reachability;
 class SecretStore;
 class UserDefaults;
 
-// What entity behaviour needs from the program: folders, preferences, the main queue, the time,
-// the network's reachability, the keychain and the account service factory. Owned by the data
-// manager and shared by all its contexts; thread-safe.
+// What entity behaviour needs from the program (folders, preferences, main queue, clock, reachability,
+// keychain, service factory). Owned by the data manager, shared by its contexts; thread-safe.
 class StoreEnvironment {
  public:
   StoreEnvironment(Paths paths, UserDefaults& defaults, MainQueue& mainQueue, const Clock& clock,

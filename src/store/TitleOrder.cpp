@@ -30,7 +30,8 @@ bool titleLess(const std::optional<std::string>& a, const std::optional<std::str
     const auto result = ordering->compareUTF8(*a, *b, status);
     if (U_SUCCESS(status)) return result == UCOL_LESS;
   }
-  return icu::UnicodeString::fromUTF8(*a).caseCompare(icu::UnicodeString::fromUTF8(*b), U_FOLD_CASE_DEFAULT) < 0;
+  return icu::UnicodeString::fromUTF8(*a).caseCompare(icu::UnicodeString::fromUTF8(*b), U_FOLD_CASE_DEFAULT) <
+         0;
 }
 
 }  // namespace lectern

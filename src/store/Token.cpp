@@ -28,19 +28,20 @@ Result<std::vector<std::shared_ptr<Bookmark>>> Token::bookmarks() const {
 
 void Token::addBookmark(const Bookmark& bookmark) {
   const SqlValue rows[] = {objectID().row, bookmark.objectID().row};
-  managedObjectContext().writeRelationship("INSERT OR IGNORE INTO Token_bookmarks (token, bookmark) VALUES (?, ?)",
-                                           rows, objectID(), bookmark.objectID());
+  managedObjectContext().writeRelationship(
+      "INSERT OR IGNORE INTO Token_bookmarks (token, bookmark) VALUES (?, ?)", rows, objectID(),
+      bookmark.objectID());
 }
 
 void Token::removeBookmark(const Bookmark& bookmark) {
   const SqlValue rows[] = {objectID().row, bookmark.objectID().row};
-  managedObjectContext().writeRelationship("DELETE FROM Token_bookmarks WHERE token = ? AND bookmark = ?", rows,
-                                           objectID(), bookmark.objectID());
+  managedObjectContext().writeRelationship("DELETE FROM Token_bookmarks WHERE token = ? AND bookmark = ?",
+                                           rows, objectID(), bookmark.objectID());
 }
 
 Result<std::int64_t> Token::bookmarkCount() const {
-  return managedObjectContext().count(Entity::kBookmark, "id IN (SELECT bookmark FROM Token_bookmarks WHERE token = ?)",
-                                      {objectID().row});
+  return managedObjectContext().count(
+      Entity::kBookmark, "id IN (SELECT bookmark FROM Token_bookmarks WHERE token = ?)", {objectID().row});
 }
 
 }  // namespace lectern

@@ -1,8 +1,8 @@
 #include "store/UrlParts.h"
 
-#include <cctype>
-
 #include <fmt/format.h>
+
+#include <cctype>
 
 #include "core/Strings.h"
 
@@ -14,7 +14,8 @@ std::optional<std::string> urlDomain(std::string_view url) {
   if (schemeEnd == std::string_view::npos || schemeEnd == 0) return std::nullopt;
   const std::string_view scheme = url.substr(0, schemeEnd);
   for (char c : scheme) {
-    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '+' && c != '-' && c != '.') return std::nullopt;
+    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '+' && c != '-' && c != '.')
+      return std::nullopt;
   }
   std::string_view authority = url.substr(schemeEnd + 3);
   authority = authority.substr(0, authority.find_first_of("/?#"));

@@ -1,6 +1,6 @@
-#include <thread>
-
 #include <gtest/gtest.h>
+
+#include <thread>
 
 #include "StoreTestSupport.h"
 #include "store/Bookmark.h"
@@ -70,11 +70,12 @@ TEST_F(AccountTest, NextSyncDateFollowsTheIntervalPreference) {
 }
 
 TEST_F(AccountTest, KeepPeriodTableAndLengthening) {
-  const std::pair<int, int> days[] = {{0, 7}, {1, 1},  {2, 2},  {3, 3},  {4, 7},
+  const std::pair<int, int> days[] = {{0, 7},  {1, 1},  {2, 2},  {3, 3},   {4, 7},
                                       {5, 14}, {6, 28}, {7, 70}, {99, 70}, {8, 7}};
   for (auto [index, expected] : days) {
     ASSERT_TRUE(defaults_.setInteger(kDaysKeepFeedReadItemsIndex, index));
-    EXPECT_EQ(Feed::calculateKeepDate(defaults_, clock_), clock_.now() - std::chrono::hours(24 * expected)) << index;
+    EXPECT_EQ(Feed::calculateKeepDate(defaults_, clock_), clock_.now() - std::chrono::hours(24 * expected))
+        << index;
   }
   auto account = makeAccount("localrss");
   account->setLast_sync_keep_index(4);

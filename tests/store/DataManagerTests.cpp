@@ -1,12 +1,11 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "StoreTestSupport.h"
 #include "core/Log.h"
@@ -54,7 +53,8 @@ TEST_F(DataManagerTest, AnotherProgramsDatabaseIsLeftAlone) {
   std::filesystem::create_directories(paths_.applicationFolder);
   {
     auto db = SqliteDatabase::open(paths_.storeFile(), SqliteDatabase::OpenMode::kReadWriteCreate,
-                                   std::chrono::seconds(1)).value();
+                                   std::chrono::seconds(1))
+                  .value();
     ASSERT_TRUE(db->execute("CREATE TABLE notes (text TEXT); INSERT INTO notes VALUES ('mine')"));
   }
   expectRefusedUntouched(104, "The library file is not a Lectern library");
@@ -65,7 +65,8 @@ TEST_F(DataManagerTest, ALibraryOfANewerVersionIsRefusedUntouched) {
   EXPECT_TRUE(manager_->isMigrationNeeded());
   auto migrated = manager_->migrate(nullptr);
   ASSERT_FALSE(migrated);
-  EXPECT_TRUE(migrated.error().description.starts_with("The library was written by a newer version of Lectern"));
+  EXPECT_TRUE(
+      migrated.error().description.starts_with("The library was written by a newer version of Lectern"));
   expectRefusedUntouched(105, "The library was written by a newer version of Lectern");
 }
 
@@ -73,7 +74,8 @@ TEST_F(DataManagerTest, AFolderWhereTheLibraryFileShouldBe) {
   std::filesystem::create_directories(paths_.storeFile());
   auto opened = manager_->managedObjectContext();
   ASSERT_FALSE(opened);
-  EXPECT_EQ(opened.error().description, "Expected the library file, found a folder (" + paths_.storeFile().string() + ").");
+  EXPECT_EQ(opened.error().description,
+            "Expected the library file, found a folder (" + paths_.storeFile().string() + ").");
   EXPECT_TRUE(std::filesystem::is_directory(paths_.storeFile()));
 }
 
@@ -158,7 +160,8 @@ TEST_F(DataManagerTest, SavingPostsItsOutcome) {
   auto orphan = context().insertNewObject<Bookmark>();
   orphan->setAccount(*account);
   EXPECT_FALSE(manager_->save());
-  EXPECT_EQ(posted, (std::vector<std::string>{"QKDataManagerDidSaveNotification", "QKDataManagerDidSaveFailedNotification"}));
+  EXPECT_EQ(posted, (std::vector<std::string>{"QKDataManagerDidSaveNotification",
+                                              "QKDataManagerDidSaveFailedNotification"}));
   EXPECT_TRUE(log.contains("Error while saving: "));
   EXPECT_FALSE(context().hasChanges());  // the failed changes were rolled back
 }

@@ -1,8 +1,8 @@
-#include <algorithm>
-#include <set>
-
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
 
 #include "StoreTestSupport.h"
 #include "store/Bookmark.h"
@@ -18,7 +18,8 @@ namespace {
 class FolderFlagsTest : public StoreTest {
  protected:
   // An item with the given flag in exactly the given folders.
-  std::shared_ptr<Bookmark> itemIn(Account& account, const std::vector<std::string>& folderIds, bool archived = false) {
+  std::shared_ptr<Bookmark> itemIn(Account& account, const std::vector<std::string>& folderIds,
+                                   bool archived = false) {
     auto bookmark = context().insertNewObject<Bookmark>();
     bookmark->setAccount(account);
     bookmark->setBookmark_id("item");
@@ -146,7 +147,8 @@ TEST_F(FolderFlagsTest, RearrangingOrdersByTitleIgnoringCase) {
   auto apricot = account->addFeedFolderWithTitle("Apricot", 1, "a");
   auto mango = account->addFeedFolderWithTitle("mango", 2, "m");
   account->rearrangeItemsAlphabetically({zebra, apricot, mango});
-  EXPECT_EQ(std::vector<std::int64_t>({apricot->pos(), mango->pos(), zebra->pos()}), (std::vector<std::int64_t>{0, 1, 2}));
+  EXPECT_EQ(std::vector<std::int64_t>({apricot->pos(), mango->pos(), zebra->pos()}),
+            (std::vector<std::int64_t>{0, 1, 2}));
   auto feed = account->addFeedWithTitle("Feed", std::nullopt, "f", mango.get());
   ASSERT_TRUE(context().save());
   ASSERT_TRUE(FeedFolder::deleteFolder(*mango));
@@ -180,7 +182,8 @@ TEST_F(TagsTest, SavingMakesTokensFollowTheTagString) {
   auto first = tagged("b1", "art, news,art");
   auto second = tagged("b2", "news");
   ASSERT_TRUE(context().save());
-  EXPECT_EQ(titles(account_->fetchTags().value()), (std::vector<std::string>{"art", "news"}));  // one token per name
+  EXPECT_EQ(titles(account_->fetchTags().value()),
+            (std::vector<std::string>{"art", "news"}));  // one token per name
   EXPECT_EQ(titles(first->tokens().value()), (std::vector<std::string>{"art", "news"}));
   first->setTagsArray({"news", "travel"});
   ASSERT_TRUE(context().save());

@@ -1,7 +1,7 @@
-#include <filesystem>
-
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 #include "StoreTestSupport.h"
 #include "store/Bookmark.h"
@@ -17,7 +17,8 @@ TEST(PredicateText, ComparisonsOnHtmlAreRebuiltLeafByLeaf) {
   const std::pair<std::string_view, std::string_view> cases[] = {
       {"html CONTAINS[cd] \"linux\"", "content.preview_text CONTAINS[cd] \"linux\""},
       {"(html CONTAINS[cd] \"a\" OR title CONTAINS \"html\") AND NOT html BEGINSWITH 'b'",
-       "(content.preview_text CONTAINS[cd] \"a\" OR title CONTAINS \"html\") AND NOT content.preview_text BEGINSWITH 'b'"},
+       "(content.preview_text CONTAINS[cd] \"a\" OR title CONTAINS \"html\") AND NOT content.preview_text "
+       "BEGINSWITH 'b'"},
       {"ANY html LIKE[c] \"*x*\" || (url == \"u\" && (html==\"y\"))",
        "ANY content.preview_text LIKE[c] \"*x*\" || (url == \"u\" && (content.preview_text==\"y\"))"},
       // Not comparisons on the key path "html": left as they are.
@@ -25,19 +26,25 @@ TEST(PredicateText, ComparisonsOnHtmlAreRebuiltLeafByLeaf) {
        "content.html == \"x\" AND title == html AND htmlx == 1 AND $html == 2"},
       {"title CONTAINS \"say \\\"html == 1\\\"\"", "title CONTAINS \"say \\\"html == 1\\\"\""},
   };
-  for (auto [before, after] : cases) EXPECT_EQ(rewriteComparisonKeyPath(before, "html", "content.preview_text"), after);
+  for (auto [before, after] : cases)
+    EXPECT_EQ(rewriteComparisonKeyPath(before, "html", "content.preview_text"), after);
 }
 
 TEST(PredicateText, CompoundPartsAtTheTopLevel) {
   using Parts = std::vector<std::string>;
-  EXPECT_EQ(extractPredicatesFromCompoundPredicate("(a == 1 OR b == 2) AND c == 3"), (Parts{"a == 1 OR b == 2", "c == 3"}));
+  EXPECT_EQ(extractPredicatesFromCompoundPredicate("(a == 1 OR b == 2) AND c == 3"),
+            (Parts{"a == 1 OR b == 2", "c == 3"}));
   EXPECT_EQ(extractPredicatesFromCompoundPredicate("((a == 1))"), (Parts{"a == 1"}));
-  EXPECT_EQ(extractPredicatesFromCompoundPredicate("NOT (a == 1 OR b == 2)"), (Parts{"NOT (a == 1 OR b == 2)"}));
-  EXPECT_EQ(extractPredicatesFromCompoundPredicate("t CONTAINS \"x AND y\""), (Parts{"t CONTAINS \"x AND y\""}));
+  EXPECT_EQ(extractPredicatesFromCompoundPredicate("NOT (a == 1 OR b == 2)"),
+            (Parts{"NOT (a == 1 OR b == 2)"}));
+  EXPECT_EQ(extractPredicatesFromCompoundPredicate("t CONTAINS \"x AND y\""),
+            (Parts{"t CONTAINS \"x AND y\""}));
 }
 
 TEST(MigrationPolicy, ModelVersionIsReadAsANumber) {
-  auto mapping = [](std::string version) { return EntityMapping{"Bookmark", "Bookmark", {{"modelVersion", version}}, nullptr}; };
+  auto mapping = [](std::string version) {
+    return EntityMapping{"Bookmark", "Bookmark", {{"modelVersion", version}}, nullptr};
+  };
   EXPECT_EQ(modelVersionOf(mapping("2.41")), 2.41);
   EXPECT_EQ(modelVersionOf(mapping("2,041.5")), 2041.5);
   EXPECT_EQ(modelVersionOf(mapping("two")), std::nullopt);
@@ -61,23 +68,28 @@ const std::vector<std::string> kOldLibrary = {
     " (20, 'Bookmark', 1, 'p1', 'Saved', '<p>Saved &amp; kept</p>', 'stored preview', 0),"
     " (21, 'Bookmark', 1, 'p2', 'No preview', '<p>Made <b>now</b></p>', NULL, 1)",
     "INSERT INTO Bookmark (id, entity, account, bookmark_id, title, html, preview_text, feed, author) VALUES"
-    " (22, 'FeedStory', 3, 'http://blog.example/1', 'Post', '<b>Fresh</b> &amp; new', 'stale preview', 14, 'Bo')",
+    " (22, 'FeedStory', 3, 'http://blog.example/1', 'Post', '<b>Fresh</b> &amp; new', 'stale preview', 14, "
+    "'Bo')",
     "INSERT INTO Folder_bookmarks (folder, bookmark) VALUES (10, 20)",
     "INSERT INTO Token (id, account, title) VALUES (30, 1, 'art')",
     "INSERT INTO Token_bookmarks (token, bookmark) VALUES (30, 21)",
-    "INSERT INTO FeedEnclosure (id, feedstory, url, type, length) VALUES (40, 22, 'http://blog.example/a.mp3', 'audio/mpeg', 99)",
+    "INSERT INTO FeedEnclosure (id, feedstory, url, type, length) VALUES (40, 22, "
+    "'http://blog.example/a.mp3', 'audio/mpeg', 99)",
     "INSERT INTO OfflineOperation (id, account, type, bookmark_id, created_at) VALUES (50, 1, 3, 'p2', 1000)",
 };
 
 class RecordingDelegate : public QKDataMigrationDelegate {
  public:
-  void migrationManagerProgress(QKDataMigrationManager&, double progress) override { progress_.push_back(progress); }
-  void migrationManagerWillMigrate(QKDataMigrationManager&, const ModelVersion& source, const ModelVersion& destination,
+  void migrationManagerProgress(QKDataMigrationManager&, double progress) override {
+    progress_.push_back(progress);
+  }
+  void migrationManagerWillMigrate(QKDataMigrationManager&, const ModelVersion& source,
+                                   const ModelVersion& destination,
                                    const std::filesystem::path& store) override {
     steps_.push_back(fmt::format("{} > {} @ {}", source.name, destination.name, store.filename().string()));
   }
-  std::optional<std::vector<MappingModel>> migrationManagerMappingModelsForSourceModel(QKDataMigrationManager&,
-                                                                                      const ModelVersion&) override {
+  std::optional<std::vector<MappingModel>> migrationManagerMappingModelsForSourceModel(
+      QKDataMigrationManager&, const ModelVersion&) override {
     return mappings_;
   }
   std::vector<double> progress_;
@@ -90,7 +102,8 @@ class MigrationTest : public StoreTest {
   std::vector<std::string> rows(const std::string& sql) { return queryStore(paths_.storeFile(), sql); }
   size_t tempFiles() {
     return std::filesystem::exists(paths_.tempFolder)
-               ? static_cast<size_t>(std::distance(std::filesystem::directory_iterator(paths_.tempFolder), {}))
+               ? static_cast<size_t>(
+                     std::distance(std::filesystem::directory_iterator(paths_.tempFolder), {}))
                : 0;
   }
 };
@@ -100,8 +113,9 @@ TEST_F(MigrationTest, ALibraryTwoVersionsBehindIsMigratedInTwoSteps) {
   ASSERT_TRUE(manager_->isMigrationNeeded());
   RecordingDelegate delegate;
   ASSERT_TRUE(manager_->migrate(&delegate));
-  EXPECT_EQ(delegate.steps_, (std::vector<std::string>{"Lectern 2.4 > Lectern 2.41 @ Lectern.Lectern 2.41.storedata",
-                                                       "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata"}));
+  EXPECT_EQ(delegate.steps_,
+            (std::vector<std::string>{"Lectern 2.4 > Lectern 2.41 @ Lectern.Lectern 2.41.storedata",
+                                      "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata"}));
   ASSERT_FALSE(delegate.progress_.empty());
   EXPECT_EQ(delegate.progress_.back(), 1.0);
   EXPECT_EQ(tempFiles(), 2u);  // each step's old store, moved aside
@@ -111,22 +125,27 @@ TEST_F(MigrationTest, ALibraryTwoVersionsBehindIsMigratedInTwoSteps) {
   EXPECT_FALSE(manager_->isMigrationNeeded());
 
   // The HTML moved into Content; previews kept (bookmark) or computed (missing, or any story's).
-  EXPECT_EQ(rows("SELECT b.bookmark_id, c.html, c.preview_text FROM Content c JOIN Bookmark b ON b.id = c.bookmark"
-                 " ORDER BY b.id"),
-            (std::vector<std::string>{"p1|<p>Saved &amp; kept</p>|stored preview", "p2|<p>Made <b>now</b></p>|Made now",
-                                      "http://blog.example/1|<b>Fresh</b> &amp; new|Fresh & new"}));
+  EXPECT_EQ(
+      rows("SELECT b.bookmark_id, c.html, c.preview_text FROM Content c JOIN Bookmark b ON b.id = c.bookmark"
+           " ORDER BY b.id"),
+      (std::vector<std::string>{"p1|<p>Saved &amp; kept</p>|stored preview",
+                                "p2|<p>Made <b>now</b></p>|Made now",
+                                "http://blog.example/1|<b>Fresh</b> &amp; new|Fresh & new"}));
   // Smart folders: the orphan stayed behind, the predicate compares the preview, badge 1.
   EXPECT_EQ(rows("SELECT id, predicate, badgeIndex FROM Folder WHERE entity = 'SmartFolder'"),
             std::vector<std::string>{
                 "11|(content.preview_text CONTAINS[cd] \"linux\" OR title CONTAINS[cd] \"linux\") AND NOT "
                 "content.preview_text ENDSWITH \"ad\"|1"});
   // Everything else carried over with its relationships.
-  EXPECT_EQ(rows("SELECT folder || '-' || bookmark FROM Folder_bookmarks"), std::vector<std::string>{"10-20"});
-  EXPECT_EQ(rows("SELECT feedfolder || '-' || feed FROM FeedFolder_feeds"), std::vector<std::string>{"13-14"});
+  EXPECT_EQ(rows("SELECT folder || '-' || bookmark FROM Folder_bookmarks"),
+            std::vector<std::string>{"10-20"});
+  EXPECT_EQ(rows("SELECT feedfolder || '-' || feed FROM FeedFolder_feeds"),
+            std::vector<std::string>{"13-14"});
   EXPECT_EQ(rows("SELECT token || '-' || bookmark FROM Token_bookmarks"), std::vector<std::string>{"30-21"});
   EXPECT_EQ(rows("SELECT feedstory, length FROM FeedEnclosure"), std::vector<std::string>{"22|99"});
   EXPECT_EQ(rows("SELECT type, bookmark_id FROM OfflineOperation"), std::vector<std::string>{"3|p2"});
-  EXPECT_EQ(rows("SELECT author, feed FROM Bookmark WHERE entity = 'FeedStory'"), std::vector<std::string>{"Bo|14"});
+  EXPECT_EQ(rows("SELECT author, feed FROM Bookmark WHERE entity = 'FeedStory'"),
+            std::vector<std::string>{"Bo|14"});
   EXPECT_EQ(rows("SELECT last_refresh, last_error FROM Folder WHERE entity = 'Feed'"),
             std::vector<std::string>{"NULL|NULL"});
 
@@ -152,12 +171,14 @@ TEST_F(MigrationTest, PoliciesOfOtherModelVersionsCopyAsTheDefaultMappingDoes) {
     EXPECT_TRUE(migrator.progressivelyMigrateURL(store, currentModelVersion()));
     std::vector<std::string> dump;
     for (auto table : {"Account", "Folder", "Bookmark", "Content", "Folder_bookmarks", "Token_bookmarks"}) {
-      for (auto& row : queryStore(store, std::string("SELECT * FROM ") + table)) dump.push_back(table + (": " + row));
+      for (auto& row : queryStore(store, std::string("SELECT * FROM ") + table))
+        dump.push_back(table + (": " + row));
     }
     return dump;
   };
   const auto asDefault = migrateWith(std::nullopt);
-  EXPECT_TRUE(std::none_of(asDefault.begin(), asDefault.end(), [](auto& row) { return row.starts_with("Content"); }));
+  EXPECT_TRUE(
+      std::none_of(asDefault.begin(), asDefault.end(), [](auto& row) { return row.starts_with("Content"); }));
   EXPECT_EQ(migrateWith("2.4"), asDefault);
   EXPECT_EQ(migrateWith("2.42"), asDefault);
   EXPECT_NE(migrateWith("2.41"), asDefault);
@@ -165,7 +186,8 @@ TEST_F(MigrationTest, PoliciesOfOtherModelVersionsCopyAsTheDefaultMappingDoes) {
 
 class FailingPolicy : public EntityMigrationPolicy {
  public:
-  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source, const EntityMapping& mapping,
+  Result<void> createDestinationInstancesForSourceInstance(const SourceInstance& source,
+                                                           const EntityMapping& mapping,
                                                            MigrationManager& manager) override {
     if (source.row == 21) return fail("test", 1, "row 21 cannot be carried over");
     return EntityMigrationPolicy::createDestinationInstancesForSourceInstance(source, mapping, manager);
@@ -193,8 +215,9 @@ TEST_F(MigrationTest, AStepThatFailsHalfWayLeavesTheLibraryAsItWas) {
 }
 
 TEST_F(MigrationTest, StepFileNamesAndTheMappingChain) {
-  EXPECT_EQ(QKDataMigrationManager::destinationStoreURLWithSourceStoreURL("/a/b/Lectern.storedata", "Lectern 2.41"),
-            std::filesystem::path("/a/b/Lectern.Lectern 2.41.storedata"));
+  EXPECT_EQ(
+      QKDataMigrationManager::destinationStoreURLWithSourceStoreURL("/a/b/Lectern.storedata", "Lectern 2.41"),
+      std::filesystem::path("/a/b/Lectern.Lectern 2.41.storedata"));
   QKDataMigrationManager chain(paths_.tempFolder);
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[0]).value().modelName, "Lectern 2.41");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[1]).value().modelName, "Lectern 2.5");

@@ -1,8 +1,8 @@
-#include <atomic>
-#include <thread>
-
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
 
 #include "StoreTestSupport.h"
 #include "core/Log.h"
@@ -19,7 +19,8 @@ namespace {
 
 TEST(SqliteDatabase, TheSameQueryCanRunInsideItself) {
   TempDir folder;
-  auto db = SqliteDatabase::open(folder / "x.db", SqliteDatabase::OpenMode::kReadWriteCreate, std::chrono::seconds(1))
+  auto db = SqliteDatabase::open(folder / "x.db", SqliteDatabase::OpenMode::kReadWriteCreate,
+                                 std::chrono::seconds(1))
                 .value();
   const std::string sql = "SELECT value FROM json_each(?) ORDER BY value";
   auto outer = db->prepare(sql).value();
@@ -136,8 +137,10 @@ TEST_F(ObjectContextTest, DeleteRulesCascadeOwnedRowsAndDetachMemberships) {
 TEST_F(ObjectContextTest, DeletingAFeedDeletesItsStoriesOnly) {
   auto account = makeAccount("localrss");
   auto folder = account->addFeedFolderWithTitle("News", 0, "news");
-  auto doomed = account->addFeedWithTitle("Doomed", "http://a.example/feed", "http://a.example/feed", folder.get());
-  auto other = account->addFeedWithTitle("Other", "http://b.example/feed", "http://b.example/feed", folder.get());
+  auto doomed =
+      account->addFeedWithTitle("Doomed", "http://a.example/feed", "http://a.example/feed", folder.get());
+  auto other =
+      account->addFeedWithTitle("Other", "http://b.example/feed", "http://b.example/feed", folder.get());
   for (auto* feed : {doomed.get(), other.get()}) {
     auto story = context().insertNewObject<FeedStory>();
     story->setAccount(*account);

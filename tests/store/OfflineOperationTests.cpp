@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "StoreTestSupport.h"
 #include "store/Bookmark.h"
@@ -36,9 +36,10 @@ class OfflineQueueTest : public StoreTest {
   // The queue as "type bookmark feed" lines, oldest first.
   std::vector<std::string> pending() {
     EXPECT_TRUE(context().save());
-    return queryStore(paths_.storeFile(),
-                      "SELECT type || ' ' || bookmark_id || ' ' || coalesce(feed_id, '-') FROM OfflineOperation "
-                      "ORDER BY created_at, id");
+    return queryStore(
+        paths_.storeFile(),
+        "SELECT type || ' ' || bookmark_id || ' ' || coalesce(feed_id, '-') FROM OfflineOperation "
+        "ORDER BY created_at, id");
   }
   // Runs a Bookmark class operation and waits for its completion.
   std::optional<Error> run(const std::function<void(ServiceCompletion)>& operation) {
@@ -110,9 +111,14 @@ TEST_F(OfflineQueueTest, OfflineChangesAreQueuedWithTheStorysFeed) {
   ASSERT_TRUE(context().save());
   goOffline();
 
-  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({item, plain}, *account_, true, done); }), std::nullopt);
-  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{true}, done); }), std::nullopt);
-  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{false}, done); }), std::nullopt);
+  EXPECT_EQ(run([&](auto done) {
+              Bookmark::markBookmarks({item, plain}, *account_, true, done);
+            }),
+            std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{true}, done); }),
+            std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{false}, done); }),
+            std::nullopt);
   EXPECT_EQ(run([&](auto done) { Bookmark::deleteBookmarkWithId("p1", *account_, done); }), std::nullopt);
   EXPECT_EQ(pending(), (std::vector<std::string>{"3 s1 feed-7", "3 p1 -", "99 p1 -"}));
   EXPECT_TRUE(item->is_archived());
@@ -130,7 +136,8 @@ TEST_F(OfflineQueueTest, OnlineChangesGoToTheServiceAndQueueNothing) {
   auto item = story("s1");
   ASSERT_TRUE(context().save());
   EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({item}, *account_, true, done); }), std::nullopt);
-  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{true}, done); }), std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{true}, done); }),
+            std::nullopt);
   EXPECT_EQ(run([&](auto done) { Bookmark::updateBookmark(*item, 0.25, done); }), std::nullopt);
   EXPECT_EQ(run([&](auto done) { Bookmark::deleteBookmarkWithId("s1", *account_, done); }), std::nullopt);
   EXPECT_EQ(service_->calls(),
@@ -167,9 +174,11 @@ TEST_F(OfflineQueueTest, ReplayRunsReadThenUnreadThenStarsThenDeletesAndClearsTh
   sync.join();
   pump();
   ASSERT_TRUE(replayed) << replayed.error().message();
-  EXPECT_EQ(service_->calls(), (std::vector<std::string>{"mark b1 read", "mark b2 unread", "star b2", "delete b1 -"}));
+  EXPECT_EQ(service_->calls(),
+            (std::vector<std::string>{"mark b1 read", "mark b2 unread", "star b2", "delete b1 -"}));
   EXPECT_TRUE(queryStore(paths_.storeFile(), "SELECT id FROM OfflineOperation").empty());
-  EXPECT_EQ(queryStore(paths_.storeFile(), "SELECT bookmark_id FROM Bookmark"), std::vector<std::string>{"b2"});
+  EXPECT_EQ(queryStore(paths_.storeFile(), "SELECT bookmark_id FROM Bookmark"),
+            std::vector<std::string>{"b2"});
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-#include <filesystem>
-
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 #include "StoreTestSupport.h"
 #include "core/Dates.h"
@@ -42,7 +42,8 @@ TEST_F(PresentationTest, ImagesAreTheQuotedSourcesOfImageTags) {
   auto story = newStory();
   story->setHtml(
       "<p><img class=\"wide\" src=\"http://a.example/1.png\"> <img src='single-quoted.png'>"
-      "<img alt=x src=\"http://a.example/2.JPG?w=10\"><img src=\"http://a.example/1.png\"><IMG src=\"upper.png\"></p>");
+      "<img alt=x src=\"http://a.example/2.JPG?w=10\"><img src=\"http://a.example/1.png\"><IMG "
+      "src=\"upper.png\"></p>");
   std::vector<std::string> sources;
   for (const auto& image : story->images()) sources.push_back(image.urlString());
   EXPECT_EQ(sources, (std::vector<std::string>{"http://a.example/1.png", "http://a.example/2.JPG?w=10"}));

@@ -8,7 +8,8 @@
 
 namespace lectern::test {
 
-Result<std::optional<std::string>> RecordingSecretStore::password(std::string_view service, std::string_view account) {
+Result<std::optional<std::string>> RecordingSecretStore::password(std::string_view service,
+                                                                  std::string_view account) {
   std::lock_guard lock(mutex_);
   auto found = secrets_.find(fmt::format("{}/{}", service, account));
   return found == secrets_.end() ? std::nullopt : std::optional<std::string>(found->second);
@@ -41,19 +42,24 @@ void RecordingService::record(std::string call, ServiceCompletion onCompleted) {
   if (onCompleted) mainQueue_.post([onCompleted] { onCompleted(std::nullopt); });
 }
 
-void RecordingService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account&, bool archived,
-                                     ServiceCompletion onCompleted) {
+void RecordingService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account&,
+                                     bool archived, ServiceCompletion onCompleted) {
   std::string ids;
-  for (const auto& bookmark : bookmarks) ids += (ids.empty() ? "" : ",") + bookmark->bookmark_id().value_or("");
+  for (const auto& bookmark : bookmarks)
+    ids += (ids.empty() ? "" : ",") + bookmark->bookmark_id().value_or("");
   record(fmt::format("mark {} {}", ids, archived ? "read" : "unread"), std::move(onCompleted));
 }
-void RecordingService::markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) {
-  record(fmt::format("{} {}", favorited ? "star" : "unstar", bookmark.bookmark_id().value_or("")), std::move(onCompleted));
+void RecordingService::markBookmarkFavorited(Bookmark& bookmark, bool favorited,
+                                             ServiceCompletion onCompleted) {
+  record(fmt::format("{} {}", favorited ? "star" : "unstar", bookmark.bookmark_id().value_or("")),
+         std::move(onCompleted));
 }
 void RecordingService::markBookmarkShared(Bookmark& bookmark, bool shared, ServiceCompletion onCompleted) {
-  record(fmt::format("{} {}", shared ? "share" : "unshare", bookmark.bookmark_id().value_or("")), std::move(onCompleted));
+  record(fmt::format("{} {}", shared ? "share" : "unshare", bookmark.bookmark_id().value_or("")),
+         std::move(onCompleted));
 }
-void RecordingService::deleteBookmark(Account&, const std::string& bookmarkId, const std::optional<std::string>& feedId,
+void RecordingService::deleteBookmark(Account&, const std::string& bookmarkId,
+                                      const std::optional<std::string>& feedId,
                                       ServiceCompletion onCompleted) {
   record(fmt::format("delete {} {}", bookmarkId, feedId.value_or("-")), std::move(onCompleted));
 }
@@ -63,8 +69,10 @@ void RecordingService::moveBookmark(Bookmark& bookmark, Folder&, ServiceCompleti
 void RecordingService::updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) {
   record(fmt::format("tags {}", bookmark.bookmark_id().value_or("")), std::move(onCompleted));
 }
-void RecordingService::updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) {
-  record(fmt::format("progress {} {}", bookmark.bookmark_id().value_or(""), progress), std::move(onCompleted));
+void RecordingService::updateReadProgress(Bookmark& bookmark, double progress,
+                                          ServiceCompletion onCompleted) {
+  record(fmt::format("progress {} {}", bookmark.bookmark_id().value_or(""), progress),
+         std::move(onCompleted));
 }
 std::vector<std::string> RecordingService::calls() const {
   std::lock_guard lock(mutex_);
@@ -90,7 +98,8 @@ ObjectContext& StoreTest::context() {
   return **opened;
 }
 
-std::shared_ptr<Account> StoreTest::makeAccount(std::string_view service, std::optional<std::string> username) {
+std::shared_ptr<Account> StoreTest::makeAccount(std::string_view service,
+                                                std::optional<std::string> username) {
   auto account = Account::create(context(), service, std::move(username), std::string(service));
   if (auto saved = context().save(); !saved) throw std::runtime_error(saved.error().message());
   return account;
@@ -105,7 +114,8 @@ void writeStoreOfVersion(const std::filesystem::path& path, const ModelVersion& 
   std::filesystem::create_directories(path.parent_path());
   auto db = SqliteDatabase::open(path, SqliteDatabase::OpenMode::kReadWriteCreate, std::chrono::seconds(5));
   if (!db) throw std::runtime_error(db.error().message());
-  if (auto created = createSchema(**db, version); !created) throw std::runtime_error(created.error().message());
+  if (auto created = createSchema(**db, version); !created)
+    throw std::runtime_error(created.error().message());
   for (const auto& statement : statements) {
     if (auto done = (*db)->execute(statement); !done) throw std::runtime_error(done.error().message());
   }

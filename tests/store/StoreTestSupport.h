@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -7,8 +9,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "core/Clock.h"
 #include "core/MainQueue.h"
@@ -27,7 +27,8 @@ namespace lectern::test {
 class RecordingSecretStore final : public SecretStore {
  public:
   Result<std::optional<std::string>> password(std::string_view service, std::string_view account) override;
-  Result<void> setPassword(std::string_view service, std::string_view account, std::string_view password) override;
+  Result<void> setPassword(std::string_view service, std::string_view account,
+                           std::string_view password) override;
   Result<void> deletePassword(std::string_view service, std::string_view account) override;
   std::string backendName() const override { return "test"; }
   std::vector<std::string> deleted() const;
@@ -46,8 +47,8 @@ class RecordingService final : public AccountService {
                      ServiceCompletion onCompleted) override;
   void markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) override;
   void markBookmarkShared(Bookmark& bookmark, bool shared, ServiceCompletion onCompleted) override;
-  void deleteBookmark(Account& account, const std::string& bookmarkId, const std::optional<std::string>& feedId,
-                      ServiceCompletion onCompleted) override;
+  void deleteBookmark(Account& account, const std::string& bookmarkId,
+                      const std::optional<std::string>& feedId, ServiceCompletion onCompleted) override;
   void moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) override;
   void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;
@@ -70,7 +71,8 @@ class StoreTest : public ::testing::Test {
 
   ObjectContext& context();
   // An account of `service` in the main context, saved.
-  std::shared_ptr<Account> makeAccount(std::string_view service, std::optional<std::string> username = "reader");
+  std::shared_ptr<Account> makeAccount(std::string_view service,
+                                       std::optional<std::string> username = "reader");
   // Runs the main queue until `done` or a few seconds pass.
   bool pumpUntil(const std::function<bool()>& done);
   void pump() { mainQueue_.drain(); }
