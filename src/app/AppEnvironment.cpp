@@ -1,6 +1,8 @@
 #include "app/AppEnvironment.h"
 
 #include "core/Log.h"
+#include "net/NetworkReachability.h"
+#include "store/QKDataManager.h"
 
 namespace lectern {
 
@@ -10,7 +12,54 @@ Result<std::unique_ptr<AppEnvironment>> AppEnvironment::create(const AppOptions&
   Log::configure(LogSettings{.file = paths.logFile(), .mirrorToStderr = options.verbose});
   auto defaults = std::make_unique<UserDefaults>(paths.userDefaultsFile());
   registerLecternDefaults(*defaults);
-  return std::unique_ptr<AppEnvironment>(new AppEnvironment(std::move(paths), std::move(defaults)));
+  return std::unique_ptr<AppEnvironment>(new AppEnvironment(options, std::move(paths), std::move(defaults)));
+}
+
+AppEnvironment::AppEnvironment(AppOptions options, Paths paths, std::unique_ptr<UserDefaults> defaults)
+    : options_(std::move(options)), paths_(std::move(paths)), defaults_(std::move(defaults)) {}
+
+AppEnvironment::~AppEnvironment() {
+  // The library saves once more as it closes; then nothing may wait for the main loop any more.
+  dataManager_.reset();
+  network_.reset();
+  mainQueue_.shutdown();
+}
+
+Reachability& AppEnvironment::reachability() {
+  if (!reachability_) {
+    if (options_.offline) {
+      reachability_ = std::make_unique<FixedReachability>(ReachabilityStatus::kNotReachable);
+    } else {
+      reachability_ = std::make_unique<NetworkReachability>();
+    }
+  }
+  return *reachability_;
+}
+
+SecretStore& AppEnvironment::secrets() {
+  if (!secrets_) secrets_ = makeDefaultSecretStore(paths_.configFolder / "secrets.json");
+  return *secrets_;
+}
+
+NetworkSession& AppEnvironment::network() {
+  if (!network_) {
+    NetworkSessionOptions options;
+    // Diagnostic dumps are written only when the user has made this folder.
+    options.dumpFolder = paths_.applicationFolder / "dump";
+    network_ = std::make_unique<NetworkSession>(mainQueue_, reachability(), std::move(options));
+  }
+  return *network_;
+}
+
+Result<QKDataManager*> AppEnvironment::dataManager() {
+  if (!dataManager_) {
+    auto manager = std::make_unique<QKDataManager>(paths_, *defaults_, mainQueue_, clock_, reachability(), &secrets());
+    // Opening checks the folder and the file and migrates an older library.
+    auto context = manager->managedObjectContext();
+    if (!context) return fail(context.error());
+    dataManager_ = std::move(manager);
+  }
+  return dataManager_.get();
 }
 
 }  // namespace lectern

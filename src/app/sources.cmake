@@ -7,4 +7,6 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/Cli.cpp
   src/app/cli/FeedCommands.cpp
   src/app/cli/ContentCommands.cpp
+  src/app/cli/LibraryCommands.cpp
+  src/app/cli/Presentation.cpp
 )

@@ -45,5 +45,6 @@ bool stdoutIsTerminal();
 // (One line per module here and in main.cpp.)
 void addFeedCommands(CLI::App& app, CliContext& context);
 void addContentCommands(CLI::App& app, CliContext& context);
+void addLibraryCommands(CLI::App& app, CliContext& context);
 
 }  // namespace lectern::cli

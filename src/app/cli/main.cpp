@@ -1,5 +1,6 @@
 // The `lectern` program: parses arguments, calls the library, presents results.
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include <fmt/format.h>
@@ -16,6 +17,8 @@ int main(int argc, char** argv) {
   app.add_option("--home", home, "Keep data, configuration, logs and cache under DIR (also LECTERN_HOME)")
       ->type_name("DIR");
   app.add_flag("--verbose", context.options.verbose, "Mirror the log to stderr");
+  app.add_flag("--offline", context.options.offline,
+               "Treat the internet as unreachable: changes are queued for the next sync (also LECTERN_OFFLINE=1)");
   app.footer(
       "Data: $XDG_DATA_HOME/lectern  Configuration: $XDG_CONFIG_HOME/lectern  Log: $XDG_STATE_HOME/lectern\n"
       "Exit codes: 0 success, 1 failure, 2 usage error.");
@@ -23,6 +26,7 @@ int main(int argc, char** argv) {
   // Command modules register here.
   addFeedCommands(app, context);
   addContentCommands(app, context);
+  addLibraryCommands(app, context);
 
   try {
     app.parse(argc, argv);
@@ -37,6 +41,9 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
   if (!home.empty()) context.options.home = home;
+  if (const char* offline = std::getenv("LECTERN_OFFLINE"); offline != nullptr && std::string(offline) == "1") {
+    context.options.offline = true;
+  }
 
   try {
     if (auto handler = context.selectedHandler()) return handler();

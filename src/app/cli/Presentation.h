@@ -1,0 +1,44 @@
+#pragma once
+
+// How the `lectern` program shows library objects: terminal lines and --json objects.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "core/Clock.h"
+#include "core/Error.h"
+
+namespace lectern {
+class Account;
+class Bookmark;
+class Feed;
+class Folder;
+class ObjectContext;
+class OfflineOperation;
+}  // namespace lectern
+
+namespace lectern::cli {
+
+// RFC 3339 in UTC, or null.
+nlohmann::json jsonDate(const std::optional<Date>& date);
+// "2026-11-22 10:01" in local time, or "" for no date.
+std::string shortLocalDate(const std::optional<Date>& date);
+
+// Persisted attribute names as keys, plus `id` (the local id other commands take), `feed`
+// (its title) and `account` (its unique identifier).
+Result<nlohmann::json> bookmarkJson(Bookmark& bookmark, bool withContent);
+Result<nlohmann::json> feedJson(Feed& feed);
+Result<nlohmann::json> folderJson(Folder& folder);
+nlohmann::json accountJson(Account& account);
+nlohmann::json offlineOperationJson(OfflineOperation& operation, Account& account);
+
+// The name of a queued operation's code: "star", "unstar", "read", "unread", "delete".
+std::string offlineOperationName(int code);
+
+// Truncates to `width` display columns (counting code points), with "…" when cut.
+std::string fitColumn(const std::string& text, size_t width);
+
+}  // namespace lectern::cli
