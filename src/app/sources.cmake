@@ -9,4 +9,5 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/ContentCommands.cpp
   src/app/cli/LibraryCommands.cpp
   src/app/cli/Presentation.cpp
+  src/app/cli/DiscoverCommands.cpp
 )

@@ -9,3 +9,13 @@ set(LECTERN_FEEDS_LEAF_SOURCES
   src/feeds/RSSParser.cpp
   src/feeds/RSSFeedJson.cpp
 )
+
+# Feed work that needs the network (and later the store): fetching, discovery, OPML. Built into
+# lectern_core.
+set(LECTERN_FEEDS_SOURCES
+  src/feeds/URLDownload.cpp
+  src/feeds/QKFeedParserClient.cpp
+  src/feeds/RSSParserURL.cpp
+  src/feeds/QKFeedLinkParser.cpp
+  src/feeds/FeedDiscovery.cpp
+)

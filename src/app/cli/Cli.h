@@ -46,5 +46,6 @@ bool stdoutIsTerminal();
 void addFeedCommands(CLI::App& app, CliContext& context);
 void addContentCommands(CLI::App& app, CliContext& context);
 void addLibraryCommands(CLI::App& app, CliContext& context);
+void addDiscoverCommands(CLI::App& app, CliContext& context);
 
 }  // namespace lectern::cli

@@ -7,11 +7,14 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <string>
 
 #include "app/cli/Cli.h"
 #include "content/QKContentParser.h"
+#include "content/QKContentParserAsync.h"
+#include "feeds/FeedDiscovery.h"
 
 namespace lectern::cli {
 namespace {
@@ -22,10 +25,6 @@ Error readFailure(const std::string& path, std::string_view reason) {
 }
 
 Result<std::string> readPage(const std::string& path) {
-  if (path.starts_with("http://") || path.starts_with("https://")) {
-    return fail(
-        readFailure(path, "Downloading pages is not available yet: save the page and pass the file."));
-  }
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) return fail(readFailure(path, "It is a folder."));
   const auto size = std::filesystem::file_size(path, ec);
@@ -41,18 +40,41 @@ Result<std::string> readPage(const std::string& path) {
   return bytes.str();
 }
 
-int extract(CliContext& context, const std::string& path, bool json) {
-  // The log matters only to someone watching it: without --verbose, extracting touches no file
-  // but the page.
-  if (context.options.verbose) {
-    if (auto environment = context.environment(); !environment) printError(environment.error());
+// Downloads and extracts on a worker, as the article view does.
+Result<QKContentParser> extractURL(AppEnvironment& environment, const std::string& url) {
+  std::optional<Result<QKContentParser>> outcome;
+  {
+    QKContentParserAsync async(environment.mainQueue());
+    async.contentOfURL(environment.network(), url,
+                       [&outcome](Result<QKContentParser> parser) { outcome = std::move(parser); });
+    environment.mainQueue().runUntil([&outcome] { return outcome.has_value(); });
   }
+  return std::move(*outcome);
+}
+
+Result<QKContentParser> extractFile(const std::string& path) {
   auto bytes = readPage(path);
-  if (!bytes) {
-    printError(bytes.error());
-    return kExitFailure;
-  }
+  if (!bytes) return fail(bytes.error());
   auto parser = QKContentParser::initWithData(*bytes);
+  if (parser) parser->fetchContent();
+  return parser;
+}
+
+int extract(CliContext& context, const std::string& source, bool json) {
+  const bool remote = hasURLScheme(source);
+  // The log matters only to someone watching it: without --verbose, extracting a file touches no
+  // file but the page.
+  AppEnvironment* environment = nullptr;
+  if (context.options.verbose || remote) {
+    auto made = context.environment();
+    if (!made) {
+      printError(made.error());
+      if (remote) return kExitFailure;
+    } else {
+      environment = *made;
+    }
+  }
+  auto parser = remote ? extractURL(*environment, source) : extractFile(source);
   if (!parser) {
     printError(parser.error());
     return kExitFailure;
@@ -70,14 +92,16 @@ int extract(CliContext& context, const std::string& path, bool json) {
 }  // namespace
 
 void addContentCommands(CLI::App& app, CliContext& context) {
-  auto* command = app.add_subcommand("extract", "Print the readable article of a saved web page");
+  auto* command = app.add_subcommand("extract", "Print the readable article of a web page or a saved one");
   auto path = std::make_shared<std::string>();
   auto json = std::make_shared<bool>(false);
-  command->add_option("FILE", *path, "The page (HTML in any character set it declares)")->required();
+  command->add_option("SOURCE", *path, "The page: an http(s) address, or a file (HTML in any character set)")
+      ->required()
+      ->type_name("URL|FILE");
   command->add_flag("--json", *json, "Print an object with \"title\" and \"content\"");
   command->footer(
       "Prints nothing (or an empty \"content\") when the page holds no article; that is not an error.\n"
-      "Exit codes: 0 success, 1 unreadable file, 2 usage error.");
+      "Exit codes: 0 success, 1 unreadable file or failed download, 2 usage error.");
   context.onCommand(command, [&context, path, json] { return extract(context, *path, *json); });
 }
 

@@ -10,9 +10,12 @@
 #include "app/cli/Cli.h"
 #include "core/Dates.h"
 #include "core/Log.h"
+#include "feeds/FeedDiscovery.h"
 #include "feeds/FeedDocumentParser.h"
+#include "feeds/QKFeedParserClient.h"
 #include "feeds/RSSFeedJson.h"
 #include "feeds/RSSParser.h"
+#include "feeds/RSSParserURL.h"
 
 namespace lectern::cli {
 namespace {
@@ -26,8 +29,19 @@ struct FeedParseOptions {
   bool json = false;
 };
 
-bool looksLikeURL(std::string_view source) {
-  return source.starts_with("http://") || source.starts_with("https://") || source.starts_with("feed://");
+// A source is a file when one exists by that name or it names a document ("feed.xml"); otherwise
+// it is an address, a bare host getting "https://".
+std::optional<std::string> feedAddress(const std::string& source) {
+  if (hasURLScheme(source)) return source;
+  std::error_code ec;
+  if (std::filesystem::exists(source, ec)) return std::nullopt;
+  const std::string_view first = std::string_view(source).substr(0, source.find('/'));
+  const std::string extension = std::filesystem::path(std::string(first)).extension().string();
+  for (const char* document : {".xml", ".rss", ".atom", ".rdf", ".html", ".htm", ".txt", ".json", ".opml"}) {
+    if (first == source && extension == document) return std::nullopt;
+  }
+  if (first.find('.') == std::string_view::npos && !first.starts_with("localhost")) return std::nullopt;
+  return normalizedFeedAddress(source);
 }
 
 void printText(const RSSFeed& feed) {
@@ -57,12 +71,7 @@ void printText(const RSSFeed& feed) {
   }
 }
 
-// Parses one feed document and prints it. Whatever supplies the bytes (a file now, a download
-// later) ends here.
-int printFeedDocument(std::string bytes, FeedParserKind parser, FeedOutput output) {
-  Result<RSSFeed> feed = parser == FeedParserKind::kStream
-                             ? RSSParser::withData(std::move(bytes)).fetch()
-                             : FeedDocumentParser::parseFeedData(bytes, SystemClock().now());
+int printFeed(const Result<RSSFeed>& feed, FeedOutput output) {
   if (!feed) {
     printError(feed.error());
     return kExitFailure;
@@ -92,26 +101,46 @@ Result<std::string> readDocument(const std::string& path) {
   return bytes;
 }
 
-int runFeedParse(const CliContext& context, const FeedParseOptions& options) {
+// The dictionary parser fetches through QKFeedParserClient, as a subscription does; the stream
+// parser downloads first and parses after.
+Result<RSSFeed> fetchFeed(AppEnvironment& environment, const std::string& url, FeedParserKind parser) {
+  if (parser == FeedParserKind::kStream) {
+    auto stream = rssParserWithURL(environment.network(), url);
+    if (!stream) return fail(stream.error());
+    return stream->fetch();
+  }
+  QKFeedParserClient client(environment.network(), url);
+  std::optional<Result<RSSFeed>> outcome;
+  client.fetchFeed([&outcome](Result<RSSFeed> feed) { outcome = std::move(feed); });
+  environment.mainQueue().runUntil([&outcome] { return outcome.has_value(); });
+  return std::move(*outcome);
+}
+
+int runFeedParse(CliContext& context, const FeedParseOptions& options) {
+  const FeedParserKind parser = options.stream ? FeedParserKind::kStream : FeedParserKind::kDictionary;
+  const FeedOutput output = options.json ? FeedOutput::kJson : FeedOutput::kText;
+  if (const auto url = feedAddress(options.source)) {
+    auto environment = context.environment();
+    if (!environment) {
+      printError(environment.error());
+      return kExitFailure;
+    }
+    return printFeed(fetchFeed(**environment, *url, parser), output);
+  }
+  // A local file needs no environment: without --verbose nothing but the file is touched.
   if (context.options.verbose) {
     LogSettings settings;
     settings.mirrorToStderr = true;
     Log::configure(settings);
-  }
-  if (looksLikeURL(options.source)) {
-    printError(Error::make(
-        kLecternErrorDomain, 1, "Cannot fetch " + options.source,
-        "This version of lectern parses feeds from files only; save the feed and pass its path."));
-    return kExitFailure;
   }
   auto bytes = readDocument(options.source);
   if (!bytes) {
     printError(bytes.error());
     return kExitFailure;
   }
-  return printFeedDocument(std::move(*bytes),
-                           options.stream ? FeedParserKind::kStream : FeedParserKind::kDictionary,
-                           options.json ? FeedOutput::kJson : FeedOutput::kText);
+  return printFeed(parser == FeedParserKind::kStream ? RSSParser::withData(std::move(*bytes)).fetch()
+                                                     : FeedDocumentParser::parseFeedData(*bytes, SystemClock().now()),
+                   output);
 }
 
 }  // namespace
@@ -122,13 +151,14 @@ void addFeedCommands(CLI::App& app, CliContext& context) {
 
   auto options = std::make_shared<FeedParseOptions>();
   CLI::App* parse = feed->add_subcommand("parse", "Parse a feed document and print what it holds");
-  parse->add_option("source", options->source, "The feed: a file (URLs are not supported yet)")
+  parse->add_option("source", options->source,
+                    "The feed: a file, or an http(s) address (a bare host gets \"https://\")")
       ->required()
       ->type_name("FILE|URL");
   parse->add_flag("--stream", options->stream, "Use the event-driven parser instead of the dictionary one");
   parse->add_flag("--json", options->json,
                   "Print one JSON object with the fields of the feed and its articles (null: never set)");
-  parse->footer("Exit codes: 0 parsed, 1 the document could not be read or parsed, 2 usage error.");
+  parse->footer("Exit codes: 0 parsed, 1 the document could not be read, fetched or parsed, 2 usage error.");
   context.onCommand(parse, [&context, options] { return runFeedParse(context, *options); });
 }
 

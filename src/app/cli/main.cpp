@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   addFeedCommands(app, context);
   addContentCommands(app, context);
   addLibraryCommands(app, context);
+  addDiscoverCommands(app, context);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,97 @@
+#include "feeds/QKFeedParserClient.h"
+
+#include <fmt/format.h>
+
+#include "core/Log.h"
+#include "feeds/FeedDocumentParser.h"
+#include "feeds/FeedURLSplit.h"
+#include "net/QKKindURLErrorMessage.h"
+#include "net/URLError.h"
+
+namespace lectern {
+namespace {
+
+constexpr std::string_view kLogCategory = "QKFeedParserClient";
+
+// An address the transport can be asked for: scheme and host present.
+bool isFetchable(std::string_view url) {
+  const auto parsed = URL::parse(url);
+  return parsed && parsed->isAbsolute() && parsed->hasAuthority() && !parsed->host().empty();
+}
+
+// The HTTP client needs an absolute base; an address that gives none gets a base that names no host.
+std::string clientBaseURL(const FeedURLSplit& split) {
+  return isFetchable(split.baseUrl) ? split.baseUrl : std::string("about:blank");
+}
+
+// The bytes of whatever the operation handed on: raw bytes, or XML input when an XML operation
+// class was chosen.
+std::string_view responseBytes(const ResponseObject& object, const std::string& fallback) {
+  if (const auto* bytes = std::get_if<std::string>(&object)) return *bytes;
+  if (const auto* xml = std::get_if<XMLParserInput>(&object)) return xml->data;
+  return fallback;
+}
+
+}  // namespace
+
+QKFeedParserClient::QKFeedParserClient(NetworkSession& session, std::string_view url)
+    : QKFeedParserClient(session, url, FeedURLSplit::fromURL(url)) {}
+
+QKFeedParserClient::QKFeedParserClient(NetworkSession& session, std::string_view url, FeedURLSplit split)
+    : AFHTTPClient(session, clientBaseURL(split)),
+      url_(url),
+      path_(std::move(split.path)),
+      baseUrl_(std::move(split.baseUrl)),
+      fetchable_(isFetchable(url)) {
+  setDefaultHeader("Accept", "*/*");
+}
+
+HttpRequest QKFeedParserClient::requestWithMethod(std::string_view method, std::string_view path,
+                                                  const nlohmann::json& parameters) {
+  if (path != path_ || !parameters.is_null())
+    return AFHTTPClient::requestWithMethod(method, path, parameters);
+  HttpRequest request = AFHTTPClient::requestWithMethod(method, "", nullptr);
+  // The split puts an explicit port at the front of the path, where resolving it against the base
+  // would lose it: the feed URL as given is the address the split came from. An empty URL makes
+  // the transport fail with -1000.
+  request.url = fetchable_ ? url_ : std::string();
+  return request;
+}
+
+Error QKFeedParserClient::fetchError(const Error& transportError, std::string_view feedURL) {
+  return QKKindURLErrorMessage::kindErrorFromNSURLError(transportError,
+                                                        fmt::format("Failed to fetch feed: {}", feedURL));
+}
+
+void QKFeedParserClient::fetchFeed(Completion onComplete) {
+  NetworkSession& session = this->session();
+  auto operation = HTTPRequestOperationWithRequest(
+      requestWithMethod("GET", path_, nullptr),
+      // Parsing a large feed takes a while: it runs on the processing queue, not the main thread.
+      [&session, onComplete](AFHTTPRequestOperation& operation, const ResponseObject& object) {
+        const std::string fallback =
+            std::holds_alternative<std::monostate>(object) ? operation.responseData() : "";
+        Result<RSSFeed> feed =
+            FeedDocumentParser::parseFeedData(responseBytes(object, fallback), session.clock().now());
+        if (!feed) logDebugMessage(kLogCategory, "Feed not parsed: {}", feed.error().message());
+        session.mainQueue().post([onComplete, feed = std::make_shared<Result<RSSFeed>>(std::move(
+                                                  feed))]() mutable { onComplete(std::move(*feed)); });
+      },
+      [url = url_, onComplete](AFHTTPRequestOperation&, const Error& error) {
+        onComplete(fail(fetchError(error, url)));
+      });
+  operation->setSuccessCallbackQueue(callbackQueueFor(session.processingQueue(ResponseProcessing::kXML)));
+  enqueueHTTPRequestOperation(std::move(operation));
+}
+
+Result<RSSFeed> QKFeedParserClient::synchronouslyFetchFeed() {
+  const SynchronousResponse response = synchronouslyGetPath(path_, nullptr, synchronousTimeout_);
+  if (response.error) return fail(fetchError(*response.error, url_));
+  const std::string fallback = std::holds_alternative<std::monostate>(response.responseObject)
+                                   ? response.operation->responseData()
+                                   : std::string();
+  return FeedDocumentParser::parseFeedData(responseBytes(response.responseObject, fallback),
+                                           session().clock().now());
+}
+
+}  // namespace lectern
