@@ -15,6 +15,8 @@
 
 namespace lectern {
 
+class NetworkSession;
+
 // Runs extractions off the main thread, a worker per call; each completion runs on the main queue.
 // Owned by the program on the main thread; its destructor waits for the workers still running.
 class QKContentParserAsync {
@@ -35,6 +37,9 @@ class QKContentParserAsync {
   // until its completion has run on the main queue.
   void contentOfHTML(std::string html, Completion onComplete);
   void contentOfData(std::string data, Completion onComplete);
+  // Downloads the page on the worker through the network layer (see contentParserWithURL), then
+  // parses it like contentOfData. Needs lectern_core, which holds the network part.
+  void contentOfURL(NetworkSession& session, std::string url, Completion onComplete);
 
  private:
   // Makes the parser on the worker. Every entry point is one of these; a page fetched from a URL

@@ -8,3 +8,9 @@ set(LECTERN_CONTENT_SOURCES
   src/content/QKContentParser.cpp
   src/content/QKContentParserAsync.cpp
 )
+
+# Extraction of pages fetched over the network: built into lectern_core.
+set(LECTERN_CONTENT_NET_SOURCES
+  src/content/ContentDownload.cpp
+  src/content/QKContentParserAsyncURL.cpp
+)
