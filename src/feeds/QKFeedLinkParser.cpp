@@ -111,31 +111,34 @@ std::string appendingPathComponent(std::string_view address, std::string_view hr
 QKFeedLinkParser::QKFeedLinkParser(NetworkSession& session, std::string url)
     : session_(session), url_(std::move(url)) {}
 
-QKFeedLinkParser::~QKFeedLinkParser() { waitForWorker(); }
-
-void QKFeedLinkParser::waitForWorker() {
-  if (!worker_.joinable()) return;
+QKFeedLinkParser::~QKFeedLinkParser() {
   MainQueue& main = session_.mainQueue();
-  if (main.isMainThread()) {
-    // The worker posts its completion and then marks itself finished: look again every few
-    // milliseconds so a late mark is not missed.
-    while (!finished_->load())
-      main.runUntil([this] { return finished_->load(); }, std::chrono::milliseconds(5));
+  for (Worker& worker : workers_) {
+    if (main.isMainThread()) {
+      // The worker posts its completion and then marks itself finished: look again every few
+      // milliseconds so a late mark is not missed.
+      while (!worker.finished->load()) {
+        main.runUntil([&] { return worker.finished->load(); }, std::chrono::milliseconds(5));
+      }
+    }
+    worker.thread.join();
   }
-  worker_.join();
 }
 
 void QKFeedLinkParser::getFeedLinks(Completion onCompleteBlock) {
-  if (worker_.joinable()) {
-    if (!finished_->load()) throw InternalInconsistency("QKFeedLinkParser is already searching");
-    worker_.join();
-  }
-  finished_ = std::make_shared<std::atomic<bool>>(false);
-  worker_ = std::thread([this, onCompleteBlock = std::move(onCompleteBlock), finished = finished_] {
+  if (searching_.exchange(true)) throw InternalInconsistency("QKFeedLinkParser is already searching");
+  std::erase_if(workers_, [](Worker& worker) {
+    if (!worker.finished->load()) return false;
+    worker.thread.join();
+    return true;
+  });
+  auto finished = std::make_shared<std::atomic<bool>>(false);
+  std::thread thread([this, onCompleteBlock = std::move(onCompleteBlock), finished] {
     pthread_setname_np(pthread_self(), "feedlinkparser");
     startDownloading(onCompleteBlock);
     finished->store(true);
   });
+  workers_.push_back(Worker{std::move(thread), std::move(finished)});
 }
 
 void QKFeedLinkParser::startDownloading(const Completion& onCompleteBlock) {
@@ -154,6 +157,7 @@ void QKFeedLinkParser::startDownloading(const Completion& onCompleteBlock) {
 void QKFeedLinkParser::doCompletionBlockInMainThread(const Completion& onCompleteBlock,
                                                      Result<std::vector<QKFeedLinkItem>> items) {
   session_.mainQueue().runSync([&] {
+    searching_ = false;
     if (onCompleteBlock) onCompleteBlock(std::move(items));
   });
 }

@@ -46,7 +46,8 @@ class QKFeedLinkParser {
   // headers; any status code: a 404 page is examined like any page); `onCompleteBlock` then runs on
   // the main queue, synchronously (the worker waits for it), with the candidates or the error: the
   // transport's own error for a failed download, else one of QKFeedLinkParserError. Calling it
-  // while a search runs is a broken contract (InternalInconsistency).
+  // while a search runs is a broken contract (InternalInconsistency); from the completion block on,
+  // the parser may search again.
   void getFeedLinks(Completion onCompleteBlock);
 
   // The steps after the download, for any thread.
@@ -77,12 +78,18 @@ class QKFeedLinkParser {
   void startDownloading(const Completion& onCompleteBlock);
   void doCompletionBlockInMainThread(const Completion& onCompleteBlock,
                                      Result<std::vector<QKFeedLinkItem>> items);
-  void waitForWorker();
+
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> finished;  // set after the completion has run
+  };
 
   NetworkSession& session_;
   const std::string url_;
-  std::thread worker_;
-  std::shared_ptr<std::atomic<bool>> finished_;
+  // Cleared on the main queue just before the completion runs, so the block may search again.
+  std::atomic<bool> searching_ = false;
+  // A worker ends a moment after its completion; finished ones are joined at the next search.
+  std::vector<Worker> workers_;  // used by the owner's thread only
 };
 
 }  // namespace lectern

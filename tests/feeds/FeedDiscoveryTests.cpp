@@ -152,13 +152,17 @@ TEST_F(FeedDiscovery, StatusCodesDoNotMatterButTransportFailuresDo) {
   EXPECT_EQ(unreachable.error().code, URLErrorCode::kCannotConnectToHost);
 }
 
-TEST_F(FeedDiscovery, AParserSearchesOnceAtATimeAndCanSearchAgain) {
+TEST_F(FeedDiscovery, AParserSearchesOnceAtATimeAndAgainFromItsCompletion) {
   QKFeedLinkParser parser(net.session, server.url("/feed"));
-  int completions = 0;
-  parser.getFeedLinks([&](Result<Items>) { ++completions; });
-  ASSERT_TRUE(net.runUntil([&] { return completions == 1; }));
-  parser.getFeedLinks([&](Result<Items>) { ++completions; });
-  ASSERT_TRUE(net.runUntil([&] { return completions == 2; }));
+  std::vector<size_t> found;
+  parser.getFeedLinks([&](Result<Items> items) {
+    found.push_back(items ? items->size() : 0);
+    // A retry from the completion block is a new search, not a second one at once.
+    parser.getFeedLinks([&](Result<Items> again) { found.push_back(again ? again->size() : 0); });
+  });
+  EXPECT_THROW(parser.getFeedLinks(nullptr), InternalInconsistency);
+  ASSERT_TRUE(net.runUntil([&] { return found.size() == 2; }));
+  EXPECT_EQ(found, (std::vector<size_t>{1, 1}));
 }
 
 TEST(FeedAddress, TypedAddressesGetASchemeWhenTheyHaveNone) {
