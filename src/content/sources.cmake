@@ -13,4 +13,5 @@ set(LECTERN_CONTENT_SOURCES
 set(LECTERN_CONTENT_NET_SOURCES
   src/content/ContentDownload.cpp
   src/content/QKContentParserAsyncURL.cpp
+  src/content/BookmarkArticleDownload.cpp
 )
