@@ -10,4 +10,5 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/LibraryCommands.cpp
   src/app/cli/Presentation.cpp
   src/app/cli/DiscoverCommands.cpp
+  src/app/cli/OpmlCommands.cpp
 )

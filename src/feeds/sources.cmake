@@ -18,4 +18,6 @@ set(LECTERN_FEEDS_SOURCES
   src/feeds/RSSParserURL.cpp
   src/feeds/QKFeedLinkParser.cpp
   src/feeds/FeedDiscovery.cpp
+  src/feeds/OPMLWriter.cpp
+  src/feeds/OPMLViewController.cpp
 )

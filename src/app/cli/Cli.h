@@ -47,5 +47,6 @@ void addFeedCommands(CLI::App& app, CliContext& context);
 void addContentCommands(CLI::App& app, CliContext& context);
 void addLibraryCommands(CLI::App& app, CliContext& context);
 void addDiscoverCommands(CLI::App& app, CliContext& context);
+void addOpmlCommands(CLI::App& app, CliContext& context);
 
 }  // namespace lectern::cli

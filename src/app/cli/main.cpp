@@ -28,6 +28,7 @@ int main(int argc, char** argv) {
   addContentCommands(app, context);
   addLibraryCommands(app, context);
   addDiscoverCommands(app, context);
+  addOpmlCommands(app, context);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,104 @@
+// `lectern opml export|import`: the built-in reader's subscription list as OPML.
+#include <fmt/format.h>
+
+#include <memory>
+#include <string>
+
+#include "app/cli/Cli.h"
+#include "core/Clock.h"
+#include "core/Reachability.h"
+#include "feeds/OPMLViewController.h"
+#include "store/Account.h"
+#include "store/QKDataManager.h"
+
+namespace lectern::cli {
+namespace {
+
+// What an OPML command works on: the library and its built-in reader account (null when missing).
+struct OpmlLibrary {
+  SystemClock clock;
+  // Nothing here talks to a service, so the network's state does not matter.
+  FixedReachability reachability;
+  std::unique_ptr<QKDataManager> manager;
+  std::shared_ptr<Account> account;
+};
+
+Result<std::unique_ptr<OpmlLibrary>> openLibrary(CliContext& context) {
+  auto environment = context.environment();
+  if (!environment) return fail(environment.error());
+  AppEnvironment& env = **environment;
+  auto library = std::make_unique<OpmlLibrary>();
+  library->manager = std::make_unique<QKDataManager>(env.paths(), env.defaults(), env.mainQueue(),
+                                                     library->clock, library->reachability);
+  auto main = library->manager->managedObjectContext();
+  if (!main) return fail(main.error());
+  auto account = Account::localRSSAccount(**main);
+  if (!account) return fail(account.error());
+  library->account = *account;
+  return library;
+}
+
+int exportOpml(CliContext& context, const std::string& file) {
+  auto library = openLibrary(context);
+  if (!library) {
+    printError(library.error());
+    return kExitFailure;
+  }
+  OPMLViewController controller((*library)->account);
+  if (auto written = controller.exportOPMLToURL(file); !written) {
+    printError(written.error());
+    return kExitFailure;
+  }
+  fmt::print("Exported the subscriptions to {}\n", file);
+  return kExitOk;
+}
+
+int importOpml(CliContext& context, const std::string& file) {
+  auto library = openLibrary(context);
+  if (!library) {
+    printError(library.error());
+    return kExitFailure;
+  }
+  OPMLViewController controller((*library)->account);
+  auto summary = controller.importOPMLFromURL(file);
+  if (!summary) {
+    printError(summary.error());
+    return kExitFailure;
+  }
+  fmt::print("Folders: {} added, {} skipped (already there)\n", summary->foldersAdded,
+             summary->foldersSkipped);
+  fmt::print("Feeds: {} added, {} skipped (already there)\n", summary->feedsAdded, summary->feedsSkipped);
+  if (summary->feedsWithoutAddress > 0) {
+    fmt::print("{} feed{} without a usable address skipped\n", summary->feedsWithoutAddress,
+               summary->feedsWithoutAddress == 1 ? "" : "s");
+  }
+  if (summary->outlinesIgnored > 0) {
+    fmt::print("{} outline{} of other kinds ignored\n", summary->outlinesIgnored,
+               summary->outlinesIgnored == 1 ? "" : "s");
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
+void addOpmlCommands(CLI::App& app, CliContext& context) {
+  CLI::App* opml = app.add_subcommand("opml", "Export or import the built-in reader's subscriptions as OPML");
+  opml->require_subcommand(1);
+
+  auto exportFile = std::make_shared<std::string>(OPMLViewController::kDefaultFileName);
+  CLI::App* exporting = opml->add_subcommand("export", "Write the folders and feeds to an OPML file");
+  exporting->add_option("FILE", *exportFile, "Where to write")->capture_default_str();
+  exporting->footer("Exit codes: 0 written, 1 no built-in reader account or the file could not be written.");
+  context.onCommand(exporting, [&context, exportFile] { return exportOpml(context, *exportFile); });
+
+  auto importFile = std::make_shared<std::string>();
+  CLI::App* importing = opml->add_subcommand("import", "Add the folders and feeds of an OPML file");
+  importing->add_option("FILE", *importFile, "An OPML file from any reader")->required();
+  importing->footer(
+      "Nested folders become \"Parent - Child\"; feeds already in their folder are skipped; nothing is\n"
+      "fetched until the next refresh.\n"
+      "Exit codes: 0 imported, 1 no built-in reader account, unreadable file or not OPML, 2 usage error.");
+  context.onCommand(importing, [&context, importFile] { return importOpml(context, *importFile); });
+}
+
+}  // namespace lectern::cli

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "core/Error.h"
+#include "store/Account.h"
+
+namespace lectern {
+
+inline constexpr std::string_view kOPMLImportErrorDomain = "OPMLImport";
+inline constexpr int kOPMLImportErrorCode = 100;
+
+// What one import did. A folder outline whose folder already existed is skipped (its feeds still go
+// into it); a feed is skipped when its folder (or the top level) already has its address, or when
+// it has no usable address.
+struct OPMLImportSummary {
+  std::int64_t foldersAdded = 0;
+  std::int64_t foldersSkipped = 0;
+  std::int64_t feedsAdded = 0;
+  std::int64_t feedsSkipped = 0;         // already there
+  std::int64_t feedsWithoutAddress = 0;  // "Invalid url for feed ... Skipped!"
+  std::int64_t outlinesIgnored = 0;      // outlines of other types (links, includes ...)
+};
+
+// The subscription list of the built-in reader as OPML: export of its folders and feeds, import
+// of another reader's list. Made for one account on the thread that owns the account's context.
+class OPMLViewController {
+ public:
+  // The suggested export file name.
+  static constexpr std::string_view kDefaultFileName = "Lectern.opml";
+
+  // `account` is the built-in reader's account ("localrss"), or nullptr when the library has
+  // none: then import and export fail with "The required account not found".
+  explicit OPMLViewController(std::shared_ptr<Account> account);
+
+  // Called after an import that worked, with the account it filled.
+  void setImportDidFinish(std::function<void(Account&)> opmlImportDidFinishedToAccount) {
+    importDidFinish_ = std::move(opmlImportDidFinishedToAccount);
+  }
+
+  // Writes the account's FeedFolders (by position, each with its feeds by title), then the feeds in
+  // no folder (by title), as OPML 1.0 in UTF-8, through a temporary file and a rename.
+  Result<void> exportOPMLToURL(const std::filesystem::path& file) const;
+  // The document exportOPMLToURL writes.
+  Result<std::string> exportOPMLDocument() const;
+
+  // Reads the file and imports its outlines into the account; nothing is fetched. The changes are
+  // saved in the account's context. A file that is not XML (or not OPML) gives "Cannot import
+  // OPML" / "Invalid file format" before anything changes; a store failure half-way keeps what
+  // was already stored, and the error is returned.
+  Result<OPMLImportSummary> importOPMLFromURL(const std::filesystem::path& file);
+  // The same for a document in memory.
+  Result<OPMLImportSummary> importOPMLFromData(std::string_view data);
+
+ private:
+  class Importer;
+
+  std::shared_ptr<Account> account_;
+  std::function<void(Account&)> importDidFinish_;
+};
+
+}  // namespace lectern
