@@ -15,9 +15,7 @@ namespace lectern {
 inline constexpr std::string_view kOPMLImportErrorDomain = "OPMLImport";
 inline constexpr int kOPMLImportErrorCode = 100;
 
-// What one import did. A folder outline whose folder already existed is skipped (its feeds still go
-// into it); a feed is skipped when its folder (or the top level) already has its address, or when
-// it has no usable address.
+// What one import did. A folder that already existed counts as skipped (its feeds still go into it).
 struct OPMLImportSummary {
   std::int64_t foldersAdded = 0;
   std::int64_t foldersSkipped = 0;
@@ -49,10 +47,10 @@ class OPMLViewController {
   // The document exportOPMLToURL writes.
   Result<std::string> exportOPMLDocument() const;
 
-  // Reads the file and imports its outlines into the account; nothing is fetched. The changes are
-  // saved in the account's context. A file that is not XML (or not OPML) gives "Cannot import
-  // OPML" / "Invalid file format" before anything changes; a store failure half-way keeps what
-  // was already stored, and the error is returned.
+  // Reads the file and imports its outlines into the account; nothing is fetched. A file that is
+  // not XML (or not OPML) gives "Cannot import OPML" / "Invalid file format" before anything
+  // changes. The import is saved with one save of the account's context, so a store failure rolls
+  // it all back and the library stays as it was (save the context's other changes first).
   Result<OPMLImportSummary> importOPMLFromURL(const std::filesystem::path& file);
   // The same for a document in memory.
   Result<OPMLImportSummary> importOPMLFromData(std::string_view data);

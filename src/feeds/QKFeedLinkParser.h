@@ -24,9 +24,8 @@ enum class QKFeedLinkParserError : int {
   kUnknownMIMEType = 2,  // "Unknown MIMI type" (sic: users have always seen it so)
 };
 
-// Finds the feeds an address stands for: the address itself when it serves a feed, else the feed
-// links in the head of the page it serves. Made by its caller for one search at a time; the search
-// runs on a thread of its own and its completion on the main queue.
+// Finds the feeds an address stands for: itself when it serves a feed, else its page's feed links.
+// Made by its caller; one search at a time, each on its own thread; completions on the main queue.
 class QKFeedLinkParser {
  public:
   // The name of the searches' queue; the threads are named "feedlinkparser".

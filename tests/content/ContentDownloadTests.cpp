@@ -2,7 +2,6 @@
 // domain, failed downloads and delivery on the main queue.
 #include <gtest/gtest.h>
 
-#include "content/ContentDownload.h"
 #include "content/QKContentParserAsync.h"
 #include "net/NetTestSupport.h"
 #include "net/URLError.h"
@@ -102,13 +101,6 @@ TEST_F(ContentDownload, FailedDownloadsSayWhichPageAndWhy) {
   ASSERT_FALSE(outcomes[2].parser);
   EXPECT_EQ(outcomes[2].parser.error().code, URLErrorCode::kBadURL);
   for (const auto& outcome : outcomes) EXPECT_TRUE(outcome.onMainThread);
-}
-
-TEST_F(ContentDownload, BlockingFormLeavesTheExtractionToTheCaller) {
-  auto parser = contentParserWithURL(net.session, server.url("/article"));
-  ASSERT_TRUE(parser) << parser.error().message();
-  EXPECT_TRUE(parser->candidates().allContentCandidates().empty());
-  EXPECT_NE(parser->fetchContent().find("long enough"), std::string::npos);
 }
 
 }  // namespace

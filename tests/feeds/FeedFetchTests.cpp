@@ -216,10 +216,7 @@ TEST_F(FeedFetch, StreamParserCanStartFromAnAddress) {
   auto feed = parser->fetch();
   ASSERT_TRUE(feed) << feed.error().message();
   EXPECT_EQ(feed->articles.size(), 2u);
-
-  auto missing = rssParserWithURL(net.session, server.url("/missing.xml"));
-  ASSERT_FALSE(missing);
-  EXPECT_EQ(missing.error().description, "Failed to fetch feed: " + server.url("/missing.xml"));
+  EXPECT_FALSE(rssParserWithURL(net.session, server.url("/missing.xml")));
 }
 
 }  // namespace

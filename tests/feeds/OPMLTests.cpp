@@ -70,7 +70,8 @@ TEST_F(OPML, ExportWritesFeedFoldersByPositionThenLooseFeedsByTitle) {
   feed("Zeta", "https://z.example.com/rss", news.get());
   auto shared = feed("Alpha", "https://a.example.com/rss?x=1&y=2", news.get());
   tech->addFeed(*shared);
-  feed("beta", "https://b.example.com/atom");
+  // Bytes XML cannot hold are repaired on the way out, so the list always reads back.
+  feed("beta\x01\xFF", "https://b.example.com/atom");
   feed("Aardvark", "https://aa.example.com/feed");
   ASSERT_TRUE(context().save());
 
@@ -96,44 +97,12 @@ TEST_F(OPML, ExportWritesFeedFoldersByPositionThenLooseFeedsByTitle) {
       "    <outline text=\"Empty\"/>\n"
       "    <outline type=\"rss\" text=\"Aardvark\" title=\"Aardvark\" "
       "xmlUrl=\"https://aa.example.com/feed\"/>\n"
-      "    <outline type=\"rss\" text=\"beta\" title=\"beta\" xmlUrl=\"https://b.example.com/atom\"/>\n"
+      "    <outline type=\"rss\" text=\"beta\uFFFD\" title=\"beta\uFFFD\" "
+      "xmlUrl=\"https://b.example.com/atom\"/>\n"
       "  </body>\n"
       "</opml>\n");
   // Written through a temporary file: nothing else is left in the folder.
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(out.path()), {}), 1);
-}
-
-TEST_F(OPML, ExportedListImportsIntoAnotherLibraryAsItWas) {
-  auto news = folder("News", 1);
-  folder("Empty", 2);
-  feed("One", "https://one.example.com/rss", news.get());
-  feed("Two \x01 bad\xFF", "https://two.example.com/rss");
-  ASSERT_TRUE(context().save());
-  auto document = OPMLViewController(account).exportOPMLDocument();
-  ASSERT_TRUE(document);
-  const Lines before = library();
-
-  // Into a fresh library.
-  test::TempDir other;
-  MainQueue queue;
-  UserDefaults defaults;
-  FixedClock clock(test::at(1'700'000'000));
-  FixedReachability reachability;
-  QKDataManager manager(Paths::under(other.path()), defaults, queue, clock, reachability);
-  auto main = manager.managedObjectContext();
-  ASSERT_TRUE(main);
-  auto fresh = Account::create(**main, "localrss");
-  auto summary = OPMLViewController(fresh).importOPMLFromData(*document);
-  ASSERT_TRUE(summary) << summary.error().message();
-  EXPECT_EQ(summary->foldersAdded, 2);
-  EXPECT_EQ(summary->feedsAdded, 2);
-  std::swap(account, fresh);
-  Lines after = library();
-  std::swap(account, fresh);
-  // Control characters and broken bytes were repaired on the way out.
-  EXPECT_EQ(after, (Lines{"Empty|", "News|One|https://one.example.com/rss|",
-                          "|Two  bad\uFFFD|https://two.example.com/rss|"}));
-  EXPECT_EQ(before.size(), after.size());
 }
 
 TEST_F(OPML, ImportTakesTitleOverTextAndFlattensNestedFolders) {
@@ -200,7 +169,7 @@ TEST_F(OPML, ListsFromOtherReadersImportWhatIsUsable) {
                 "https://deep.example.com/",
                 "Technology - Languages - Systems|",
                 "Technology - Languages|",
-                "Technology|Ars Technica|https://feeds.example.com/ars|https://ars.example.com/",
+                "Technology|Tech Daily|https://feeds.example.com/daily|https://daily.example.com/",
                 "|Caf\u00E9 & Bar|https://cafe.example.com/rss?x=1&y=2|",
                 "|Nameless group's feed|https://nameless.example.com/rss|",
                 "|Untyped feed|https://untyped.example.com/rss|https://untyped.example.com",
