@@ -5,8 +5,6 @@
 #include <string>
 
 #include "app/cli/Cli.h"
-#include "core/Clock.h"
-#include "core/Reachability.h"
 #include "feeds/OPMLViewController.h"
 #include "store/Account.h"
 #include "store/QKDataManager.h"
@@ -14,37 +12,24 @@
 namespace lectern::cli {
 namespace {
 
-// What an OPML command works on: the library and its built-in reader account (null when missing).
-struct OpmlLibrary {
-  SystemClock clock;
-  // Nothing here talks to a service, so the network's state does not matter.
-  FixedReachability reachability;
-  std::unique_ptr<QKDataManager> manager;
-  std::shared_ptr<Account> account;
-};
-
-Result<std::unique_ptr<OpmlLibrary>> openLibrary(CliContext& context) {
+// The built-in reader's account of the program's library; null when the library has none.
+Result<std::shared_ptr<Account>> localAccount(CliContext& context) {
   auto environment = context.environment();
   if (!environment) return fail(environment.error());
-  AppEnvironment& env = **environment;
-  auto library = std::make_unique<OpmlLibrary>();
-  library->manager = std::make_unique<QKDataManager>(env.paths(), env.defaults(), env.mainQueue(),
-                                                     library->clock, library->reachability);
-  auto main = library->manager->managedObjectContext();
+  auto manager = (*environment)->dataManager();
+  if (!manager) return fail(manager.error());
+  auto main = (*manager)->managedObjectContext();
   if (!main) return fail(main.error());
-  auto account = Account::localRSSAccount(**main);
-  if (!account) return fail(account.error());
-  library->account = *account;
-  return library;
+  return Account::localRSSAccount(**main);
 }
 
 int exportOpml(CliContext& context, const std::string& file) {
-  auto library = openLibrary(context);
-  if (!library) {
-    printError(library.error());
+  auto account = localAccount(context);
+  if (!account) {
+    printError(account.error());
     return kExitFailure;
   }
-  OPMLViewController controller((*library)->account);
+  OPMLViewController controller(*account);
   if (auto written = controller.exportOPMLToURL(file); !written) {
     printError(written.error());
     return kExitFailure;
@@ -54,12 +39,12 @@ int exportOpml(CliContext& context, const std::string& file) {
 }
 
 int importOpml(CliContext& context, const std::string& file) {
-  auto library = openLibrary(context);
-  if (!library) {
-    printError(library.error());
+  auto account = localAccount(context);
+  if (!account) {
+    printError(account.error());
     return kExitFailure;
   }
-  OPMLViewController controller((*library)->account);
+  OPMLViewController controller(*account);
   auto summary = controller.importOPMLFromURL(file);
   if (!summary) {
     printError(summary.error());
