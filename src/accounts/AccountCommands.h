@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "accounts/AccountLifecycle.h"
+#include "core/Clock.h"
+#include "core/Error.h"
+
+namespace lectern {
+
+class Account;
+class ObjectContext;
+
+// What the `lectern` account commands do, as library calls: create, list, find and remove accounts
+// and set their preferences. Main context, main thread.
+
+struct NewAccount {
+  std::string service;                   // a service identifier: "feedbin", "localrss" ...
+  std::optional<std::string> username;   // required by services that log in, refused by the others
+  std::optional<std::string> password;   // kept in the keychain as the account's tokenSecret
+  std::optional<std::string> endpoint;   // api_endpoint: an http(s) address (self-hosted servers)
+  std::optional<std::string> title;      // the service's display name when absent
+};
+
+// Creates and saves the account with its default folders, keychain item and preferences entry;
+// it goes last in the sidebar. Saves the main context, or rolls its unsaved changes back on failure.
+// Refused (kInvalidAccountSettings, kAccountExists) for a service
+// without class, the smart-folders account, a missing or unwanted username, a password for a
+// service without login, an endpoint that is not http(s), or an identifier already in use.
+Result<std::shared_ptr<Account>> createAccount(ObjectContext& mainContext, const NewAccount& request);
+
+struct AccountSummary {
+  std::int64_t localId = 0;  // the account's row
+  std::string uniqueIdentifier;
+  std::string service;
+  std::string title;
+  std::optional<std::string> username;
+  std::optional<Date> last_sync;
+  std::optional<std::string> syncError;  // the last sync's error, "description: suggestion"
+};
+
+// Every account but the smart-folders one, in sidebar order.
+Result<std::vector<AccountSummary>> listAccounts(ObjectContext& context);
+
+// The account whose uniqueIdentifier is `name`, else the only account of the service `name`.
+// kNoSuchAccount when none matches, kAmbiguousAccount (naming the candidates) for several.
+Result<std::shared_ptr<Account>> findAccount(ObjectContext& context, std::string_view name);
+
+// findAccount, then deleteAccount.
+Result<void> removeAccount(ObjectContext& mainContext, std::string_view name,
+                           const CancelAccountSync& cancelSync = {});
+
+// Stores one preference of the account. A known key takes its initial value's type: yes/no,
+// true/false, on/off or 1/0 for the flags, a whole number for the indexes (else
+// kInvalidPreferenceValue). Another key stores a flag or a whole number when the text reads as
+// one, else the text. Answers the value stored.
+Result<nlohmann::json> setAccountPreference(Account& account, std::string_view key, std::string_view value);
+
+}  // namespace lectern

@@ -1,0 +1,109 @@
+#include "accounts/ServiceBase.h"
+
+#include <fmt/format.h>
+
+#include "accounts/AccountErrors.h"
+#include "core/Log.h"
+#include "core/MainQueue.h"
+#include "net/AFHTTPClient.h"
+#include "store/Account.h"
+#include "store/Folder.h"
+#include "store/ObjectContext.h"
+
+namespace lectern {
+
+namespace {
+constexpr std::string_view kLogCategory = "ServiceBase";
+}
+
+ServiceBase::ServiceBase(Account& account, const ServiceDependencies& dependencies)
+    : account_(std::static_pointer_cast<Account>(account.shared_from_this())), dependencies_(dependencies) {}
+
+ServiceBase::~ServiceBase() = default;
+
+ObjectContext& ServiceBase::managedObjectContext() const {
+  auto owner = account();
+  if (!owner) throw InternalInconsistency("The service's account is gone");
+  return owner->managedObjectContext();
+}
+
+std::shared_ptr<AFHTTPClient> ServiceBase::apiClient() {
+  if (!apiClientMade_) {
+    apiClient_ = makeApiClient();
+    apiClientMade_ = true;
+  }
+  return apiClient_;
+}
+
+void ServiceBase::resetApiClient() {
+  if (apiClient_) apiClient_->operationQueue().cancelAllOperations();
+  apiClient_.reset();
+  apiClientMade_ = false;
+}
+
+void ServiceBase::createDefaultFolders(Account& account) {
+  std::int64_t pos = 0;
+  for (const auto& folder : builtInFolders(serviceType())) {
+    auto found = account.findFolderWithId(folder.folderId);
+    if (!found) {
+      logError(kLogCategory, "{}: failed to look for the folder {}: {}", descriptionName(), folder.folderId,
+               found.error().message());
+      return;
+    }
+    if (!*found) account.addFolderWithTitle(std::string(folder.title), pos, std::string(folder.folderId));
+    ++pos;
+  }
+}
+
+void ServiceBase::cancelAllRequests() {
+  // Only a client already made has requests; asking must not build one.
+  if (apiClient_) apiClient_->operationQueue().cancelAllOperations();
+}
+
+Error ServiceBase::clientUnavailableError(std::string_view action) const {
+  return Error::make(
+      kAccountErrorDomain, kServiceClientUnavailable, fmt::format("{}: Failed to {}", descriptionName(), action),
+      fmt::format("This version of Lectern cannot talk to {} yet: nothing was sent.", descriptionName()));
+}
+
+void ServiceBase::complete(ServiceCompletion onCompleted, std::optional<Error> error) const {
+  if (!onCompleted) return;
+  dependencies_.mainQueue.post(
+      [onCompleted = std::move(onCompleted), error = std::move(error)] { onCompleted(error); });
+}
+
+void ServiceBase::completeWithoutClient(std::string_view action, ServiceCompletion onCompleted) const {
+  complete(std::move(onCompleted), clientUnavailableError(action));
+}
+
+void ServiceBase::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>&, Account&, bool archived,
+                                ServiceCompletion onCompleted) {
+  completeWithoutClient(archived ? "mark items read" : "mark items unread", std::move(onCompleted));
+}
+
+void ServiceBase::markBookmarkFavorited(Bookmark&, bool favorited, ServiceCompletion onCompleted) {
+  completeWithoutClient(favorited ? "star item" : "unstar item", std::move(onCompleted));
+}
+
+void ServiceBase::markBookmarkShared(Bookmark&, bool shared, ServiceCompletion onCompleted) {
+  completeWithoutClient(shared ? "share item" : "unshare item", std::move(onCompleted));
+}
+
+void ServiceBase::deleteBookmark(Account&, const std::string&, const std::optional<std::string>&,
+                                 ServiceCompletion onCompleted) {
+  completeWithoutClient("delete item", std::move(onCompleted));
+}
+
+void ServiceBase::moveBookmark(Bookmark&, Folder&, ServiceCompletion onCompleted) {
+  completeWithoutClient("move item", std::move(onCompleted));
+}
+
+void ServiceBase::updateTags(Bookmark&, ServiceCompletion onCompleted) {
+  completeWithoutClient("update tags", std::move(onCompleted));
+}
+
+void ServiceBase::updateReadProgress(Bookmark&, double, ServiceCompletion onCompleted) {
+  completeWithoutClient("update reading progress", std::move(onCompleted));
+}
+
+}  // namespace lectern
