@@ -82,8 +82,10 @@ Result<std::shared_ptr<Account>> createAccount(ObjectContext& mainContext, const
   }
   const std::string_view name = serviceDescriptionName(type);
   const auto username = nonEmpty(request.username);
-  if (canLogin(type) && !username) return refuse(kInvalidAccountSettings, fmt::format("{} needs a username.", name));
-  if (!canLogin(type) && username) return refuse(kInvalidAccountSettings, fmt::format("{} takes no username.", name));
+  if (canLogin(type) && !username)
+    return refuse(kInvalidAccountSettings, fmt::format("{} needs a username.", name));
+  if (!canLogin(type) && username)
+    return refuse(kInvalidAccountSettings, fmt::format("{} takes no username.", name));
   if (!canLogin(type) && request.password) {
     return refuse(kInvalidAccountSettings, fmt::format("{} takes no password.", name));
   }
@@ -103,8 +105,8 @@ Result<std::shared_ptr<Account>> createAccount(ObjectContext& mainContext, const
     pos = std::max(pos, account->pos() + 1);
   }
 
-  auto account = Account::create(mainContext, service, username,
-                                 nonEmpty(request.title).value_or(std::string(name)));
+  auto account =
+      Account::create(mainContext, service, username, nonEmpty(request.title).value_or(std::string(name)));
   account->setPos(pos);
   account->setApi_endpoint(endpoint);
   if (request.password) {
@@ -149,7 +151,8 @@ Result<std::vector<AccountSummary>> listAccounts(ObjectContext& context) {
 
 Result<std::shared_ptr<Account>> findAccount(ObjectContext& context, std::string_view name) {
   auto accounts = Account::services(context);
-  if (!accounts) return fail(kAccountErrorDomain, kStoreFailed, "Failed to find the account", accounts.error().message());
+  if (!accounts)
+    return fail(kAccountErrorDomain, kStoreFailed, "Failed to find the account", accounts.error().message());
   std::vector<std::shared_ptr<Account>> ofService;
   for (const auto& account : *accounts) {
     if (account->uniqueIdentifier() == name) return account;
@@ -166,7 +169,8 @@ Result<std::shared_ptr<Account>> findAccount(ObjectContext& context, std::string
               fmt::format("Several accounts use {}: {}. Name one of them.", name, join(identifiers, ", ")));
 }
 
-Result<void> removeAccount(ObjectContext& mainContext, std::string_view name, const CancelAccountSync& cancelSync) {
+Result<void> removeAccount(ObjectContext& mainContext, std::string_view name,
+                           const CancelAccountSync& cancelSync) {
   auto account = findAccount(mainContext, name);
   if (!account) return fail(account.error());
   return deleteAccount(**account, cancelSync);

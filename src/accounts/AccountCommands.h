@@ -2,12 +2,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "accounts/AccountLifecycle.h"
 #include "core/Clock.h"
@@ -22,11 +21,11 @@ class ObjectContext;
 // and set their preferences. Main context, main thread.
 
 struct NewAccount {
-  std::string service;                   // a service identifier: "feedbin", "localrss" ...
-  std::optional<std::string> username;   // required by services that log in, refused by the others
-  std::optional<std::string> password;   // kept in the keychain as the account's tokenSecret
-  std::optional<std::string> endpoint;   // api_endpoint: an http(s) address (self-hosted servers)
-  std::optional<std::string> title;      // the service's display name when absent
+  std::string service;                  // a service identifier: "feedbin", "localrss" ...
+  std::optional<std::string> username;  // required by services that log in, refused by the others
+  std::optional<std::string> password;  // kept in the keychain as the account's tokenSecret
+  std::optional<std::string> endpoint;  // api_endpoint: an http(s) address (self-hosted servers)
+  std::optional<std::string> title;     // the service's display name when absent
 };
 
 // Creates and saves the account with its default folders, keychain item and preferences entry;

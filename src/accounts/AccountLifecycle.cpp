@@ -38,11 +38,13 @@ bool hasStoredPreferences(const UserDefaults& defaults, const std::string& ident
 void forgetIdentifier(StoreEnvironment& environment, const std::string& identifier) {
   if (auto* secrets = environment.secretStore()) {
     if (auto deleted = secrets->deletePassword(kPasswordServiceName, identifier); !deleted) {
-      logError(kLogCategory, "Failed to delete the password of {}: {}", identifier, deleted.error().message());
+      logError(kLogCategory, "Failed to delete the password of {}: {}", identifier,
+               deleted.error().message());
     }
   }
   if (auto removed = QKAccountPreferences(environment.defaults(), identifier).remove(); !removed) {
-    logError(kLogCategory, "Failed to remove the preferences of {}: {}", identifier, removed.error().message());
+    logError(kLogCategory, "Failed to remove the preferences of {}: {}", identifier,
+             removed.error().message());
   }
 }
 
@@ -63,7 +65,7 @@ Result<bool> identifierTaken(Account& account, const std::string& identifier) {
 }
 
 void resetClient(Account& account) {
-  if (auto* service = dynamic_cast<ServiceBase*>(account.serviceObject().get())) service->resetApiClient();
+  if (auto service = serviceObjectOf(account)) service->resetApiClient();
 }
 
 // The identifier an account of `service` with `username` goes by (the store's uniqueIdentifier rule).
@@ -99,7 +101,8 @@ Result<void> changeIdentity(Account& account, std::string_view action, std::stri
     }
     if (auto* secrets = environment.secretStore()) {
       if (auto deleted = secrets->deletePassword(kPasswordServiceName, oldIdentifier); !deleted) {
-        logError(kLogCategory, "Failed to delete the password of {}: {}", oldIdentifier, deleted.error().message());
+        logError(kLogCategory, "Failed to delete the password of {}: {}", oldIdentifier,
+                 deleted.error().message());
       }
     }
   }
@@ -113,7 +116,8 @@ Result<std::shared_ptr<Account>> ensureSmartFoldersAccount(ObjectContext& mainCo
   auto found = Account::smartFoldersAccount(mainContext);
   if (!found) return fail(storeError("Failed to look for the smart folders", found.error()));
   if (*found) return *found;
-  auto account = Account::create(mainContext, kSmartFoldersServiceName, std::nullopt, std::string(kSmartFoldersTitle));
+  auto account =
+      Account::create(mainContext, kSmartFoldersServiceName, std::nullopt, std::string(kSmartFoldersTitle));
   // The registered service object has made them already; without it they are made here.
   SmartFolderService::addDefaultSmartFolders(*account);
   if (auto saved = mainContext.save(); !saved) {

@@ -4,6 +4,7 @@
 
 #include "accounts/AccountCommands.h"
 #include "accounts/AccountErrors.h"
+#include "accounts/ServiceFactory.h"
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Strings.h"
@@ -21,16 +22,15 @@ namespace {
 constexpr std::string_view kLogCategory = "LocalRSSService";
 
 LocalRSSService& localService(Account& account) {
-  auto* service = dynamic_cast<LocalRSSService*>(account.serviceObject().get());
-  if (service == nullptr) throw InternalInconsistency("The service factory is not registered");
-  return *service;
+  auto service = serviceObjectOf<LocalRSSService>(account);
+  if (!service) throw InternalInconsistency("The service factory is not registered");
+  return *service;  // owned by the account, which the caller holds
 }
 
 // A folder made for a subscription that failed goes again, unless something else joined it.
-void removeIfEmpty(const std::weak_ptr<Account>& owner, ObjectId folderId) {
-  auto account = owner.lock();
-  if (!account || !account->hasContext()) return;
-  auto& context = account->managedObjectContext();
+void removeIfEmpty(Account& account, ObjectId folderId) {
+  if (!account.hasContext() || account.isDeleted()) return;
+  auto& context = account.managedObjectContext();
   auto folder = context.existingObject<FeedFolder>(folderId);
   if (!folder || !*folder) return;
   auto feeds = (*folder)->feeds();
@@ -46,7 +46,9 @@ void removeIfEmpty(const std::weak_ptr<Account>& owner, ObjectId folderId) {
 
 Result<std::shared_ptr<Account>> ensureLocalRSSAccount(ObjectContext& mainContext) {
   auto found = Account::localRSSAccount(mainContext);
-  if (!found) return fail(kAccountErrorDomain, kStoreFailed, "Failed to find the built-in reader", found.error().message());
+  if (!found)
+    return fail(kAccountErrorDomain, kStoreFailed, "Failed to find the built-in reader",
+                found.error().message());
   if (*found) return *found;
   NewAccount request;
   request.service = std::string(kLocalRSSServiceName);
@@ -77,10 +79,10 @@ void subscribeToFeed(ObjectContext& mainContext, std::string url, std::optional<
       }
     }
   }
-  std::weak_ptr<Account> owner = *account;
+  // The completion runs on the main queue and holds the account object (and so its service) until then.
   service.addFeedWithUrl(std::move(url), folder.get(),
-                         [owner, createdFolder, onCompleted](Result<std::shared_ptr<Feed>> added) {
-                           if (!added && createdFolder) removeIfEmpty(owner, *createdFolder);
+                         [owner = *account, createdFolder, onCompleted](Result<std::shared_ptr<Feed>> added) {
+                           if (!added && createdFolder) removeIfEmpty(*owner, *createdFolder);
                            if (onCompleted) onCompleted(std::move(added));
                          });
 }

@@ -48,7 +48,8 @@ Result<std::shared_ptr<FeedFolder>> FeedService::createOrRenameLocalFolder(FeedF
   auto found = context.fetchFirst<FeedFolder>(std::move(request));
   if (!found) return fail(found.error());
   if (*found) return *found;
-  auto count = context.count(Entity::kFeedFolder, "account = ? AND entity = 'FeedFolder'", {owner->objectID().row});
+  auto count =
+      context.count(Entity::kFeedFolder, "account = ? AND entity = 'FeedFolder'", {owner->objectID().row});
   if (!count) return fail(count.error());
   // A local folder has no remote id; a UUID keeps it apart from the built-in ids ("unread" ...).
   return owner->addFeedFolderWithTitle(title, *count, UUIDString());
@@ -95,7 +96,8 @@ void FeedService::completeFeed(FeedCompletion onCompleted, Result<std::shared_pt
       [onCompleted = std::move(onCompleted), result = std::move(result)] { onCompleted(result); });
 }
 
-void FeedService::completeFolder(FolderCompletion onCompleted, Result<std::shared_ptr<FeedFolder>> result) const {
+void FeedService::completeFolder(FolderCompletion onCompleted,
+                                 Result<std::shared_ptr<FeedFolder>> result) const {
   if (!onCompleted) return;
   dependencies().mainQueue.post(
       [onCompleted = std::move(onCompleted), result = std::move(result)] { onCompleted(result); });

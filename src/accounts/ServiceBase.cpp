@@ -61,9 +61,12 @@ void ServiceBase::cancelAllRequests() {
 }
 
 Error ServiceBase::clientUnavailableError(std::string_view action) const {
-  return Error::make(
-      kAccountErrorDomain, kServiceClientUnavailable, fmt::format("{}: Failed to {}", descriptionName(), action),
-      fmt::format("This version of Lectern cannot talk to {} yet: nothing was sent.", descriptionName()));
+  return Error::make(kAccountErrorDomain, kServiceClientUnavailable,
+                     fmt::format("{}: Failed to {}", descriptionName(), action), unavailableReason());
+}
+
+std::string ServiceBase::unavailableReason() const {
+  return fmt::format("This version of Lectern cannot talk to {} yet: nothing was sent.", descriptionName());
 }
 
 void ServiceBase::complete(ServiceCompletion onCompleted, std::optional<Error> error) const {

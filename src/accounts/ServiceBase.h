@@ -61,14 +61,16 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
                      ServiceCompletion onCompleted) override;
   void markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) override;
   void markBookmarkShared(Bookmark& bookmark, bool shared, ServiceCompletion onCompleted) override;
-  void deleteBookmark(Account& account, const std::string& bookmarkId, const std::optional<std::string>& feedId,
-                      ServiceCompletion onCompleted) override;
+  void deleteBookmark(Account& account, const std::string& bookmarkId,
+                      const std::optional<std::string>& feedId, ServiceCompletion onCompleted) override;
   void moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) override;
   void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;
 
-  // "<service>: Failed to <action>", with a recovery suggestion saying the client is missing.
+  // "<service>: Failed to <action>", with unavailableReason() as recovery suggestion.
   Error clientUnavailableError(std::string_view action) const;
+  // Why calls that need a client fail: here, that this version has none for the service.
+  virtual std::string unavailableReason() const;
 
  protected:
   // Builds the client for the account (its endpoint, token, secret). None by default.

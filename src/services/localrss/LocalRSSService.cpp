@@ -185,7 +185,8 @@ void LocalRSSService::moveFeed(Feed& feed, FeedFolder* folder, ServiceCompletion
 void LocalRSSService::addOrRenameFolder(std::string title, FeedFolder* originalFolder,
                                         FolderCompletion onCompleted) {
   checkFolder(originalFolder);
-  if (!managedObjectContext().isMainContext()) throw InternalInconsistency("Folders are added on the main context");
+  if (!managedObjectContext().isMainContext())
+    throw InternalInconsistency("Folders are added on the main context");
   title = trim(title);
   if (title.empty()) {
     completeFolder(std::move(onCompleted),

@@ -38,15 +38,16 @@ class LocalRSSService final : public FeedService {
   void deleteFeed(Feed& feed, ServiceCompletion handler) override;
   void moveFeed(Feed& feed, FeedFolder* folder, ServiceCompletion onComplete) override;
   // Main context only (the folder is handed to the completion).
-  void addOrRenameFolder(std::string title, FeedFolder* originalFolder, FolderCompletion onCompleted) override;
+  void addOrRenameFolder(std::string title, FeedFolder* originalFolder,
+                         FolderCompletion onCompleted) override;
 
   // Item changes are the store's alone: they succeed at once.
   void markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account, bool archived,
                      ServiceCompletion onCompleted) override;
   void markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) override;
   void markBookmarkShared(Bookmark& bookmark, bool shared, ServiceCompletion onCompleted) override;
-  void deleteBookmark(Account& account, const std::string& bookmarkId, const std::optional<std::string>& feedId,
-                      ServiceCompletion onCompleted) override;
+  void deleteBookmark(Account& account, const std::string& bookmarkId,
+                      const std::optional<std::string>& feedId, ServiceCompletion onCompleted) override;
   void moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) override;
   void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "accounts/AccountErrors.h"
 #include "core/Log.h"
 #include "core/Strings.h"
 #include "store/Account.h"
@@ -20,14 +19,15 @@ constexpr std::string_view kLogCategory = "SmartFolderService";
 constexpr std::string_view kReadLaterServices[] = {"instapaper",  "pocket",    "pinboard",
                                                    "readability", "delicious", "obsolete"};
 // The six feed services, types 6 to 11.
-constexpr ServiceType kFeedServices[] = {ServiceType::kNewsBlur,     ServiceType::kLocalRSS,
-                                         ServiceType::kFever,        ServiceType::kFeedWrangler,
-                                         ServiceType::kFeedbin,      ServiceType::kFeedly};
+constexpr ServiceType kFeedServices[] = {ServiceType::kNewsBlur, ServiceType::kLocalRSS,
+                                         ServiceType::kFever,    ServiceType::kFeedWrangler,
+                                         ServiceType::kFeedbin,  ServiceType::kFeedly};
 
 // "(account.service == \"a\" OR account.service == \"b\" ...)"
 std::string serviceClause(const std::vector<std::string>& services) {
   std::vector<std::string> alternatives;
-  for (const auto& service : services) alternatives.push_back(fmt::format("account.service == \"{}\"", service));
+  for (const auto& service : services)
+    alternatives.push_back(fmt::format("account.service == \"{}\"", service));
   return "(" + join(alternatives, " OR ") + ")";
 }
 
@@ -65,7 +65,8 @@ void SmartFolderService::addDefaultSmartFolders(Account& account) {
     request.arguments = {account.objectID().row, folder.title};
     auto found = context.fetchFirst<SmartFolder>(std::move(request));
     if (!found) {
-      logError(kLogCategory, "Failed to look for the smart folder {}: {}", folder.title, found.error().message());
+      logError(kLogCategory, "Failed to look for the smart folder {}: {}", folder.title,
+               found.error().message());
       return;
     }
     if (!*found) {
@@ -84,35 +85,8 @@ void SmartFolderService::addDefaultSmartFolders(Account& account) {
   }
 }
 
-void SmartFolderService::refuse(std::string_view action, ServiceCompletion onCompleted) const {
-  complete(std::move(onCompleted),
-           Error::make(kAccountErrorDomain, kServiceClientUnavailable,
-                       fmt::format("{}: Failed to {}", descriptionName(), action),
-                       "Smart folders hold no items of their own: change the item in its account."));
-}
-
-void SmartFolderService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>&, Account&, bool,
-                                       ServiceCompletion onCompleted) {
-  refuse("mark items", std::move(onCompleted));
-}
-void SmartFolderService::markBookmarkFavorited(Bookmark&, bool, ServiceCompletion onCompleted) {
-  refuse("star item", std::move(onCompleted));
-}
-void SmartFolderService::markBookmarkShared(Bookmark&, bool, ServiceCompletion onCompleted) {
-  refuse("share item", std::move(onCompleted));
-}
-void SmartFolderService::deleteBookmark(Account&, const std::string&, const std::optional<std::string>&,
-                                        ServiceCompletion onCompleted) {
-  refuse("delete item", std::move(onCompleted));
-}
-void SmartFolderService::moveBookmark(Bookmark&, Folder&, ServiceCompletion onCompleted) {
-  refuse("move item", std::move(onCompleted));
-}
-void SmartFolderService::updateTags(Bookmark&, ServiceCompletion onCompleted) {
-  refuse("update tags", std::move(onCompleted));
-}
-void SmartFolderService::updateReadProgress(Bookmark&, double, ServiceCompletion onCompleted) {
-  refuse("update reading progress", std::move(onCompleted));
+std::string SmartFolderService::unavailableReason() const {
+  return "Smart folders hold no items of their own: change the item in its account.";
 }
 
 }  // namespace lectern

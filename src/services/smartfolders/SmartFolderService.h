@@ -31,20 +31,9 @@ class SmartFolderService final : public ServiceBase {
 
   void createDefaultFolders(Account& account) override { addDefaultSmartFolders(account); }
 
-  // Items shown in smart folders belong to their own accounts, so these calls never concern this
-  // service: they fail and change nothing.
-  void markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account, bool archived,
-                     ServiceCompletion onCompleted) override;
-  void markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) override;
-  void markBookmarkShared(Bookmark& bookmark, bool shared, ServiceCompletion onCompleted) override;
-  void deleteBookmark(Account& account, const std::string& bookmarkId, const std::optional<std::string>& feedId,
-                      ServiceCompletion onCompleted) override;
-  void moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) override;
-  void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
-  void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;
-
- private:
-  void refuse(std::string_view action, ServiceCompletion onCompleted) const;
+  // Items shown in smart folders belong to their own accounts: item calls never concern this
+  // service, and fail changing nothing.
+  std::string unavailableReason() const override;
 };
 
 }  // namespace lectern
