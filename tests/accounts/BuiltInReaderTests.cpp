@@ -131,6 +131,12 @@ TEST_F(BuiltInReaderTest, SubscribingTwiceKeepsOneFeed) {
   ASSERT_EQ(feeds.size(), 2u);
   EXPECT_EQ(feeds[0], feeds[1]);
   EXPECT_EQ(feedCount(), 2);
+
+  // A feed that knows its address only as feed_link (as OPML import writes it) is found too.
+  auto account = Account::localRSSAccount(context()).value();
+  auto imported = account->addFeedWithTitle("Imported", server_.url("/page.html"), std::nullopt);
+  ASSERT_TRUE(context().save());
+  EXPECT_EQ(subscribe(server_.url("/page.html")).value(), imported);
 }
 
 TEST_F(BuiltInReaderTest, UnsubscribingRemovesTheFeedWithItsStories) {

@@ -143,8 +143,9 @@ Result<std::shared_ptr<Feed>> LocalRSSService::existingFeed(const std::string& u
   auto owner = account();
   if (!owner) return fail(addSubscriptionError("The account was removed."));
   ObjectContext::FetchRequest request;
-  request.where = "account = ? AND folder_id = ?";
-  request.arguments = {owner->objectID().row, url};
+  // Feeds made elsewhere (OPML import) may keep the address in feed_link alone.
+  request.where = "account = ? AND (folder_id = ? OR feed_link = ?)";
+  request.arguments = {owner->objectID().row, url, url};
   request.orderBy = "id";
   auto found = owner->managedObjectContext().fetchFirst<Feed>(std::move(request));
   if (!found) return fail(addSubscriptionError(found.error().message()));
