@@ -1,5 +1,6 @@
 set(LECTERN_APP_SOURCES
   src/app/AppEnvironment.cpp
+  src/app/QKApplicationController.cpp
 )
 # The program itself: argument parsing and presentation only.
 set(LECTERN_CLI_SOURCES

@@ -1,0 +1,165 @@
+#include "app/QKApplicationController.h"
+
+#include "core/Log.h"
+#include "core/MainQueue.h"
+#include "core/Reachability.h"
+#include "core/UserDefaults.h"
+#include "store/Account.h"
+#include "store/ObjectContext.h"
+#include "store/QKDataManager.h"
+#include "sync/SyncWindowControllerDelegate.h"
+
+namespace lectern {
+namespace {
+
+constexpr std::string_view kCategory = "QKApplicationController";
+
+}  // namespace
+
+QKApplicationController::QKApplicationController(const SyncEnvironment& environment, Options options)
+    : environment_(environment), options_(options), syncManager_(environment, options.presenter) {
+  syncManager_.setAppControllerDelegate(this);
+  // Observers may be told on any thread; the work belongs on the main queue.
+  std::weak_ptr<bool> alive = alive_;
+  reachabilityObserver_ = environment_.reachability.addObserver([this, alive](ReachabilityStatus) {
+    environment_.mainQueue.post([this, alive] {
+      if (!alive.expired()) reachabilityChanged();
+    });
+  });
+}
+
+QKApplicationController::~QKApplicationController() {
+  environment_.reachability.removeObserver(reachabilityObserver_);
+  cancelScheduled();
+  alive_.reset();
+}
+
+Result<void> QKApplicationController::setupApp() {
+  auto& dataManager = environment_.dataManager;
+  if (dataManager.isMigrationNeeded()) {
+    if (auto migrated = dataManager.migrate(nullptr); !migrated) return migrated;
+  }
+  if (auto context = dataManager.managedObjectContext(); !context) return fail(context.error());
+  if (auto folders = dataManager.environment().paths().createSupportFolders(); !folders) return folders;
+  if (auto smart = ensureSmartFoldersAccount(); !smart) return smart;
+  registerLecternDefaults(environment_.defaults);
+  return deleteObsoleteServices();
+}
+
+Result<void> QKApplicationController::ensureSmartFoldersAccount() {
+  auto context = environment_.dataManager.managedObjectContext();
+  if (!context) return fail(context.error());
+  auto existing = Account::smartFoldersAccount(**context);
+  if (!existing) return fail(existing.error());
+  if (*existing) return {};
+  Account::create(**context, kSmartFoldersServiceName, std::nullopt, std::string("Smart Folders"));
+  return (*context)->save();
+}
+
+Result<void> QKApplicationController::deleteObsoleteServices() {
+  auto context = environment_.dataManager.managedObjectContext();
+  if (!context) return fail(context.error());
+  auto accounts = Account::services(**context);
+  if (!accounts) return fail(accounts.error());
+  bool deleted = false;
+  for (const auto& account : *accounts) {
+    if (account->serviceType() != ServiceType::kObsolete) continue;
+    logInfo(kCategory, "Removing the account {} of a retired service", account->uniqueIdentifier());
+    (*context)->deleteObject(*account);
+    deleted = true;
+  }
+  return deleted ? (*context)->save() : Result<void>();
+}
+
+void QKApplicationController::startScheduling() {
+  std::weak_ptr<bool> alive = alive_;
+  auto& mainQueue = environment_.mainQueue;
+  scheduled_.push_back(mainQueue.postAfter(options_.reachabilityDelay, [this, alive] {
+    if (!alive.expired()) reachabilityChanged();
+  }));
+  scheduled_.push_back(mainQueue.postAfter(options_.syncOnStartDelay, [this, alive] {
+    if (alive.expired()) return;
+    syncOnStart();
+    syncManager_.startTimer();
+  }));
+}
+
+void QKApplicationController::syncOnStart() {
+  auto context = environment_.dataManager.managedObjectContext();
+  if (!context) return;
+  auto accounts = Account::services(**context);
+  if (!accounts) {
+    logError(kCategory, "Failed to read the accounts: {}", accounts.error().message());
+    return;
+  }
+  std::vector<std::shared_ptr<Account>> onStart;
+  for (const auto& account : *accounts) {
+    if (account->preferences().boolForKey("syncOnStart")) onStart.push_back(account);
+  }
+  if (!onStart.empty()) syncManager_.syncAccounts(onStart);
+}
+
+void QKApplicationController::cancelScheduled() {
+  for (const auto id : scheduled_) environment_.mainQueue.cancelScheduled(id);
+  scheduled_.clear();
+}
+
+void QKApplicationController::shutdown() {
+  cancelScheduled();
+  syncManager_.stopTimer();
+  syncManager_.cancelAllSyncOperations();
+  syncManager_.waitUntilSyncFinished();
+  environment_.dataManager.save();
+}
+
+void QKApplicationController::reachabilityChanged() {
+  if (mainWindowController_ != nullptr) mainWindowController_->networkStatusDidChanged();
+  if (environment_.reachability.isReachable()) {
+    logDebugMessage(kCategory, "*** Network status changed: reachable (periodic sync needed)");
+    if (mainWindowController_ != nullptr) mainWindowController_->setSyncEnabled(true);
+    return;
+  }
+  logDebugMessage(kCategory, "*** Network status changed: NOT reachable");
+  if (syncManager_.isSyncing()) syncManager_.cancelAllSyncOperations();
+  if (mainWindowController_ != nullptr) mainWindowController_->setSyncEnabled(false);
+}
+
+void QKApplicationController::computerWillSleep() {
+  logDebugMessage(kCategory, "*** Computer will sleep, disable periodic update");
+  if (syncManager_.isSyncing()) syncManager_.cancelAllSyncOperations();
+}
+
+void QKApplicationController::computerDidWake() {
+  // The timer picks up the accounts that fell due during the sleep at its next tick.
+  logDebugMessage(kCategory, "*** Computer wake up from sleep");
+}
+
+size_t QKApplicationController::startSync(bool forced) {
+  auto context = environment_.dataManager.managedObjectContext();
+  if (!context) return 0;
+  auto accounts = Account::services(**context);
+  if (!accounts) {
+    logError(kCategory, "Failed to read the accounts: {}", accounts.error().message());
+    return 0;
+  }
+  return syncManager_.syncAccounts(*accounts, forced);
+}
+
+size_t QKApplicationController::syncAccount(const std::shared_ptr<Account>& account, bool forced) {
+  return syncManager_.syncAccounts({account}, forced);
+}
+
+void QKApplicationController::setMainWindowController(SyncWindowControllerDelegate* controller) {
+  mainWindowController_ = controller;
+  syncManager_.setMainWindowControllerDelegate(controller);
+}
+
+void QKApplicationController::syncOperationDidUpdateAccount(Account& account) {
+  if (accountObserver_ != nullptr) accountObserver_->syncOperationDidUpdateAccount(account);
+}
+
+void QKApplicationController::syncOperationDidCompletedForAccount(Account& account) {
+  if (accountObserver_ != nullptr) accountObserver_->syncOperationDidCompletedForAccount(account);
+}
+
+}  // namespace lectern

@@ -1,0 +1,302 @@
+#include "services/localrss/FeedSyncOperation.h"
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "core/Log.h"
+#include "core/MainQueue.h"
+#include "core/OperationQueue.h"
+#include "core/UserDefaults.h"
+#include "store/Account.h"
+#include "store/Feed.h"
+#include "store/FeedStory.h"
+#include "store/ObjectContext.h"
+#include "store/QKDataManager.h"
+#include "sync/SyncWindowControllerDelegate.h"
+
+namespace lectern {
+namespace {
+
+constexpr std::string_view kCategory = FeedSyncOperation::kClassName;
+
+// A JSON array of ids, for "IN (SELECT value FROM json_each(?))": one statement whatever the count.
+std::string jsonArrayOf(const std::vector<std::string>& ids) { return nlohmann::json(ids).dump(); }
+
+}  // namespace
+
+FeedSyncOperation::FeedSyncOperation(std::shared_ptr<Account> account, const SyncEnvironment& environment)
+    : SyncOperation(account, environment),
+      cacheImages_(account->preferences().boolForKey("cacheImages")),
+      fetches_(environment.session, environment.clock) {
+  if (cacheImages_) {
+    images_ = std::make_unique<StoryImageDownloader>(
+        environment.session, environment.dataManager.environment().paths().imageCacheFolder());
+  }
+}
+
+FeedSyncOperation::~FeedSyncOperation() = default;
+
+std::vector<FeedRefreshFailure> FeedSyncOperation::feedErrors() const {
+  std::lock_guard lock(errorsMutex_);
+  return errors_;
+}
+
+void FeedSyncOperation::cancelRequests() {
+  fetches_.cancelAll();
+  if (images_) images_->cancel();
+}
+
+void FeedSyncOperation::main() {
+  nameCurrentThread(kClassName);
+  if (!setupManagedObjectContext()) {
+    completeOperation();
+    return;
+  }
+  // Changes made offline reach the library before the feeds do.
+  processOfflineOperations();
+  saveContext();
+
+  keepDate_ = Feed::calculateKeepDate(environment().defaults, environment().clock);
+  {
+    auto feeds = account().feedsInSyncOrder();
+    if (!feeds) {
+      setError(feeds.error());
+      finishOperation();
+      return;
+    }
+    for (const auto& feed : *feeds) {
+      jobs_.push_back(FeedJob{feed->objectID(), feed->title().value_or(""), feed->URL().value_or("")});
+    }
+  }
+
+  if (!refreshFeeds() || !removeObsoleteStories()) {
+    finishOperation();
+    return;
+  }
+  saveContext();
+  account().setLast_sync(environment().clock.now());
+  account().setLast_sync_keep_index(Feed::daysKeepUnreadItems(environment().defaults));
+  saveContext();
+  finishOperation();
+}
+
+void FeedSyncOperation::finishOperation() {
+  if (images_) {
+    if (isCancelled()) images_->cancel();
+    images_->waitUntilFinished();
+  }
+  completeOperation();
+}
+
+FeedSyncOperation::ParentView FeedSyncOperation::parentView(ObjectId feed, bool withSelection) {
+  ParentView view;
+  environment().mainQueue.runSync([&] {
+    // Once the main loop has shut down nobody can delete a feed any more.
+    if (!environment().mainQueue.isMainThread()) return;
+    auto main = environment().dataManager.managedObjectContext();
+    if (!main) return;
+    auto found = (*main)->existingObject<Feed>(feed);
+    view.deleted = found && (!*found || (*found)->isDeleted());
+    if (withSelection && !view.deleted && mainWindowControllerDelegate() != nullptr) {
+      view.selected = mainWindowControllerDelegate()->selectedBookmarks();
+    }
+  });
+  return view;
+}
+
+bool FeedSyncOperation::refreshFeeds() {
+  // Downloads run on their own threads; every change to the library happens here, on the
+  // operation's thread, which owns the context. A feed holds its slot until it is merged, so at
+  // most three feeds are under way at once.
+  std::mutex mutex;  // guards done
+  std::condition_variable arrived;
+  std::deque<Download> done;
+  OperationQueue downloads("com.quillhq.Lectern.FeedDownloads", kConcurrentFeedFetches);
+
+  size_t next = 0;
+  int inFlight = 0;
+  bool cancelled = false;
+  for (;;) {
+    while (!cancelled && inFlight < kConcurrentFeedFetches && next < jobs_.size()) {
+      const size_t job = next++;
+      ++inFlight;
+      downloads.addOperation([this, job, &mutex, &arrived, &done] {
+        Download download = downloadAllStoriesOfFeed(job);
+        std::lock_guard lock(mutex);
+        done.push_back(std::move(download));
+        arrived.notify_one();
+      });
+    }
+    if (inFlight == 0) break;
+    Download download;
+    {
+      std::unique_lock lock(mutex);
+      arrived.wait(lock, [&] { return !done.empty(); });
+      download = std::move(done.front());
+      done.pop_front();
+    }
+    finishDownload(download);
+    --inFlight;
+    if (!cancelled && checkIsCancelled()) cancelled = true;
+  }
+  saveContext();
+  return !cancelled;
+}
+
+FeedSyncOperation::Download FeedSyncOperation::downloadAllStoriesOfFeed(size_t job) {
+  Download download;
+  download.job = job;
+  const FeedJob& feed = jobs_[job];
+  if (isCancelled()) return download;
+  if (isFeedDeletedInParentContext(feed.feed)) {
+    download.deletedBefore = true;
+    return download;
+  }
+  logDebugMessage(kCategory, "Built-in RSS: Downloading all stories of feed: {}", feed.title);
+  download.feed = fetches_.synchronouslyFetchFeed(feed.url);
+  // The user may have deleted the feed while it was downloading.
+  download.deletedAfter = isFeedDeletedInParentContext(feed.feed);
+  return download;
+}
+
+void FeedSyncOperation::finishDownload(Download& download) {
+  const FeedJob& job = jobs_[download.job];
+  if (download.deletedBefore || !download.feed) return;
+  auto found = moc().existingObject<Feed>(job.feed);
+  if (!found || !*found) return;
+  Feed& feed = **found;
+
+  if (download.deletedAfter) {
+    // Removed here too, so that no save of ours brings the feed or its stories back.
+    if (auto stories = feed.stories(); stories) {
+      for (const auto& story : *stories) {
+        story->removeFromAllFolder();
+        moc().deleteObject(*story);
+      }
+    }
+    moc().deleteObject(feed);
+    saveContext();
+    return;
+  }
+
+  const Result<RSSFeed>& fetched = *download.feed;
+  const Date now = environment().clock.now();
+  if (fetched) {
+    parseEntriesFromRSSFeed(feed, *fetched);
+    feed.recordRefreshSucceeded(now);
+  } else if (isCancelled()) {
+    return;  // stopped by the cancellation, not the feed's fault
+  } else {
+    logError(kCategory, "Built-in RSS: Failed to refresh feed {}: {}", job.title, fetched.error().message());
+    feed.recordRefreshFailed(now, fetched.error().message());
+    std::lock_guard lock(errorsMutex_);
+    errors_.push_back(FeedRefreshFailure{job.feed, job.title, job.url, fetched.error()});
+  }
+  feed.setDate_updated(now);
+  saveContext();
+  if (images_ && !pendingImages_.empty()) images_->downloadImages(pendingImages_);
+  pendingImages_.clear();
+}
+
+void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parsed) {
+  const Date now = environment().clock.now();
+  const Date initialReadDate = now - kInitialReadAge;
+
+  std::vector<std::string> ids;
+  ids.reserve(parsed.articles.size());
+  for (const auto& entry : parsed.articles) {
+    if (entry.url) ids.push_back(*entry.url);
+  }
+  ObjectContext::FetchRequest request;
+  // The account condition lets the (account, bookmark_id) index answer the IN list.
+  request.where = "account = ? AND feed = ? AND bookmark_id IN (SELECT value FROM json_each(?))";
+  request.arguments = {account().objectID().row, feed.objectID().row, jsonArrayOf(ids)};
+  request.orderBy = "date_added, id";
+  auto stored = moc().fetch<FeedStory>(std::move(request));
+  if (!stored) {
+    logError(kCategory, "Built-in RSS: Failed to read the stories of feed {}: {}", feed.title().value_or(""),
+             stored.error().message());
+    return;
+  }
+  const std::vector<std::shared_ptr<Bookmark>> container(stored->begin(), stored->end());
+  std::set<std::string> known;
+  for (const auto& story : findAndDeleteDuplicatesInContainer(container, &SyncOperation::bookmarkIdOf)) {
+    known.insert(story->bookmark_id().value_or(""));
+  }
+
+  // Entries come newest first: the first one already stored means the rest is known too, unless
+  // the keep period grew and older entries fall inside it now.
+  const bool walkPastKnown = account().isKeepIndexChangedToLonger();
+  std::set<std::string> added;
+  for (const auto& entry : parsed.articles) {
+    if (entry.date.value_or(now) <= keepDate_) break;
+    const std::string id = entry.url.value_or("");
+    if (known.contains(id)) {
+      if (!walkPastKnown) break;
+      continue;
+    }
+    if (!FeedStory::isValidForRSSEntryMapping(&entry)) {
+      logDebugMessage(kCategory, "Built-in RSS: validation failed for story: {}", entry.title.value_or(""));
+      continue;
+    }
+    // The same link twice in one document is one story.
+    if (!added.insert(id).second) continue;
+    auto story = moc().insertNewObject<FeedStory>();
+    story->setAccount(account());
+    story->setFeed(feed);
+    story->mapFromRSSEntry(entry, environment().clock);
+    if (isInitialSync() && story->date_added().value_or(now) <= initialReadDate) {
+      story->setIs_archived(true);
+    } else {
+      downloadImages(*story);
+    }
+  }
+}
+
+void FeedSyncOperation::downloadImages(FeedStory& story) {
+  if (!images_) return;
+  for (auto& image : story.parseImages()) pendingImages_.push_back(std::move(image));
+}
+
+bool FeedSyncOperation::removeObsoleteStories() {
+  for (const FeedJob& job : jobs_) {
+    if (checkIsCancelled()) return false;
+    const ParentView view = parentView(job.feed, /*withSelection=*/true);
+    if (view.deleted) continue;
+    auto feed = moc().existingObject<Feed>(job.feed);
+    if (!feed || !*feed) continue;
+    deleteObsoleteStoriesForFeed(**feed, view.selected);
+    saveContext();
+  }
+  return true;
+}
+
+void FeedSyncOperation::deleteObsoleteStoriesForFeed(Feed& feed, const std::vector<ObjectId>& selected) {
+  logDebugMessage(kCategory, "Built-in RSS: Removing obsolete feed entries from feed: {}",
+                  feed.title().value_or(""));
+  nlohmann::json spared = nlohmann::json::array();
+  for (const auto& id : selected) {
+    if (id.table() == tableOf(Entity::kBookmark)) spared.push_back(id.row);
+  }
+  ObjectContext::FetchRequest request;
+  request.where =
+      "date_added < ? AND is_archived = 1 AND is_favorited = 0 AND feed = ?"
+      " AND id NOT IN (SELECT value FROM json_each(?))";
+  request.arguments = {sqlDate(keepDate_), feed.objectID().row, spared.dump()};
+  request.limit = kObsoleteStoriesPerSync;
+  auto obsolete = moc().fetch<FeedStory>(std::move(request));
+  if (!obsolete) {
+    logError(kCategory, "Built-in RSS: Failed to find obsolete stories of feed {}: {}",
+             feed.title().value_or(""), obsolete.error().message());
+    return;
+  }
+  for (const auto& story : *obsolete) {
+    story->removeFromAllFolder();
+    moc().deleteObject(*story);
+  }
+}
+
+}  // namespace lectern

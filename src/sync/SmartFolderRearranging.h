@@ -1,0 +1,17 @@
+#pragma once
+
+namespace lectern {
+
+class SmartFolder;
+
+// Re-runs a smart folder whose condition depends on the time ("added in the last 2 days"), so
+// that a sync pass moves items in and out as time passes. Implemented by the smart-folder module;
+// called on the main thread.
+class SmartFolderRearranging {
+ public:
+  virtual ~SmartFolderRearranging() = default;
+  // Does nothing for a folder without a date condition.
+  virtual void rearrangeIfHasDatePredicate(SmartFolder& folder) = 0;
+};
+
+}  // namespace lectern

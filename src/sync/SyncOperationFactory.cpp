@@ -1,0 +1,45 @@
+#include "sync/SyncOperationFactory.h"
+
+#include <fmt/format.h>
+
+#include "services/localrss/FeedSyncOperation.h"
+#include "store/Account.h"
+
+namespace lectern {
+
+std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccount(
+    std::shared_ptr<Account> account, const SyncEnvironment& environment) {
+  if (!account) return nullptr;
+  switch (account->serviceType()) {
+    case ServiceType::kLocalRSS:
+      return std::make_shared<FeedSyncOperation>(std::move(account), environment);
+    default:
+      return nullptr;
+  }
+}
+
+SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type) {
+  switch (type) {
+    case ServiceType::kLocalRSS:
+      return Support::kSupported;
+    case ServiceType::kInstapaper:
+    case ServiceType::kPocket:
+    case ServiceType::kPinboard:
+    case ServiceType::kNewsBlur:
+    case ServiceType::kFever:
+    case ServiceType::kFeedWrangler:
+    case ServiceType::kFeedbin:
+    case ServiceType::kFeedly:
+      return Support::kNotInThisVersion;
+    default:
+      return Support::kNever;
+  }
+}
+
+Error SyncOperationFactory::unsupportedServiceError(ServiceType type) {
+  return Error::make(
+      kLecternErrorDomain, kSyncNotSupportedErrorCode,
+      fmt::format("Syncing {} accounts is not supported in this version.", serviceDescriptionName(type)));
+}
+
+}  // namespace lectern

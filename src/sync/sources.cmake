@@ -1,0 +1,13 @@
+# The synchronisation engine: sync manager, sync operations, the built-in reader's refresh.
+set(LECTERN_SYNC_SOURCES
+  src/sync/UserNotificationPresenter.cpp
+  src/sync/QKNotificationCenter.cpp
+  src/sync/QKSyncNotificationCenter.cpp
+  src/sync/WebClients.cpp
+  src/sync/FeedFetchGroup.cpp
+  src/sync/StoryImageDownloader.cpp
+  src/sync/SyncOperation.cpp
+  src/sync/SyncOperationFactory.cpp
+  src/sync/QKSyncManager.cpp
+  src/services/localrss/FeedSyncOperation.cpp
+)
