@@ -211,10 +211,11 @@ void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parse
     if (entry.url) ids.push_back(*entry.url);
   }
   ObjectContext::FetchRequest request;
-  // The account condition lets the (account, bookmark_id) index answer the IN list.
+  // The account condition lets the (account, bookmark_id) index answer the IN list; the "+" keeps
+  // the planner from walking the (account, date_added) index instead, every story of the account.
   request.where = "account = ? AND feed = ? AND bookmark_id IN (SELECT value FROM json_each(?))";
   request.arguments = {account().objectID().row, feed.objectID().row, jsonArrayOf(ids)};
-  request.orderBy = "date_added, id";
+  request.orderBy = "+date_added, +id";
   auto stored = moc().fetch<FeedStory>(std::move(request));
   if (!stored) {
     logError(kCategory, "Built-in RSS: Failed to read the stories of feed {}: {}", feed.title().value_or(""),
