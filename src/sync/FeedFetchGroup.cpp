@@ -1,46 +1,26 @@
 #include "sync/FeedFetchGroup.h"
 
-#include <fmt/format.h>
-
-#include "feeds/FeedDocumentParser.h"
-#include "net/AFHTTPClient.h"
-#include "net/QKKindURLErrorMessage.h"
+#include "feeds/QKFeedParserClient.h"
 #include "net/URLError.h"
-#include "sync/WebClients.h"
 
 namespace lectern {
-namespace {
 
-// A feed that has not answered in this time fails; the other feeds go on.
-constexpr std::chrono::seconds kFeedTimeout{30};
-
-}  // namespace
-
-FeedFetchGroup::FeedFetchGroup(NetworkSession& session, const Clock& clock)
-    : session_(session), clock_(clock) {}
+FeedFetchGroup::FeedFetchGroup(NetworkSession& session) : session_(session) {}
 
 Result<RSSFeed> FeedFetchGroup::synchronouslyFetchFeed(const std::string& url) {
-  const auto title = fmt::format("Failed to fetch feed: {}", url);
-  auto client = makeClientForAddress(session_, url);
-  if (!client) return fail(QKKindURLErrorMessage::kindErrorFromNSURLError(client.error(), title));
-  (*client)->setDefaultHeader("Accept", "*/*");
+  QKFeedParserClient client(session_, url);
   {
     std::lock_guard lock(mutex_);
     if (cancelled_) {
-      return fail(QKKindURLErrorMessage::kindErrorFromNSURLError(
-          makeURLError(URLErrorCode::kCancelled, url, "cancelled"), title));
+      return fail(
+          QKFeedParserClient::fetchError(makeURLError(URLErrorCode::kCancelled, url, "cancelled"), url));
     }
-    active_.insert(client->get());
+    active_.insert(&client);
   }
-  auto response = (*client)->synchronouslyGetPath(url, nullptr, kFeedTimeout);
-  {
-    std::lock_guard lock(mutex_);
-    active_.erase(client->get());
-  }
-  if (response.error) return fail(QKKindURLErrorMessage::kindErrorFromNSURLError(*response.error, title));
-  const auto* body = std::get_if<std::string>(&response.responseObject);
-  return FeedDocumentParser::parseFeedData(body != nullptr ? std::string_view(*body) : std::string_view(),
-                                           clock_.now());
+  auto feed = client.synchronouslyFetchFeed();
+  std::lock_guard lock(mutex_);
+  active_.erase(&client);
+  return feed;
 }
 
 void FeedFetchGroup::cancelAll() {

@@ -9,26 +9,24 @@
 
 namespace lectern {
 
-class AFHTTPClient;
-class Clock;
 class NetworkSession;
+class QKFeedParserClient;
 
 // The feed downloads of one refresh, each through a feed client of its own. Cancelling stops the
 // downloads under way and refuses new ones. Thread-safe: several download threads use it at once.
 class FeedFetchGroup {
  public:
-  FeedFetchGroup(NetworkSession& session, const Clock& clock);
+  explicit FeedFetchGroup(NetworkSession& session);
 
-  // Fetches and parses the document, blocking for at most the feed client's timeout. Transport
-  // and HTTP failures give "Failed to fetch feed: <url>"; a bad document gives the parser's error.
+  // QKFeedParserClient's synchronouslyFetchFeed with a client of its own: blocking for at most
+  // the client's timeout; "Failed to fetch feed: <url>" or the parser's error.
   Result<RSSFeed> synchronouslyFetchFeed(const std::string& url);
   void cancelAll();
 
  private:
   NetworkSession& session_;
-  const Clock& clock_;
   std::mutex mutex_;  // guards active_, cancelled_
-  std::set<AFHTTPClient*> active_;
+  std::set<QKFeedParserClient*> active_;
   bool cancelled_ = false;
 };
 

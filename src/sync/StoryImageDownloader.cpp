@@ -2,9 +2,8 @@
 
 #include "core/Log.h"
 #include "core/UserDefaults.h"
-#include "net/AFHTTPClient.h"
+#include "feeds/URLDownload.h"
 #include "net/AFImageRequestOperation.h"
-#include "sync/WebClients.h"
 
 namespace lectern {
 namespace {
@@ -38,31 +37,22 @@ void StoryImageDownloader::cancel() { queue_.cancelAllOperations(); }
 void StoryImageDownloader::waitUntilFinished() { queue_.waitUntilAllOperationsAreFinished(); }
 
 void StoryImageDownloader::download(const std::string& address) {
-  auto client = makeClientForAddress(session_, address);
-  if (!client) {
-    logError(kLogCategory, "Failed to download image {}: {}", address, client.error().message());
+  URLDownloadOptions options;
+  options.timeout = kImageTimeout;
+  auto downloaded = downloadURLSynchronously(session_, address, options);
+  if (!downloaded) {
+    logError(kLogCategory, "Failed to download image {}: {}", address, downloaded.error().message());
     return;
   }
-  (*client)->registerHTTPOperationClass<AFImageRequestOperation>();
-  const auto response = (*client)->synchronouslyGetPath(address, nullptr, kImageTimeout);
-  if (response.error) {
-    logError(kLogCategory, "Failed to download image {}: {}", address, response.error->message());
-    return;
-  }
-  // The image operation checked the bytes; a page without a known extension came as plain bytes.
-  std::string bytes;
-  if (const auto* image = std::get_if<ResponseImage>(&response.responseObject)) {
-    bytes = image->data;
-  } else if (const auto* raw = std::get_if<std::string>(&response.responseObject)) {
-    if (!imageFormatOfData(*raw).empty()) bytes = *raw;
-  }
-  if (bytes.empty()) {
+  // Only pictures go into the cache: an error page served with 200 is not one.
+  if (imageFormatOfData(downloaded->data).empty()) {
     logError(kLogCategory, "Failed to download image {}: not an image", address);
     return;
   }
   std::error_code error;
   std::filesystem::create_directories(folder_, error);
-  if (auto written = writeFileAtomically(BookmarkImage(address).cachedImagePath(folder_), bytes); !written) {
+  if (auto written = writeFileAtomically(BookmarkImage(address).cachedImagePath(folder_), downloaded->data);
+      !written) {
     logError(kLogCategory, "Failed to cache image {}: {}", address, written.error().message());
   }
 }

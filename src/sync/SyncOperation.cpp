@@ -6,23 +6,18 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "content/QKContentParser.h"
+#include "content/BookmarkArticleDownload.h"
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Strings.h"
-#include "net/AFHTTPClient.h"
 #include "store/Account.h"
 #include "store/Bookmark.h"
 #include "store/ObjectContext.h"
 #include "store/QKDataManager.h"
 #include "sync/SyncAppControllerDelegate.h"
-#include "sync/WebClients.h"
 
 namespace lectern {
 namespace {
-
-// An article page gets as long as a feed document.
-constexpr std::chrono::seconds kArticleTimeout{30};
 
 std::string titleOf(const Account& account) { return account.title().value_or(account.uniqueIdentifier()); }
 
@@ -157,27 +152,9 @@ void SyncOperation::downloadArticles(const std::vector<std::shared_ptr<Bookmark>
 }
 
 void SyncOperation::downloadArticle(Bookmark& bookmark) {
-  const auto address = bookmark.url();
-  if (!address || address->empty()) return;
-  auto client = makeClientForAddress(environment_.session, *address);
-  if (!client) {
-    logError(className(), "Failed to download article {}: {}", *address, client.error().message());
-    return;
+  if (auto downloaded = lectern::downloadArticle(bookmark, environment_.session); !downloaded) {
+    logError(className(), "{}", downloaded.error().message());
   }
-  const auto response = (*client)->synchronouslyGetPath(*address, nullptr, kArticleTimeout);
-  const auto* body = std::get_if<std::string>(&response.responseObject);
-  if (response.error || body == nullptr) {
-    logError(className(), "Failed to download article {}: {}", *address,
-             response.error ? response.error->message() : std::string("no page"));
-    return;
-  }
-  auto parser = QKContentParser::initWithData(*body);
-  if (!parser) {
-    logError(className(), "Failed to read article {}: {}", *address, parser.error().message());
-    return;
-  }
-  const std::string& article = parser->fetchContent();
-  if (!article.empty()) bookmark.setHtml(article);
 }
 
 Result<std::vector<std::string>> SyncOperation::findExistingBookmarksForIds(const nlohmann::json& ids,

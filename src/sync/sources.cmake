@@ -3,7 +3,6 @@ set(LECTERN_SYNC_SOURCES
   src/sync/UserNotificationPresenter.cpp
   src/sync/QKNotificationCenter.cpp
   src/sync/QKSyncNotificationCenter.cpp
-  src/sync/WebClients.cpp
   src/sync/FeedFetchGroup.cpp
   src/sync/StoryImageDownloader.cpp
   src/sync/SyncOperation.cpp

@@ -30,7 +30,7 @@ std::string jsonArrayOf(const std::vector<std::string>& ids) { return nlohmann::
 FeedSyncOperation::FeedSyncOperation(std::shared_ptr<Account> account, const SyncEnvironment& environment)
     : SyncOperation(account, environment),
       cacheImages_(account->preferences().boolForKey("cacheImages")),
-      fetches_(environment.session, environment.clock) {
+      fetches_(environment.session) {
   if (cacheImages_) {
     images_ = std::make_unique<StoryImageDownloader>(
         environment.session, environment.dataManager.environment().paths().imageCacheFolder());
