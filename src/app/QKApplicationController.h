@@ -16,9 +16,8 @@ class Account;
 class SyncWindowControllerDelegate;
 class UserNotificationPresenter;
 
-// Lectern's start-up and the wiring of the sync manager to the clock, reachability and sleep:
-// what the program does before its first command and when it winds down. Owned by the program;
-// made and used on the main thread, whose loop must run for the scheduled work to happen.
+// Lectern's start-up, and the sync manager wired to the clock, reachability, sleep and shutdown.
+// Owned by the program; main thread only, whose loop must run for the scheduled work to happen.
 class QKApplicationController final : public SyncAppControllerDelegate {
  public:
   struct Options {

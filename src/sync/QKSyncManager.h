@@ -25,9 +25,8 @@ class SyncOperation;
 class SyncPassObserver;
 class SyncWindowControllerDelegate;
 
-// Decides when accounts sync (the periodic timer, start-up, the user's command), runs one sync
-// operation per account on the sync queue and finishes each pass. Owned by the application
-// controller; lives and is used on the main thread, whose loop must keep running while a pass does.
+// Decides when accounts sync, runs one operation per account on the sync queue, finishes passes.
+// Owned by the application controller; main thread only, whose loop must run while a pass does.
 class QKSyncManager {
  public:
   static constexpr std::string_view kSyncQueueName = "com.quillhq.Lectern.SyncOperationQueue";

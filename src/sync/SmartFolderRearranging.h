@@ -4,9 +4,8 @@ namespace lectern {
 
 class SmartFolder;
 
-// Re-runs a smart folder whose condition depends on the time ("added in the last 2 days"), so
-// that a sync pass moves items in and out as time passes. Implemented by the smart-folder module;
-// called on the main thread.
+// Re-runs a smart folder whose condition depends on the time ("added in the last 2 days").
+// Implemented by the smart-folder module; called on the main thread after each sync pass.
 class SmartFolderRearranging {
  public:
   virtual ~SmartFolderRearranging() = default;

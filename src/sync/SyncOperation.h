@@ -26,12 +26,8 @@ class QKSyncNotificationCenter;
 class SyncAppControllerDelegate;
 class SyncWindowControllerDelegate;
 
-// The base of every service's sync operation: its own background context, offline replay, saves
-// that reach the main context, cancellation and completion. Made on the main thread by the sync
-// manager; runs on one thread of the sync queue.
-//
-// A subclass overrides `main` and ends every path through it with `completeOperation`: the
-// operation is finished only then. Between steps it asks `checkIsCancelled`.
+// The base of every service's sync operation: background context, offline replay, saves, cancel.
+// Made on the main thread by the sync manager; runs on one thread of the sync queue.
 class SyncOperation : public Operation {
  public:
   // initWithAccount: on the main thread, with the main context's account.
@@ -69,6 +65,8 @@ class SyncOperation : public Operation {
   static std::optional<std::string> bookmarkIdOf(const Bookmark& bookmark);
 
  protected:
+  // A subclass overrides `main` and ends every path through it with `completeOperation`: the
+  // operation is finished only then. Between steps it asks `checkIsCancelled`.
   bool isAsynchronous() const override { return true; }
 
   // Names the current thread (the sync queue's threads are anonymous otherwise).
