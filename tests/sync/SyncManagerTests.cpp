@@ -161,8 +161,11 @@ TEST_F(SyncManagerTest, NotificationsOfAPassAreDeliveredWhenItEnds) {
   }
 }
 
-TEST_F(SyncManagerTest, SmartFoldersAreRearrangedAfterEachPass) {
+TEST_F(SyncManagerTest, APassTellsItsDelegatesAndRearrangesSmartFolders) {
+  RecordingDelegates delegates;
   RecordingRearranger rearranger;
+  manager_->setAppControllerDelegate(&delegates);
+  manager_->setMainWindowControllerDelegate(&delegates);
   manager_->setSmartFolderRearranger(&rearranger);
   auto smart = makeAccount(kSmartFoldersServiceName, "", "Smart");
   for (const std::string title : {"Today", "This week"}) {
@@ -170,16 +173,6 @@ TEST_F(SyncManagerTest, SmartFoldersAreRearrangedAfterEachPass) {
     folder->setTitle(title);
     folder->setAccount(*smart);
   }
-  ASSERT_TRUE(context().save());
-
-  ASSERT_TRUE(syncAndWait(localAccount()));
-  EXPECT_THAT(rearranger.titles, UnorderedElementsAre("Today", "This week"));
-}
-
-TEST_F(SyncManagerTest, DelegatesHearSavesAndProgressWithTheMainContextsAccount) {
-  RecordingDelegates delegates;
-  manager_->setAppControllerDelegate(&delegates);
-  manager_->setMainWindowControllerDelegate(&delegates);
   auto account = localAccount();
   addFeed(*account, "news");
   server_.setFeed("news", {{"story", "http://example.com/story"}}, clock_.now());
@@ -190,6 +183,7 @@ TEST_F(SyncManagerTest, DelegatesHearSavesAndProgressWithTheMainContextsAccount)
   EXPECT_EQ(delegates.progress, 0);
   // The main context already sees what the operation saved when it is told.
   EXPECT_EQ(account->bookmarks()->size(), 1u);
+  EXPECT_THAT(rearranger.titles, UnorderedElementsAre("Today", "This week"));
 }
 
 TEST_F(SyncManagerTest, CancelAndWaitCallsBackOnceTheAccountsOperationHasCompleted) {

@@ -14,29 +14,6 @@ namespace {
 
 constexpr std::chrono::seconds kWaitLimit{20};
 
-std::string escaped(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '&':
-        out += "&amp;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
 // The smallest PNG signature the image check accepts, and a few bytes of body.
 const std::string kPngBytes("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
 
@@ -77,10 +54,10 @@ void FeedServer::setFeed(const std::string& name, const std::vector<TestEntry>& 
   std::string body = R"(<?xml version="1.0" encoding="utf-8"?><feed xmlns="http://www.w3.org/2005/Atom">)";
   body += fmt::format("<title>{}</title>", name);
   for (const auto& entry : entries) {
-    body += fmt::format("<entry><title>{}</title>", escaped(entry.title));
-    if (!entry.link.empty()) body += fmt::format(R"(<link href="{}"/>)", escaped(entry.link));
+    body += fmt::format("<entry><title>{}</title>", encodeHtmlEntities(entry.title));
+    if (!entry.link.empty()) body += fmt::format(R"(<link href="{}"/>)", encodeHtmlEntities(entry.link));
     body += fmt::format("<updated>{}</updated>", rfc3339String(now - entry.age));
-    body += fmt::format(R"(<content type="html">{}</content></entry>)", escaped(entry.html));
+    body += fmt::format(R"(<content type="html">{}</content></entry>)", encodeHtmlEntities(entry.html));
   }
   body += "</feed>";
   setBody(name, std::move(body));
