@@ -214,6 +214,13 @@ void QKSyncManager::cancelAndWaitSyncOperationOfAccount(Account& account, std::f
   if (onComplete) waiters_.emplace(account.objectID().row, std::move(onComplete));
 }
 
+bool QKSyncManager::cancelAndWaitSyncOperationOfAccount(Account& account,
+                                                        MainQueue::Clock::duration timeout) {
+  auto done = std::make_shared<bool>(false);
+  cancelAndWaitSyncOperationOfAccount(account, [done] { *done = true; });
+  return environment_.mainQueue.runUntil([done] { return *done; }, timeout);
+}
+
 void QKSyncManager::rearrangeSmartFoldersWithDatePredicate() {
   if (rearranger_ == nullptr || !environment_.mainQueue.isMainThread()) return;
   auto context = environment_.dataManager.managedObjectContext();

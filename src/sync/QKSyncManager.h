@@ -78,6 +78,10 @@ class QKSyncManager {
   // Cancels the account's operation and calls `onComplete` on the main queue once it has
   // completed (at once when none runs). Used before an account is deleted.
   void cancelAndWaitSyncOperationOfAccount(Account& account, std::function<void()> onComplete);
+  // The same, returning once the operation has completed (running the main queue meanwhile):
+  // what deleting an account needs. False when it had not completed within `timeout`.
+  bool cancelAndWaitSyncOperationOfAccount(Account& account,
+                                           MainQueue::Clock::duration timeout = std::chrono::seconds(60));
 
   // Every smart folder of the smart-folders account re-runs a date condition it has.
   void rearrangeSmartFoldersWithDatePredicate();

@@ -198,10 +198,18 @@ TEST_F(SyncManagerTest, CancelAndWaitCallsBackOnceTheAccountsOperationHasComplet
   ASSERT_TRUE(mainQueue_.runUntil([&] { return called; }, std::chrono::seconds(20)));
   EXPECT_FALSE(manager_->isSyncing());
 
-  // With nothing running the completion still comes.
+  // With nothing running the completion still comes; the blocking form returns at once.
   called = false;
   manager_->cancelAndWaitSyncOperationOfAccount(*account, [&] { called = true; });
   EXPECT_TRUE(mainQueue_.runUntil([&] { return called; }, std::chrono::seconds(20)));
+  EXPECT_TRUE(manager_->cancelAndWaitSyncOperationOfAccount(*account, std::chrono::seconds(20)));
+
+  // The blocking form, as deleting an account uses it.
+  server_.hold("held");
+  ASSERT_EQ(manager_->syncAccounts({account}), 1u);
+  ASSERT_TRUE(mainQueue_.runUntil([&] { return server_.requests("held") == 2; }, std::chrono::seconds(20)));
+  EXPECT_TRUE(manager_->cancelAndWaitSyncOperationOfAccount(*account, std::chrono::seconds(20)));
+  EXPECT_FALSE(account->isSyncing());
 }
 
 }  // namespace
