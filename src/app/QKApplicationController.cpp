@@ -1,5 +1,8 @@
 #include "app/QKApplicationController.h"
 
+#include "accounts/AccountLifecycle.h"
+#include "accounts/ServiceDependencies.h"
+#include "accounts/ServiceFactory.h"
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Reachability.h"
@@ -36,39 +39,19 @@ QKApplicationController::~QKApplicationController() {
 
 Result<void> QKApplicationController::setupApp() {
   auto& dataManager = environment_.dataManager;
+  // Accounts get their real service objects (smart folders, the built-in reader's subscriptions).
+  registerServiceFactory(
+      dataManager, ServiceDependencies{environment_.mainQueue, environment_.clock, &environment_.session});
   if (dataManager.isMigrationNeeded()) {
     if (auto migrated = dataManager.migrate(nullptr); !migrated) return migrated;
   }
-  if (auto context = dataManager.managedObjectContext(); !context) return fail(context.error());
+  auto context = dataManager.managedObjectContext();
+  if (!context) return fail(context.error());
   if (auto folders = dataManager.environment().paths().createSupportFolders(); !folders) return folders;
-  if (auto smart = ensureSmartFoldersAccount(); !smart) return smart;
+  if (auto smart = ensureSmartFoldersAccount(**context); !smart) return fail(smart.error());
   registerLecternDefaults(environment_.defaults);
-  return deleteObsoleteServices();
-}
-
-Result<void> QKApplicationController::ensureSmartFoldersAccount() {
-  auto context = environment_.dataManager.managedObjectContext();
-  if (!context) return fail(context.error());
-  auto existing = Account::smartFoldersAccount(**context);
-  if (!existing) return fail(existing.error());
-  if (*existing) return {};
-  Account::create(**context, kSmartFoldersServiceName, std::nullopt, std::string("Smart Folders"));
-  return (*context)->save();
-}
-
-Result<void> QKApplicationController::deleteObsoleteServices() {
-  auto context = environment_.dataManager.managedObjectContext();
-  if (!context) return fail(context.error());
-  auto accounts = Account::services(**context);
-  if (!accounts) return fail(accounts.error());
-  bool deleted = false;
-  for (const auto& account : *accounts) {
-    if (account->serviceType() != ServiceType::kObsolete) continue;
-    logInfo(kCategory, "Removing the account {} of a retired service", account->uniqueIdentifier());
-    (*context)->deleteObject(*account);
-    deleted = true;
-  }
-  return deleted ? (*context)->save() : Result<void>();
+  if (auto removed = deleteObsoleteServices(**context); !removed) return fail(removed.error());
+  return migrateAccountPreferences(**context);
 }
 
 void QKApplicationController::startScheduling() {

@@ -33,9 +33,10 @@ class QKApplicationController final : public SyncAppControllerDelegate {
   QKApplicationController(const QKApplicationController&) = delete;
   QKApplicationController& operator=(const QKApplicationController&) = delete;
 
-  // Migrates the library when needed, opens the main context, creates the support folders and
-  // the smart-folders account, registers the defaults and removes accounts of retired services.
-  // An error here means the program cannot go on (the library cannot be opened or migrated).
+  // Registers the service factory, migrates the library when needed, opens the main context,
+  // creates the support folders and the smart-folders account, registers the defaults, removes
+  // accounts of retired services and gives older accounts their preferences. An error here means
+  // the program cannot go on (the library cannot be opened or migrated).
   Result<void> setupApp();
   // After 1 s reachability is looked at once; after 3 s every account whose "syncOnStart" is on
   // syncs and the periodic timer starts. Call once, after setupApp.
@@ -61,8 +62,6 @@ class QKApplicationController final : public SyncAppControllerDelegate {
   void syncOperationDidCompletedForAccount(Account& account) override;
 
  private:
-  Result<void> ensureSmartFoldersAccount();
-  Result<void> deleteObsoleteServices();
   void syncOnStart();
   void cancelScheduled();
 
