@@ -2,6 +2,7 @@
 
 #include "core/Log.h"
 #include "net/NetworkReachability.h"
+#include "accounts/ServiceFactory.h"
 #include "store/QKDataManager.h"
 
 namespace lectern {
@@ -19,6 +20,9 @@ AppEnvironment::AppEnvironment(AppOptions options, Paths paths, std::unique_ptr<
     : options_(std::move(options)), paths_(std::move(paths)), defaults_(std::move(defaults)) {}
 
 AppEnvironment::~AppEnvironment() {
+  // Work still queued belongs to commands that have ended; drop it while what it holds (feed
+  // clients, the network) is still alive.
+  mainQueue_.discardPending();
   // The library saves once more as it closes; then nothing may wait for the main loop any more.
   dataManager_.reset();
   network_.reset();
@@ -54,6 +58,8 @@ NetworkSession& AppEnvironment::network() {
 Result<QKDataManager*> AppEnvironment::dataManager() {
   if (!dataManager_) {
     auto manager = std::make_unique<QKDataManager>(paths_, *defaults_, mainQueue_, clock_, reachability(), &secrets());
+    // Accounts get their service objects (and through them the network) from the factory.
+    registerServiceFactory(*manager, ServiceDependencies{mainQueue_, clock_, &network()});
     // Opening checks the folder and the file and migrates an older library.
     auto context = manager->managedObjectContext();
     if (!context) return fail(context.error());

@@ -9,7 +9,9 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/FeedCommands.cpp
   src/app/cli/ContentCommands.cpp
   src/app/cli/LibraryCommands.cpp
+  src/app/cli/AccountCommands.cpp
   src/app/cli/Presentation.cpp
   src/app/cli/DiscoverCommands.cpp
   src/app/cli/OpmlCommands.cpp
+  src/app/cli/SyncCommands.cpp
 )

@@ -147,6 +147,18 @@ bool MainQueue::runUntil(const std::function<bool()>& done, Clock::duration time
   return done();
 }
 
+size_t MainQueue::discardPending() {
+  std::deque<Task> ready;
+  std::multimap<Clock::time_point, std::pair<std::uint64_t, Task>> scheduled;
+  {
+    std::lock_guard lock(mutex_);
+    ready.swap(ready_);
+    scheduled.swap(scheduled_);
+  }
+  // Destroyed outside the lock: a task's captures may post again as they go.
+  return ready.size() + scheduled.size();
+}
+
 size_t MainQueue::drain() {
   size_t count = 0;
   Task task;

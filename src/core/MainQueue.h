@@ -45,6 +45,9 @@ class MainQueue {
   // Runs every task that is due now, then returns how many ran.
   size_t drain();
 
+  // Drops every queued and scheduled task without running it; answers how many there were.
+  size_t discardPending();
+
   // No more waiting for the loop: later runSync calls run inline. Called when the program winds down.
   void shutdown();
 

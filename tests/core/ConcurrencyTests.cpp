@@ -52,6 +52,19 @@ TEST(MainQueue, DelayedTasksRunInTimeOrderAndCanBeCancelled) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
+TEST(MainQueue, DiscardingDropsQueuedWorkAndReleasesWhatItHolds) {
+  MainQueue main;
+  auto held = std::make_shared<int>(1);
+  bool ran = false;
+  main.post([&ran, held] { ran = true; });
+  main.postAfter(1h, [&ran, held] { ran = true; });
+  EXPECT_EQ(held.use_count(), 3);
+  EXPECT_EQ(main.discardPending(), 2u);
+  EXPECT_EQ(held.use_count(), 1);
+  EXPECT_EQ(main.drain(), 0u);
+  EXPECT_FALSE(ran);
+}
+
 TEST(RepeatingTimer, FiresRepeatedlyUntilInvalidated) {
   MainQueue main;
   int fired = 0;

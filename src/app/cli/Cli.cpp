@@ -6,6 +6,8 @@
 
 #include <fmt/format.h>
 
+#include "store/QKDataManager.h"
+
 namespace lectern::cli {
 
 Result<AppEnvironment*> CliContext::environment() {
@@ -26,6 +28,25 @@ std::function<int()> CliContext::selectedHandler() const {
     if (command->parsed()) return handler;
   }
   return nullptr;
+}
+
+std::optional<Library> openLibrary(CliContext& cli) {
+  auto environment = cli.environment();
+  if (!environment) {
+    printError(environment.error());
+    return std::nullopt;
+  }
+  auto manager = (*environment)->dataManager();
+  if (!manager) {
+    printError(manager.error());
+    return std::nullopt;
+  }
+  auto context = (*manager)->managedObjectContext();
+  if (!context) {
+    printError(context.error());
+    return std::nullopt;
+  }
+  return Library{*environment, *manager, *context};
 }
 
 void printError(const Error& error) {

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,10 @@
 
 #include "app/AppEnvironment.h"
 #include "core/Error.h"
+
+namespace lectern {
+class ObjectContext;
+}
 
 namespace lectern::cli {
 
@@ -36,6 +41,15 @@ class CliContext {
   std::vector<std::pair<CLI::App*, std::function<int()>>> handlers_;
 };
 
+// The opened library: the environment, its data manager and the main context.
+struct Library {
+  AppEnvironment* environment = nullptr;
+  QKDataManager* manager = nullptr;
+  ObjectContext* context = nullptr;
+};
+// Opens the library, or prints why it cannot be opened and answers nothing.
+std::optional<Library> openLibrary(CliContext& cli);
+
 // "lectern: <description>" and, when there is one, the recovery suggestion on the next line.
 void printError(const Error& error);
 // True when standard output is a terminal (progress lines, colours).
@@ -46,7 +60,12 @@ bool stdoutIsTerminal();
 void addFeedCommands(CLI::App& app, CliContext& context);
 void addContentCommands(CLI::App& app, CliContext& context);
 void addLibraryCommands(CLI::App& app, CliContext& context);
+void addAccountCommands(CLI::App& app, CliContext& context);
 void addDiscoverCommands(CLI::App& app, CliContext& context);
 void addOpmlCommands(CLI::App& app, CliContext& context);
+void addSyncCommands(CLI::App& app, CliContext& context);
+
+// `lectern` with no command: sync everything and show what is unread (first run: set up).
+int runDefaultCommand(CliContext& context);
 
 }  // namespace lectern::cli

@@ -24,24 +24,10 @@ using nlohmann::json;
 
 namespace {
 
-// The library's main context, or the error that kept it closed (printed).
-ObjectContext* openLibrary(CliContext& context) {
-  auto environment = context.environment();
-  if (!environment) {
-    printError(environment.error());
-    return nullptr;
-  }
-  auto manager = (*environment)->dataManager();
-  if (!manager) {
-    printError(manager.error());
-    return nullptr;
-  }
-  auto main = (*manager)->managedObjectContext();
-  if (!main) {
-    printError(main.error());
-    return nullptr;
-  }
-  return *main;
+// The library's main context, or nothing after printing why it is closed.
+ObjectContext* openContext(CliContext& cli) {
+  auto library = openLibrary(cli);
+  return library ? library->context : nullptr;
 }
 
 template <typename T>
@@ -64,7 +50,7 @@ struct ListOptions {
 };
 
 int runList(CliContext& cli, const ListOptions& options) {
-  ObjectContext* context = openLibrary(cli);
+  ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   BookmarkQuery query;
   query.filter = options.unread ? BookmarkFilter::kUnread : options.starred ? BookmarkFilter::kStarred : BookmarkFilter::kAll;
@@ -129,15 +115,7 @@ int runList(CliContext& cli, const ListOptions& options) {
     fmt::print("{}\n", out.dump(2));
     return kExitOk;
   }
-  for (const auto& item : items) {
-    std::string source;
-    if (auto* story = dynamic_cast<FeedStory*>(item.get())) {
-      if (auto feed = story->feed(); feed && *feed) source = (*feed)->title().value_or("");
-    }
-    const std::string flags = std::string(item->is_archived() ? " " : "•") + (item->is_favorited() ? "★" : " ");
-    fmt::print("{:>7}  {:16}  {}  {:20}  {}\n", item->objectID().row, shortLocalDate(item->date_added()), flags,
-               fitColumn(source, 20), item->title().value_or("(untitled)"));
-  }
+  for (const auto& item : items) fmt::print("{}\n", bookmarkLine(*item));
   if (items.empty()) fmt::print("Nothing to show.\n");
   return kExitOk;
 }
@@ -154,7 +132,7 @@ Result<std::shared_ptr<Bookmark>> bookmarkById(ObjectContext& context, std::int6
 }
 
 int runShow(CliContext& cli, std::int64_t id, bool html, bool asJson) {
-  ObjectContext* context = openLibrary(cli);
+  ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto bookmark = bookmarkById(*context, id);
   if (!check(bookmark)) return kExitFailure;
@@ -202,7 +180,7 @@ int waitForCompletions(CliContext& cli, size_t expected, const std::shared_ptr<s
 }
 
 int runMark(CliContext& cli, Mark mark, const std::vector<std::int64_t>& ids) {
-  ObjectContext* context = openLibrary(cli);
+  ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   // Read and unread go to each account's service in one call, as a sync would.
   std::map<std::int64_t, std::pair<std::shared_ptr<Account>, std::vector<std::shared_ptr<Bookmark>>>> byAccount;
@@ -238,7 +216,7 @@ int runMark(CliContext& cli, Mark mark, const std::vector<std::int64_t>& ids) {
 }
 
 int runDelete(CliContext& cli, const std::vector<std::int64_t>& ids) {
-  ObjectContext* context = openLibrary(cli);
+  ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto results = std::make_shared<std::vector<std::optional<Error>>>();
   size_t expected = 0;
@@ -266,7 +244,7 @@ int runDelete(CliContext& cli, const std::vector<std::int64_t>& ids) {
 // ---- queue ----
 
 int runQueue(CliContext& cli, bool asJson) {
-  ObjectContext* context = openLibrary(cli);
+  ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto accounts = Account::services(*context);
   if (!check(accounts)) return kExitFailure;
@@ -300,7 +278,7 @@ int runQueue(CliContext& cli, bool asJson) {
 // ---- feeds and folders ----
 
 int runFeeds(CliContext& cli, bool asJson) {
-  ObjectContext* context = openLibrary(cli);
+  ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto accounts = Account::services(*context);
   if (!check(accounts)) return kExitFailure;
@@ -337,7 +315,7 @@ int runFeeds(CliContext& cli, bool asJson) {
 }
 
 int runFolders(CliContext& cli, bool asJson) {
-  ObjectContext* context = openLibrary(cli);
+  ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto accounts = Account::services(*context);
   if (!check(accounts)) return kExitFailure;

@@ -153,6 +153,16 @@ json offlineOperationJson(OfflineOperation& operation, Account& account) {
   };
 }
 
+std::string bookmarkLine(Bookmark& bookmark) {
+  std::string source;
+  if (auto* story = dynamic_cast<FeedStory*>(&bookmark)) {
+    if (auto feed = story->feed(); feed && *feed) source = (*feed)->title().value_or("");
+  }
+  const std::string flags = std::string(bookmark.is_archived() ? " " : "•") + (bookmark.is_favorited() ? "★" : " ");
+  return fmt::format("{:>7}  {:16}  {}  {:20}  {}", bookmark.objectID().row, shortLocalDate(bookmark.date_added()),
+                     flags, fitColumn(source, 20), bookmark.title().value_or("(untitled)"));
+}
+
 std::string fitColumn(const std::string& text, size_t width) {
   std::string out;
   size_t columns = 0;

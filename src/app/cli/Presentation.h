@@ -38,6 +38,9 @@ nlohmann::json offlineOperationJson(OfflineOperation& operation, Account& accoun
 // The name of a queued operation's code: "star", "unstar", "read", "unread", "delete".
 std::string offlineOperationName(int code);
 
+// One line of a list: id, date added, unread and starred marks, feed, title.
+std::string bookmarkLine(Bookmark& bookmark);
+
 // Truncates to `width` display columns (counting code points), with "…" when cut.
 std::string fitColumn(const std::string& text, size_t width);
 

@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
   app.add_flag("--offline", context.options.offline,
                "Treat the internet as unreachable: changes are queued for the next sync (also LECTERN_OFFLINE=1)");
   app.footer(
+      "With no command: sync every account and show the newest unread stories (the first run sets up a feed reader).\n"
       "Data: $XDG_DATA_HOME/lectern  Configuration: $XDG_CONFIG_HOME/lectern  Log: $XDG_STATE_HOME/lectern\n"
       "Exit codes: 0 success, 1 failure, 2 usage error.");
 
@@ -27,8 +28,10 @@ int main(int argc, char** argv) {
   addFeedCommands(app, context);
   addContentCommands(app, context);
   addLibraryCommands(app, context);
+  addAccountCommands(app, context);
   addDiscoverCommands(app, context);
   addOpmlCommands(app, context);
+  addSyncCommands(app, context);
 
   try {
     app.parse(argc, argv);
@@ -49,14 +52,7 @@ int main(int argc, char** argv) {
 
   try {
     if (auto handler = context.selectedHandler()) return handler();
-    auto environment = context.environment();
-    if (!environment) {
-      printError(environment.error());
-      return kExitFailure;
-    }
-    // No reader yet: the main job is to explain what Lectern can do.
-    fmt::print("{}", app.help());
-    return kExitOk;
+    return runDefaultCommand(context);
   } catch (const lectern::InternalInconsistency& e) {
     fmt::print(stderr, "lectern: internal error: {}\n", e.what());
     return kExitFailure;

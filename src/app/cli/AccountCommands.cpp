@@ -1,0 +1,264 @@
+// Commands for accounts and the built-in reader's subscriptions: account add/list/remove/set,
+// subscribe, unsubscribe.
+#include <iostream>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "accounts/AccountCommands.h"
+#include "accounts/AccountLifecycle.h"
+#include "accounts/BuiltInReader.h"
+#include "app/cli/Cli.h"
+#include "app/cli/Presentation.h"
+#include "core/Strings.h"
+#include "feeds/FeedDiscovery.h"
+#include "net/URL.h"
+#include "store/Account.h"
+#include "store/Feed.h"
+#include "store/ObjectContext.h"
+#include "store/QKDataManager.h"
+
+namespace lectern::cli {
+
+using nlohmann::json;
+
+namespace {
+
+// ---- accounts ----
+
+struct AddOptions {
+  std::string service;
+  std::string username;
+  std::string endpoint;
+  std::string title;
+  bool passwordStdin = false;
+};
+
+int runAccountAdd(CliContext& cli, const AddOptions& options) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  NewAccount request;
+  request.service = options.service;
+  if (!options.username.empty()) request.username = options.username;
+  if (!options.endpoint.empty()) request.endpoint = options.endpoint;
+  if (!options.title.empty()) request.title = options.title;
+  if (options.passwordStdin) {
+    // One line: the password never appears in the process list or the shell history.
+    std::string password;
+    std::getline(std::cin, password);
+    if (!password.empty() && password.back() == '\r') password.pop_back();
+    request.password = password;
+  }
+  auto account = createAccount(*library->context, request);
+  if (!account) {
+    printError(account.error());
+    return kExitFailure;
+  }
+  fmt::print("Added {} ({}).\n", (*account)->title().value_or(options.service), (*account)->uniqueIdentifier());
+  return kExitOk;
+}
+
+int runAccountList(CliContext& cli, bool asJson) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  auto accounts = listAccounts(*library->context);
+  if (!accounts) {
+    printError(accounts.error());
+    return kExitFailure;
+  }
+  if (asJson) {
+    json out = json::array();
+    for (const auto& a : *accounts) {
+      out.push_back({{"id", a.localId},
+                     {"account", a.uniqueIdentifier},
+                     {"service", a.service},
+                     {"title", a.title},
+                     {"username", a.username ? json(*a.username) : json(nullptr)},
+                     {"last_sync", jsonDate(a.last_sync)},
+                     {"syncError", a.syncError ? json(*a.syncError) : json(nullptr)}});
+    }
+    fmt::print("{}\n", out.dump(2));
+    return kExitOk;
+  }
+  if (accounts->empty()) fmt::print("No accounts yet. Add one with: lectern account add SERVICE\n");
+  for (const auto& a : *accounts) {
+    fmt::print("{:32}  {:20}  last sync: {}\n", fitColumn(a.uniqueIdentifier, 32), fitColumn(a.title, 20),
+               a.last_sync ? shortLocalDate(a.last_sync) : std::string("never"));
+  }
+  return kExitOk;
+}
+
+int runAccountRemove(CliContext& cli, const std::string& name) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  // No sync runs in this process, so there is nothing to cancel first.
+  if (auto removed = removeAccount(*library->context, name); !removed) {
+    printError(removed.error());
+    return kExitFailure;
+  }
+  fmt::print("Removed {}.\n", name);
+  return kExitOk;
+}
+
+int runAccountSet(CliContext& cli, const std::string& name, const std::string& key, const std::string& value) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  auto account = findAccount(*library->context, name);
+  if (!account) {
+    printError(account.error());
+    return kExitFailure;
+  }
+  auto stored = setAccountPreference(**account, key, value);
+  if (!stored) {
+    printError(stored.error());
+    return kExitFailure;
+  }
+  fmt::print("{} {} = {}\n", (*account)->uniqueIdentifier(), key, stored->dump());
+  return kExitOk;
+}
+
+// ---- subscriptions ----
+
+struct SubscribeOptions {
+  std::string url;
+  std::string folder;
+  int pick = 0;
+};
+
+// Subscribes the built-in reader to `url` and waits for the answer.
+int subscribeTo(Library& library, const std::string& url, const std::string& folder) {
+  auto account = ensureLocalRSSAccount(*library.context);
+  if (!account) {
+    printError(account.error());
+    return kExitFailure;
+  }
+  std::optional<Result<std::shared_ptr<Feed>>> outcome;
+  subscribeToFeed(*library.context, url, folder.empty() ? std::nullopt : std::optional<std::string>(folder),
+                  [&outcome](Result<std::shared_ptr<Feed>> result) { outcome = std::move(result); });
+  library.environment->mainQueue().runUntil([&] { return outcome.has_value(); });
+  if (!*outcome) {
+    printError(outcome->error());
+    return kExitFailure;
+  }
+  const auto& feed = **outcome;
+  fmt::print("Subscribed to {} ({}){}; its id is {}.\n", feed->title().value_or(url), feed->URL().value_or(url),
+             folder.empty() ? "" : " in " + folder, feed->objectID().row);
+  fmt::print("Fetch its articles with: lectern sync\n");
+  return kExitOk;
+}
+
+int runSubscribe(CliContext& cli, const SubscribeOptions& options) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  if (library->environment->options().offline) {
+    printError(Error::make(kLecternErrorDomain, 1, "Cannot subscribe while offline",
+                           "Subscribing reads the address once; try again without --offline."));
+    return kExitFailure;
+  }
+  const std::string address = normalizedFeedAddress(options.url);
+  auto candidates = discoverFeeds(library->environment->network(), options.url);
+  if (!candidates) {
+    // A feed served with an unexpected type ("text/plain", "application/octet-stream") is still a
+    // feed: try the address itself before giving up.
+    if (candidates.error().domain == "QKFeedLinkParserErrorDomain" && candidates.error().code == 2) {
+      return subscribeTo(*library, address, options.folder);
+    }
+    printError(candidates.error());
+    return kExitFailure;
+  }
+  // Pages may name their feeds relatively; resolve them against the page that named them.
+  const auto page = URL::parse(address);
+  for (auto& candidate : *candidates) {
+    if (!hasURLScheme(candidate.URL) && page) {
+      if (auto resolved = page->resolve(candidate.URL)) candidate.URL = resolved->string();
+    }
+  }
+  if (options.pick > 0) {
+    if (options.pick > static_cast<int>(candidates->size())) {
+      printError(Error::make(kLecternErrorDomain, 2, fmt::format("There is no feed {} on this page", options.pick),
+                             fmt::format("The page names {} feed(s).", candidates->size())));
+      return kExitUsage;
+    }
+    return subscribeTo(*library, (*candidates)[static_cast<size_t>(options.pick - 1)].URL, options.folder);
+  }
+  if (candidates->size() == 1) return subscribeTo(*library, candidates->front().URL, options.folder);
+  fmt::print("This page names {} feeds:\n", candidates->size());
+  for (size_t i = 0; i < candidates->size(); ++i) {
+    const auto& candidate = (*candidates)[i];
+    fmt::print("  {}. {}  {}\n", i + 1, candidate.title.empty() ? "(untitled)" : candidate.title, candidate.URL);
+  }
+  fmt::print(stderr, "lectern: several feeds found; choose one with --pick N\n");
+  return kExitFailure;
+}
+
+int runUnsubscribe(CliContext& cli, std::int64_t feedId) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  std::optional<std::optional<Error>> outcome;
+  unsubscribeFromFeed(*library->context, feedId, [&outcome](std::optional<Error> error) { outcome = std::move(error); });
+  library->environment->mainQueue().runUntil([&] { return outcome.has_value(); });
+  if (*outcome) {
+    printError(**outcome);
+    return kExitFailure;
+  }
+  fmt::print("Unsubscribed; the feed's articles are gone.\n");
+  return kExitOk;
+}
+
+}  // namespace
+
+void addAccountCommands(CLI::App& app, CliContext& context) {
+  auto* account = app.add_subcommand("account", "Add, list, remove and configure accounts");
+  account->require_subcommand(1);
+
+  auto add = std::make_shared<AddOptions>();
+  auto* addCommand = account->add_subcommand("add", "Add an account of a service");
+  addCommand
+      ->add_option("SERVICE", add->service,
+                   "localrss, feedbin, feedly, fever, feedwrangler, newsblur, instapaper, pocket or pinboard")
+      ->required();
+  addCommand->add_option("--username", add->username, "Your name at the service");
+  addCommand->add_flag("--password-stdin", add->passwordStdin, "Read the password from the first line of stdin");
+  addCommand->add_option("--endpoint", add->endpoint, "The server's address (self-hosted services)");
+  addCommand->add_option("--title", add->title, "The account's display title");
+  context.onCommand(addCommand, [&context, add] { return runAccountAdd(context, *add); });
+
+  auto listJson = std::make_shared<bool>(false);
+  auto* list = account->add_subcommand("list", "List accounts");
+  list->add_flag("--json", *listJson, "As a JSON array");
+  context.onCommand(list, [&context, listJson] { return runAccountList(context, *listJson); });
+
+  auto removeName = std::make_shared<std::string>();
+  auto* remove = account->add_subcommand("remove", "Remove an account with its articles, password and preferences");
+  remove->add_option("ACCOUNT", *removeName, "The account's identifier (service:username) or its service name")
+      ->required();
+  context.onCommand(remove, [&context, removeName] { return runAccountRemove(context, *removeName); });
+
+  auto setArgs = std::make_shared<std::array<std::string, 3>>();
+  auto* set = account->add_subcommand("set", "Change an account preference");
+  set->add_option("ACCOUNT", (*setArgs)[0], "The account's identifier or service name")->required();
+  set->add_option("KEY", (*setArgs)[1],
+                  "autoSyncIntervalIndex (0 manual, 1-4: 5, 10, 30, 60 minutes), syncOnStart, cacheImages, ...")
+      ->required();
+  set->add_option("VALUE", (*setArgs)[2], "yes/no for flags, a number for indexes")->required();
+  context.onCommand(set, [&context, setArgs] {
+    return runAccountSet(context, (*setArgs)[0], (*setArgs)[1], (*setArgs)[2]);
+  });
+
+  auto subscribe = std::make_shared<SubscribeOptions>();
+  auto* subscribeCommand =
+      app.add_subcommand("subscribe", "Subscribe the built-in reader to a feed, or to the feed a page names");
+  subscribeCommand->add_option("URL", subscribe->url, "A feed or a web page (\"https://\" is added when missing)")
+      ->required();
+  subscribeCommand->add_option("--folder", subscribe->folder, "Put the feed in this folder (made when missing)");
+  subscribeCommand->add_option("--pick", subscribe->pick, "When the page names several feeds, take the Nth")
+      ->check(CLI::PositiveNumber);
+  context.onCommand(subscribeCommand, [&context, subscribe] { return runSubscribe(context, *subscribe); });
+
+  auto feedId = std::make_shared<std::int64_t>(0);
+  auto* unsubscribe = app.add_subcommand("unsubscribe", "Unsubscribe from a feed and delete its articles");
+  unsubscribe->add_option("FEED_ID", *feedId, "The feed's id (from `lectern feeds`)")->required();
+  context.onCommand(unsubscribe, [&context, feedId] { return runUnsubscribe(context, *feedId); });
+}
+
+}  // namespace lectern::cli
