@@ -99,7 +99,7 @@ class PassPrinter final : public SyncPassObserver {
     if (json_) {
       json failed = json::array();
       for (const auto& feed : report.failedFeeds) {
-        failed.push_back({{"id", feed.feed.row}, {"title", feed.title}, {"url", feed.url}, {"error", errorText(feed.error)}});
+        failed.push_back({{"id", feed.feed.row}, {"title", feed.title}, {"url", feed.url}, {"error", feed.error.message()}});
       }
       reports_.push_back({{"account", account.uniqueIdentifier()},
                           {"title", report.title},
@@ -135,7 +135,7 @@ class PassPrinter final : public SyncPassObserver {
     std::fflush(stdout);
     for (const auto& feed : report.failedFeeds) {
       fmt::print(stderr, "  {} <{}>: {}\n", feed.title.empty() ? "(untitled feed)" : feed.title, feed.url,
-                 errorText(feed.error));
+                 feed.error.message());
     }
   }
 

@@ -19,10 +19,6 @@ int main(int argc, char** argv) {
   app.add_flag("--verbose", context.options.verbose, "Mirror the log to stderr");
   app.add_flag("--offline", context.options.offline,
                "Treat the internet as unreachable: changes are queued for the next sync (also LECTERN_OFFLINE=1)");
-  app.footer(
-      "With no command: sync every account and show the newest unread stories (the first run sets up a feed reader).\n"
-      "Data: $XDG_DATA_HOME/lectern  Configuration: $XDG_CONFIG_HOME/lectern  Log: $XDG_STATE_HOME/lectern\n"
-      "Exit codes: 0 success, 1 failure, 2 usage error.");
 
   // Command modules register here.
   addFeedCommands(app, context);
@@ -32,6 +28,12 @@ int main(int argc, char** argv) {
   addDiscoverCommands(app, context);
   addOpmlCommands(app, context);
   addSyncCommands(app, context);
+
+  // Set after the commands so that they do not inherit it.
+  app.footer(
+      "With no command: sync every account and show the newest unread stories (the first run sets up a feed reader).\n"
+      "Data: $XDG_DATA_HOME/lectern  Configuration: $XDG_CONFIG_HOME/lectern  Log: $XDG_STATE_HOME/lectern\n"
+      "Exit codes: 0 success, 1 failure, 2 usage error.");
 
   try {
     app.parse(argc, argv);

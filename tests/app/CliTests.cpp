@@ -1,0 +1,202 @@
+// The `lectern` program end to end: each test runs the built program in a fresh home against a
+// local feed server and checks what a user (or a script) sees: output, JSON and exit codes.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/TestSupport.h"
+#include "sync/SyncTestSupport.h"
+
+namespace lectern::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+struct ProgramRun {
+  int exit = -1;
+  std::string out;
+  std::string err;
+  json parsed() const { return json::parse(out); }
+};
+
+class CliTest : public ::testing::Test {
+ protected:
+  // Runs `lectern --home HOME <arguments>` (arguments are shell words) with `input` on stdin.
+  ProgramRun run(const std::string& arguments, const std::string& input = "") {
+    const auto in = home_.path() / "stdin.txt";
+    const auto out = home_.path() / "stdout.txt";
+    const auto err = home_.path() / "stderr.txt";
+    writeFile(in, input);
+    const std::string command = fmt::format("'{}' --home '{}' {} < '{}' > '{}' 2> '{}'", LECTERN_PROGRAM,
+                                            (home_.path() / "home").string(), arguments, in.string(),
+                                            out.string(), err.string());
+    const int status = std::system(command.c_str());
+    ProgramRun result;
+    result.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.out = readFile(out);
+    result.err = readFile(err);
+    return result;
+  }
+
+  void serveNews(const std::vector<TestEntry>& entries) {
+    server_.setFeed("news", entries, std::chrono::system_clock::now());
+  }
+
+  TempDir home_;
+  FeedServer server_;
+};
+
+TEST_F(CliTest, FirstRunSetsUpTheReaderThenSubscribingSyncingAndReadingWork) {
+  auto first = run("");
+  ASSERT_EQ(first.exit, 0) << first.err;
+  EXPECT_THAT(first.out, HasSubstr("lectern subscribe URL"));
+  auto accounts = run("account list --json");
+  ASSERT_EQ(accounts.exit, 0) << accounts.err;
+  ASSERT_EQ(accounts.parsed().size(), 1u);
+  EXPECT_EQ(accounts.parsed()[0]["account"], "localrss");
+
+  serveNews({{"Fresh one", "https://example.org/1", 2h}, {"Fresh two", "https://example.org/2", 3h}});
+  auto subscribed = run("subscribe " + server_.url("news") + " --folder Daily");
+  ASSERT_EQ(subscribed.exit, 0) << subscribed.err;
+
+  // The main job syncs, then shows the unread stories.
+  auto main = run("");
+  ASSERT_EQ(main.exit, 0) << main.err;
+  EXPECT_THAT(main.out, HasSubstr("2 unread"));
+  EXPECT_THAT(main.out, HasSubstr("Fresh one"));
+
+  auto list = run("list --json");
+  ASSERT_EQ(list.exit, 0) << list.err;
+  const json stories = list.parsed();
+  ASSERT_EQ(stories.size(), 2u);
+  EXPECT_EQ(stories[0]["title"], "Fresh one");  // newest first
+  EXPECT_EQ(stories[0]["bookmark_id"], "https://example.org/1");
+  EXPECT_EQ(stories[0]["account"], "localrss");
+  EXPECT_EQ(stories[0]["feed"], "news");
+  EXPECT_THAT(stories[0]["date_added"].get<std::string>(), ::testing::EndsWith("Z"));
+
+  const std::string id = std::to_string(stories[0]["id"].get<std::int64_t>());
+  ASSERT_EQ(run("mark read " + id).exit, 0);
+  auto unread = run("list --unread --json");
+  ASSERT_EQ(unread.parsed().size(), 1u);
+  EXPECT_EQ(unread.parsed()[0]["title"], "Fresh two");
+
+  auto feeds = run("feeds --json");
+  ASSERT_EQ(feeds.exit, 0) << feeds.err;
+  ASSERT_EQ(feeds.parsed().size(), 1u);
+  auto folders = run("folders --json");
+  EXPECT_THAT(folders.out, HasSubstr("Daily"));
+}
+
+TEST_F(CliTest, SyncReportsFailingFeedsWithoutFailingAndUnsyncableAccountsAsFailures) {
+  serveNews({{"Story", "https://example.org/s", 1h}});
+  server_.setFeed("gone", {{"Other", "https://example.org/o", 1h}}, std::chrono::system_clock::now());
+  ASSERT_EQ(run("subscribe " + server_.url("news")).exit, 0);
+  ASSERT_EQ(run("subscribe " + server_.url("gone")).exit, 0);
+  server_.setBody("gone", "not here", 404);
+
+  auto sync = run("sync");
+  EXPECT_EQ(sync.exit, 0) << sync.err;
+  EXPECT_THAT(sync.out, HasSubstr("Built-in RSS Reader: up to date"));
+  EXPECT_THAT(sync.err, HasSubstr(server_.url("gone")));  // the failing feed and its reason
+  EXPECT_THAT(sync.err, Not(HasSubstr(server_.url("news"))));
+
+  auto feeds = run("feeds --json");
+  int failing = 0;
+  for (const auto& feed : feeds.parsed()) {  // each feed keeps its health beside it
+    const bool gone = feed["feed_link"] == server_.url("gone");
+    EXPECT_EQ(feed["last_error"].is_string(), gone) << feed.dump();
+    EXPECT_EQ(feed["failing_since"].is_string(), gone) << feed.dump();
+    EXPECT_TRUE(feed["last_refresh"].is_string()) << feed.dump();
+    failing += gone ? 1 : 0;
+  }
+  EXPECT_EQ(failing, 1) << feeds.out;
+
+  ASSERT_EQ(run("account add feedbin --username me@example.org --password-stdin", "secret\n").exit, 0);
+  auto withFeedbin = run("sync --json");
+  EXPECT_EQ(withFeedbin.exit, 1);
+  bool feedbinFailed = false;
+  for (const auto& report : withFeedbin.parsed()) {
+    if (report["account"] == "feedbin:me@example.org") {
+      feedbinFailed = !report["ok"].get<bool>() && report["error"].get<std::string>().find("Feedbin") != std::string::npos;
+    } else {
+      EXPECT_TRUE(report["ok"].get<bool>());
+      EXPECT_EQ(report["failed_feeds"].size(), 1u);
+    }
+  }
+  EXPECT_TRUE(feedbinFailed) << withFeedbin.out;
+
+  EXPECT_EQ(run("sync localrss").exit, 0);  // only the named account
+  EXPECT_EQ(run("sync nosuchaccount").exit, 1);
+  EXPECT_EQ(run("sync --no-such-flag").exit, 2);
+}
+
+TEST_F(CliTest, ChangesMadeOfflineWaitInTheQueueAndReachTheLibraryAtTheNextSync) {
+  serveNews({{"Keep me", "https://example.org/k", 1h}});
+  ASSERT_EQ(run("subscribe " + server_.url("news")).exit, 0);
+  ASSERT_EQ(run("sync").exit, 0);
+  const std::string id = std::to_string(run("list --json").parsed()[0]["id"].get<std::int64_t>());
+
+  auto offlineSync = run("--offline sync");
+  EXPECT_EQ(offlineSync.exit, 1);
+  EXPECT_THAT(offlineSync.err, HasSubstr("offline"));
+
+  ASSERT_EQ(run("--offline mark star " + id).exit, 0);
+  auto queue = run("queue --json");
+  ASSERT_EQ(queue.exit, 0) << queue.err;
+  ASSERT_EQ(queue.parsed().size(), 1u);
+
+  ASSERT_EQ(run("sync").exit, 0);
+  EXPECT_EQ(run("queue --json").parsed().size(), 0u);
+  auto starred = run("list --starred --json");
+  ASSERT_EQ(starred.parsed().size(), 1u);
+  EXPECT_EQ(starred.parsed()[0]["title"], "Keep me");
+}
+
+TEST_F(CliTest, DaemonSyncsAtStartUpAndStopsCleanlyOnSigterm) {
+  serveNews({{"Daemon story", "https://example.org/d", 1h}});
+  ASSERT_EQ(run("subscribe " + server_.url("news")).exit, 0);
+  ASSERT_EQ(run("account set localrss syncOnStart yes").exit, 0);
+  const int before = server_.requests("news");
+
+  const auto home = (home_.path() / "home").string();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::freopen("/dev/null", "w", stdout);
+    execl(LECTERN_PROGRAM, LECTERN_PROGRAM, "--home", home.c_str(), "daemon", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  // The start-up sync comes 3 s after start.
+  const auto deadline = std::chrono::steady_clock::now() + 60s;
+  while (server_.requests("news") == before && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(50ms);
+  }
+  EXPECT_GT(server_.requests("news"), before);
+  // Let the sync store what it fetched before asking the daemon to stop.
+  while (run("list --json").parsed().empty() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(100ms);
+  }
+  kill(child, SIGTERM);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(run("list --json").parsed().size(), 1u);
+}
+
+}  // namespace
+}  // namespace lectern::test
