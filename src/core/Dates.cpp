@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cmath>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -28,33 +29,44 @@ constexpr std::array<const char*, 5> kRFC3339 = {
     "yyyy'-'MM'-'dd'T'HH':'mm':'ssZZZ", "yyyy'-'MM'-'dd'T'HH':'mm':'ss.SSSZZZ", "yyyy'-'MM'-'dd'T'HH':'mm':'ss",
     "yyyy'-'MM'-'dd' 'HH':'mm':'ss", "yyyy'-'MM'-'dd' 'HH':'mm':'ssZZZ"};
 
-// The one formatter all feed dates go through, and the lock its users hold.
-struct InternetDateFormatter {
-  std::mutex mutex;  // guards formatter
-  std::unique_ptr<icu::SimpleDateFormat> formatter;
+// Dates are nanosecond time points: about 292 years either side of 1970.
+constexpr double kRepresentableMilliseconds = 9.2e12;
 
-  InternetDateFormatter() {
-    UErrorCode status = U_ZERO_ERROR;
-    formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString("yyyy"), icu::Locale("en_US_POSIX"),
-                                                         status);
-    if (U_FAILURE(status)) {
-      formatter.reset();
-      return;
+// The one formatter all feed dates go through, and the lock its users hold. It keeps one ICU
+// formatter per pattern: switching a single one between patterns rebuilds its time-zone name
+// tables on every date, which cost more than the rest of a feed's parsing.
+struct InternetDateFormatter {
+  std::mutex mutex;  // guards formatters
+  std::map<const char*, std::unique_ptr<icu::SimpleDateFormat>> formatters;
+
+  icu::SimpleDateFormat* formatterFor(const char* pattern) {
+    auto& slot = formatters[pattern];
+    if (!slot) {
+      UErrorCode status = U_ZERO_ERROR;
+      slot = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(pattern), icu::Locale("en_US_POSIX"), status);
+      if (U_FAILURE(status)) {
+        slot.reset();
+        return nullptr;
+      }
+      slot->adoptTimeZone(icu::TimeZone::createTimeZone("GMT"));
+      slot->setLenient(false);
     }
-    formatter->adoptTimeZone(icu::TimeZone::createTimeZone("GMT"));
-    formatter->setLenient(false);
+    return slot.get();
   }
 
   // Applies each format in turn; the first that reads the whole text wins.
   template <size_t N>
   std::optional<Date> parse(const icu::UnicodeString& text, const std::array<const char*, N>& formats) {
-    if (!formatter) return std::nullopt;
     for (const char* format : formats) {
-      formatter->applyPattern(icu::UnicodeString(format));
+      icu::SimpleDateFormat* formatter = formatterFor(format);
+      if (!formatter) continue;
       icu::ParsePosition position(0);
       const UDate udate = formatter->parse(text, position);
       if (position.getErrorIndex() < 0 && position.getIndex() == text.length()) {
-        return Date(std::chrono::duration_cast<Date::duration>(std::chrono::duration<double, std::milli>(udate)));
+        // A year the library's clock cannot hold (before 1678 or after 2261) is no date.
+        if (std::abs(udate) >= kRepresentableMilliseconds) return std::nullopt;
+        // ICU counts whole milliseconds in a double; rounding keeps 45.930 from becoming 45.929999.
+        return Date(std::chrono::milliseconds(std::llround(udate)));
       }
     }
     return std::nullopt;
@@ -90,32 +102,186 @@ Date fromUDate(UDate udate) {
   return Date(std::chrono::duration_cast<Date::duration>(std::chrono::duration<double, std::milli>(udate)));
 }
 
+// ---- the strict forms, read by hand ----
+// Nearly every feed writes its dates in one strict form; reading those by hand avoids the ICU
+// formatters, which cost as much as the XML parse. Anything unusual (zone names other than GMT,
+// one-digit hours, impossible days) goes on to ICU, which then decides exactly as before.
+
+struct Cursor {
+  std::string_view text;
+  size_t at = 0;
+  bool done() const { return at == text.size(); }
+  bool literal(char c) {
+    if (at < text.size() && text[at] == c) return ++at, true;
+    return false;
+  }
+  // Exactly `count` digits.
+  std::optional<int> digits(size_t count) {
+    if (text.size() - at < count) return std::nullopt;
+    int value = 0;
+    for (size_t i = 0; i < count; ++i) {
+      const char c = text[at + i];
+      if (c < '0' || c > '9') return std::nullopt;
+      value = value * 10 + (c - '0');
+    }
+    at += count;
+    return value;
+  }
+  // One or two digits.
+  std::optional<int> shortNumber() {
+    auto first = digits(1);
+    if (!first) return std::nullopt;
+    if (auto second = digits(1)) return *first * 10 + *second;
+    return first;
+  }
+  // A three-letter name from `names` (ASCII case ignored); answers its index.
+  template <size_t N>
+  std::optional<int> name(const std::array<std::string_view, N>& names) {
+    if (text.size() - at < 3) return std::nullopt;
+    const std::string word = toUpperASCII(text.substr(at, 3));
+    for (size_t i = 0; i < N; ++i) {
+      if (word == names[i]) return at += 3, static_cast<int>(i);
+    }
+    return std::nullopt;
+  }
+};
+
+constexpr std::array<std::string_view, 7> kWeekdays = {"MON", "TUE", "WED", "THU", "FRI", "SAT", "SUN"};
+constexpr std::array<std::string_view, 12> kMonths = {"JAN", "FEB", "MAR", "APR", "MAY", "JUN",
+                                                      "JUL", "AUG", "SEP", "OCT", "NOV", "DEC"};
+
+// The date when every field is in range, else nothing (the caller then asks ICU).
+std::optional<Date> civilDate(int year, int month, int day, int hour, int minute, int second, int millis,
+                              int offsetMinutes) {
+  using namespace std::chrono;
+  const year_month_day ymd{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
+                           std::chrono::day(static_cast<unsigned>(day))};
+  if (!ymd.ok() || hour > 23 || minute > 59 || second > 59 || year < 1700 || year > 2200) return std::nullopt;
+  const auto local = sys_days(ymd) + hours(hour) + minutes(minute) + seconds(second) + milliseconds(millis);
+  return time_point_cast<Date::duration>(local - minutes(offsetMinutes));
+}
+
+// "+hhmm" / "-hhmm" (or "+hh:mm" when `colon`); answers minutes east of UTC.
+std::optional<int> numericOffset(Cursor& in, bool colon) {
+  const bool east = in.literal('+');
+  if (!east && !in.literal('-')) return std::nullopt;
+  auto hours = in.digits(2);
+  if (colon && !in.literal(':')) return std::nullopt;
+  auto minutes = in.digits(2);
+  if (!hours || !minutes || *hours > 23 || *minutes > 59) return std::nullopt;
+  return (east ? 1 : -1) * (*hours * 60 + *minutes);
+}
+
+// "[Www, ]d Mmm yyyy HH:mm[:ss][ (GMT|+hhmm|-hhmm)]"
+std::optional<Date> readStrictRFC822(std::string_view text) {
+  Cursor in{text};
+  if (in.name(kWeekdays)) {
+    if (!in.literal(',') || !in.literal(' ')) return std::nullopt;
+  } else if (text.find(',') != std::string_view::npos) {
+    return std::nullopt;
+  }
+  auto day = in.shortNumber();
+  if (!day || !in.literal(' ')) return std::nullopt;
+  auto month = in.name(kMonths);
+  if (!month || !in.literal(' ')) return std::nullopt;
+  auto year = in.digits(4);
+  if (!year || !in.literal(' ')) return std::nullopt;
+  auto hour = in.digits(2);
+  if (!hour || !in.literal(':')) return std::nullopt;
+  auto minute = in.digits(2);
+  if (!minute) return std::nullopt;
+  int second = 0;
+  if (in.literal(':')) {
+    auto read = in.digits(2);
+    if (!read) return std::nullopt;
+    second = *read;
+  }
+  int offset = 0;
+  if (in.literal(' ')) {
+    if (in.text.substr(in.at) == "GMT" || in.text.substr(in.at) == "gmt") {
+      in.at = in.text.size();
+    } else {
+      auto read = numericOffset(in, /*colon=*/false);
+      if (!read) return std::nullopt;
+      offset = *read;
+    }
+  }
+  if (!in.done()) return std::nullopt;
+  return civilDate(*year, *month + 1, *day, *hour, *minute, second, 0, offset);
+}
+
+// "yyyy-MM-ddTHH:mm:ss[.fraction](Z|+hh:mm|-hh:mm|+hhmm|-hhmm)", or without a zone and fraction.
+std::optional<Date> readStrictRFC3339(std::string_view text) {
+  Cursor in{text};
+  auto year = in.digits(4);
+  if (!year || !in.literal('-')) return std::nullopt;
+  auto month = in.digits(2);
+  if (!month || !in.literal('-')) return std::nullopt;
+  auto day = in.digits(2);
+  if (!day || !(in.literal('T') || in.literal('t'))) return std::nullopt;
+  auto hour = in.digits(2);
+  if (!hour || !in.literal(':')) return std::nullopt;
+  auto minute = in.digits(2);
+  if (!minute || !in.literal(':')) return std::nullopt;
+  auto second = in.digits(2);
+  if (!second) return std::nullopt;
+  int millis = 0;
+  bool fraction = false;
+  if (in.literal('.')) {
+    size_t count = 0;
+    for (; !in.done() && in.text[in.at] >= '0' && in.text[in.at] <= '9'; ++in.at, ++count) {
+      if (count < 3) millis = millis * 10 + (in.text[in.at] - '0');
+    }
+    if (count == 0) return std::nullopt;
+    for (size_t i = count; i < 3; ++i) millis *= 10;
+    fraction = true;
+  }
+  int offset = 0;
+  if (in.literal('Z') || in.literal('z')) {
+    offset = 0;
+  } else if (!in.done()) {
+    const size_t start = in.at;
+    auto read = numericOffset(in, /*colon=*/true);
+    if (!read) {
+      in.at = start;
+      read = numericOffset(in, /*colon=*/false);
+    }
+    if (!read) return std::nullopt;
+    offset = *read;
+  } else if (fraction) {
+    return std::nullopt;  // a fraction comes only with a zone
+  }
+  if (!in.done()) return std::nullopt;
+  return civilDate(*year, *month, *day, *hour, *minute, *second, millis, offset);
+}
+
 }  // namespace
 
-std::optional<Date> dateFromRFC3339String(std::string_view text) {
+std::optional<Date> dateFromRFC3339StringWithICU(std::string_view text) {
   auto& shared = internetDateFormatter();
-  std::optional<Date> date;
-  {
-    std::lock_guard lock(shared.mutex);
-    date = parseRFC3339Locked(shared, text);
-  }
+  std::lock_guard lock(shared.mutex);
+  return parseRFC3339Locked(shared, text);
+}
+
+std::optional<Date> dateFromRFC822StringWithICU(std::string_view text) {
+  auto& shared = internetDateFormatter();
+  const std::string upper = toUpperASCII(text);
+  std::lock_guard lock(shared.mutex);
+  if (upper.find(',') != std::string::npos) return shared.parse(toUnicode(upper), kRFC822WithComma);
+  if (auto date = shared.parse(toUnicode(upper), kRFC822WithoutComma)) return date;
+  return parseRFC3339Locked(shared, upper);
+}
+
+std::optional<Date> dateFromRFC3339String(std::string_view text) {
+  auto date = readStrictRFC3339(text);
+  if (!date) date = dateFromRFC3339StringWithICU(text);
   if (!date) logDebugMessage("NSDate", "Could not parse RFC3339 date: \"{}\" Possible invalid format.", text);
   return date;
 }
 
 std::optional<Date> dateFromRFC822String(std::string_view text) {
-  auto& shared = internetDateFormatter();
-  const std::string upper = toUpperASCII(text);
-  std::optional<Date> date;
-  {
-    std::lock_guard lock(shared.mutex);
-    if (upper.find(',') != std::string::npos) {
-      date = shared.parse(toUnicode(upper), kRFC822WithComma);
-    } else {
-      date = shared.parse(toUnicode(upper), kRFC822WithoutComma);
-      if (!date) date = parseRFC3339Locked(shared, upper);
-    }
-  }
+  auto date = readStrictRFC822(text);
+  if (!date) date = dateFromRFC822StringWithICU(text);
   if (!date) logDebugMessage("NSDate", "Could not parse RFC822 date: \"{}\" Possible invalid format.", text);
   return date;
 }

@@ -18,6 +18,10 @@ enum class DateFormatHint : int { kRFC822 = 1, kRFC3339 = 2 };
 std::optional<Date> dateFromInternetDateTimeString(std::string_view text, DateFormatHint hint);
 std::optional<Date> dateFromRFC822String(std::string_view text);
 std::optional<Date> dateFromRFC3339String(std::string_view text);
+// The same two readers through the ICU formatters alone, without the hand-written reading of the
+// strict forms that the functions above try first (they must agree; tests compare them).
+std::optional<Date> dateFromRFC822StringWithICU(std::string_view text);
+std::optional<Date> dateFromRFC3339StringWithICU(std::string_view text);
 
 // ISO 8601 as services send it: "2013-02-02T14:07:33.000000Z", "2013-02-02T14:07:33Z",
 // "2013-02-02T14:07:33+01:00", "2013-02-02 14:07:33" (UTC), "2013-02-02".

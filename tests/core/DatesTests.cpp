@@ -40,6 +40,44 @@ TEST(FeedDates, ReadsTheFormsFeedsUse) {
   }
 }
 
+// The strict forms are read by hand before ICU is asked; both must give the same answer, including
+// "no date" for the texts ICU refuses.
+TEST(FeedDates, HandReadStrictFormsAgreeWithTheFormatters) {
+  const char* rfc822[] = {
+      "Sun, 22 Nov 2026 08:35:45 +0100", "Sun, 22 Nov 2026 08:35:45 -0730", "sun, 22 nov 2026 08:35:45 gmt",
+      "Sun, 2 Nov 2026 08:35:45 GMT",    "Sun, 22 Nov 2026 08:35 +0000",    "Sun, 22 Nov 2026 08:35:45",
+      "22 Nov 2026 08:35:45 +0200",      "22 Nov 2026 08:35",               "Mon, 22 Nov 2026 08:35:45 GMT",
+      "Sun, 29 Feb 2028 23:59:59 +2359", "Sun, 29 Feb 2027 10:00:00 GMT",   "Sun, 31 Nov 2026 10:00:00 GMT",
+      "Sun, 22 Nov 2026 24:00:00 GMT",   "Sun, 22 Nov 2026 08:60:00 GMT",   "Sun, 22 Nov 2026 08:35:45 +2400",
+      "Sun, 22 Nov 26 08:35:45 GMT",     "Sun, 22 Nov 2026 8:35:45 GMT",    "Sun 22 Nov 2026 08:35:45 GMT",
+      "Sun, 22 Nov 2026 08:35:45 EST",   "Sun, 22 Nov 2026 08:35:45 UT",    "Sun, 22 Nov 2026  08:35:45 GMT",
+      "Xyz, 22 Nov 2026 08:35:45 GMT",   "Sun, 22 Foo 2026 08:35:45 GMT",   "Sun, 22 Nov 2026 08:35:45 +01",
+  };
+  for (const char* text : rfc822) {
+    const auto icu = dateFromRFC822StringWithICU(text);
+    const auto both = dateFromRFC822String(text);
+    ASSERT_EQ(both.has_value(), icu.has_value()) << text;
+    if (icu) {
+      EXPECT_EQ(rfc3339String(*both), rfc3339String(*icu)) << text;
+    }
+  }
+  const char* rfc3339[] = {
+      "2026-11-22T13:49:45Z",          "2026-11-22T13:49:45+05:30",      "2026-11-22T13:49:45-0800",
+      "2026-11-22t13:49:45z",          "2026-11-22T13:49:45.930069+00:00", "2026-11-22T13:49:45.5Z",
+      "2026-11-22T13:49:45.123-02:00", "2026-11-22T13:49:45",            "2026-11-22T13:49:45.123",
+      "2026-02-30T13:49:45Z",          "2026-11-22T25:49:45Z",           "2026-11-22T13:49Z",
+      "2026-11-22T13:49:45+5:30",      "26-11-22T13:49:45Z",             "2026-11-22T13:49:45+05:30x",
+  };
+  for (const char* text : rfc3339) {
+    const auto icu = dateFromRFC3339StringWithICU(text);
+    const auto both = dateFromRFC3339String(text);
+    ASSERT_EQ(both.has_value(), icu.has_value()) << text;
+    if (icu) {
+      EXPECT_EQ(rfc3339String(*both), rfc3339String(*icu)) << text;
+    }
+  }
+}
+
 TEST(FeedDates, UnreadableDatesGiveNothingAndSayWhyInTheLog) {
   ScopedLogCapture log;
   EXPECT_EQ(dateFromInternetDateTimeString("", DateFormatHint::kRFC822), std::nullopt);
