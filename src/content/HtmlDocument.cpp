@@ -13,40 +13,11 @@
 #include <mutex>
 #include <optional>
 
+#include "core/QuietLibxml.h"
 #include "core/Strings.h"
 
 namespace lectern {
 namespace {
-
-void ignoreGenericError(void*, const char*, ...) {}
-void ignoreStructuredError(void*, xmlErrorPtr) {}
-
-// libxml2 prints parser, encoding and XPath complaints to stderr unless told otherwise; its
-// handlers are per thread, so this silences the calling thread only, and puts back what the
-// thread had before.
-class QuietLibxml {
- public:
-  QuietLibxml()
-      : generic_(xmlGenericError),
-        genericContext_(xmlGenericErrorContext),
-        structured_(xmlStructuredError),
-        structuredContext_(xmlStructuredErrorContext) {
-    xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
-    xmlSetStructuredErrorFunc(nullptr, ignoreStructuredError);
-  }
-  ~QuietLibxml() {
-    xmlSetGenericErrorFunc(genericContext_, generic_);
-    xmlSetStructuredErrorFunc(structuredContext_, structured_);
-  }
-  QuietLibxml(const QuietLibxml&) = delete;
-  QuietLibxml& operator=(const QuietLibxml&) = delete;
-
- private:
-  xmlGenericErrorFunc generic_;
-  void* genericContext_;
-  xmlStructuredErrorFunc structured_;
-  void* structuredContext_;
-};
 
 // libxml2 wants its one-time set-up done before threads use it concurrently.
 void initializeLibxml() {

@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "core/Log.h"
+#include "core/QuietLibxml.h"
 #include "core/Strings.h"
 #include "feeds/URLDownload.h"
 #include "net/TextEncoding.h"
@@ -57,35 +58,6 @@ std::string decodeLossily(std::string_view bytes, const std::string& encoding) {
   text.toUTF8String(utf8);
   return utf8;
 }
-
-void ignoreGenericError(void*, const char*, ...) {}
-void ignoreStructuredError(void*, xmlErrorPtr) {}
-
-// libxml2 reports to stderr unless told otherwise; its handlers are per thread, so this silences
-// the calling thread only, and puts back what it had before.
-class QuietLibxml {
- public:
-  QuietLibxml()
-      : generic_(xmlGenericError),
-        genericContext_(xmlGenericErrorContext),
-        structured_(xmlStructuredError),
-        structuredContext_(xmlStructuredErrorContext) {
-    xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
-    xmlSetStructuredErrorFunc(nullptr, ignoreStructuredError);
-  }
-  ~QuietLibxml() {
-    xmlSetGenericErrorFunc(genericContext_, generic_);
-    xmlSetStructuredErrorFunc(structuredContext_, structured_);
-  }
-  QuietLibxml(const QuietLibxml&) = delete;
-  QuietLibxml& operator=(const QuietLibxml&) = delete;
-
- private:
-  xmlGenericErrorFunc generic_;
-  void* genericContext_;
-  xmlStructuredErrorFunc structured_;
-  void* structuredContext_;
-};
 
 std::string attributeValue(xmlNodePtr node, const char* name) {
   xmlChar* value = xmlGetProp(node, reinterpret_cast<const xmlChar*>(name));
