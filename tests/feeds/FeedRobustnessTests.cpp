@@ -51,7 +51,7 @@ TEST_F(FeedRobustness, OddFixturesGiveTheFeedTheyMeanOrAClearError) {
       {"two-channels.rss", "First"},
       {"control-characters.rss", "Bell and NUL inside"},
       {"undeclared-prefixes.rss", "T"},
-      {"atom-xhtml-content.atom", ""},
+      {"atom-xhtml-content.atom", "XH"},
       {"truncated.rss", std::nullopt},
       {"billion-laughs.xml", std::nullopt},
       {"empty.xml", std::nullopt},
@@ -76,6 +76,7 @@ TEST_F(FeedRobustness, OddFixturesGiveTheFeedTheyMeanOrAClearError) {
 }
 
 TEST_F(FeedRobustness, EveryCorpusDocumentGivesAFeedOrAnError) {
+  LECTERN_SKIP_WITHOUT_CORPUS();
   std::size_t documents = 0, feeds = 0;
   for (const auto& item : std::filesystem::directory_iterator(test::corpusPath("feeds"))) {
     const std::string bytes = test::readFile(item.path());
@@ -89,6 +90,7 @@ TEST_F(FeedRobustness, EveryCorpusDocumentGivesAFeedOrAnError) {
 }
 
 TEST_F(FeedRobustness, MutatedDocumentsNeverCrashEitherParser) {
+  LECTERN_SKIP_WITHOUT_CORPUS();
   const char* seeds[] = {"feeds/feed-rs__rss_2.0_bbc.xml", "feeds/feed-rs__atom_example_reddit.xml",
                          "feeds/feed-rs__rss_1.0_debian.xml", "feeds/rss-parser__many-links.rss"};
   std::mt19937 random(42);
@@ -119,6 +121,7 @@ TEST_F(FeedRobustness, MutatedDocumentsNeverCrashEitherParser) {
 }
 
 TEST_F(FeedRobustness, ParsesFromSeveralThreadsAtOnceAlikeToOne) {
+  LECTERN_SKIP_WITHOUT_CORPUS();
   std::vector<std::string> documents;
   for (const char* name :
        {"feeds/feed-rs__rss_2.0_bbc.xml", "feeds/feed-rs__atom_example_reddit.xml",

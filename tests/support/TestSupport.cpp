@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -26,8 +27,19 @@ std::filesystem::path fixturePath(std::string_view relative) {
   return std::filesystem::path(LECTERN_FIXTURES_DIR) / relative;
 }
 
-std::filesystem::path corpusPath(std::string_view relative) {
-  return std::filesystem::path(LECTERN_CORPUS_DIR) / relative;
+std::filesystem::path corpusDir() {
+  const char* fromEnvironment = std::getenv("LECTERN_CORPUS_DIR");
+  return fromEnvironment && *fromEnvironment ? fromEnvironment : LECTERN_CORPUS_DIR;
+}
+
+std::filesystem::path corpusPath(std::string_view relative) { return corpusDir() / relative; }
+
+std::string corpusMissing() {
+  const std::filesystem::path dir = corpusDir();
+  std::error_code ec;
+  if (std::filesystem::is_directory(dir, ec)) return {};
+  return "shared corpus not found at " + dir.string() +
+         "; put the shared folder beside the checkout or set LECTERN_CORPUS_DIR to the corpus";
 }
 
 std::string readFile(const std::filesystem::path& path) {

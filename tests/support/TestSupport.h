@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -21,8 +23,21 @@ class TempDir {
 };
 
 std::filesystem::path fixturePath(std::string_view relative);  // tests/fixtures/<relative>
-std::filesystem::path corpusPath(std::string_view relative);   // the shared feed and page corpus
+
+// The shared corpus of real feeds and pages lives outside the checkout (../shared/corpus, or
+// LECTERN_CORPUS_DIR given to CMake); LECTERN_CORPUS_DIR in the environment takes precedence.
+std::filesystem::path corpusDir();
+std::filesystem::path corpusPath(std::string_view relative);  // corpusDir()/<relative>
+// Why the corpus cannot be read, "" when it can: the message of a skipped corpus test.
+std::string corpusMissing();
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, std::string_view contents);
 
 }  // namespace lectern::test
+
+// Skips the running test, saying why, when the shared corpus is absent (a fresh clone without the
+// shared folder beside it). Write it first in a test that reads the corpus.
+#define LECTERN_SKIP_WITHOUT_CORPUS()                                            \
+  if (const std::string lecternCorpusMissing = ::lectern::test::corpusMissing(); \
+      !lecternCorpusMissing.empty())                                             \
+  GTEST_SKIP() << lecternCorpusMissing
