@@ -1,6 +1,7 @@
 #include "feeds/FeedDocumentParser.h"
 
 #include <algorithm>
+#include <unordered_set>
 #include <vector>
 
 #include "core/Dates.h"
@@ -88,15 +89,26 @@ Date entryDate(const XmlNode& node, std::initializer_list<std::string_view> keyP
   return dateFromInternetDateTimeString(firstNonEmpty(node, keyPaths), hint).value_or(now);
 }
 
+// A text construct read as a plain field (title, subtitle, rights): one of type "xhtml" holds
+// markup (see XMLReader), which such a field shows as its text.
+std::string atomText(const XmlNode& node, std::string_view element) {
+  const std::string name(element);
+  std::string value = lookup(node, name + ".textNode");
+  if (FeedDocumentParser::valueForKeyPath(node, name + ".type", WhitespaceTrim::kKeep) == "xhtml") {
+    return xhtmlText(value);
+  }
+  return value;
+}
+
 void parseAtom(const XmlNode& feedNode, RSSFeed& feed, Date now) {
   feed.type = RSSFeedType::kAtom;
-  feed.title = lookup(feedNode, "title.textNode");
+  feed.title = atomText(feedNode, "title");
   feed.url = lookup(feedNode, "link.href");
-  feed.descriptionText = lookup(feedNode, "subtitle.textNode");
+  feed.descriptionText = atomText(feedNode, "subtitle");
   feed.author = lookup(feedNode, "author.name.textNode");
   feed.uid = lookup(feedNode, "id.textNode");
   feed.language = "Unknown";
-  feed.copyright = lookup(feedNode, "rights.textNode");
+  feed.copyright = atomText(feedNode, "rights");
   feed.generator = lookup(feedNode, "generator.textNode");
   feed.validTime = 0;
   feed.iconUrl = lookup(feedNode, "icon.textNode");
@@ -104,11 +116,11 @@ void parseAtom(const XmlNode& feedNode, RSSFeed& feed, Date now) {
 
   for (const XmlNode& node : dictionariesUnder(feedNode.find("entry"))) {
     RSSEntry& entry = feed.articles.emplace_back();
-    entry.title = lookup(node, "title.textNode");
+    entry.title = atomText(node, "title");
     entry.url = lookup(node, "link.href");
     entry.uid = lookup(node, "id.textNode");
     entry.summary = lookup(node, "summary.textNode");
-    entry.copyright = lookup(node, "rights.textNode");
+    entry.copyright = atomText(node, "rights");
     entry.author = lookup(node, "author.name.textNode");
     entry.content = lookup(node, "content.textNode", WhitespaceTrim::kKeep);
     if (entry.content->empty() && !entry.summary->empty()) entry.content = entry.summary;
@@ -239,15 +251,12 @@ std::string FeedDocumentParser::fixRelativeLinksInImageTags(std::string html, st
   if (found.empty()) return html;
   const std::string origin = urlOrigin(entryUrl);
   if (origin.empty()) return html;
-  std::vector<std::string> paths;
+  std::unordered_set<std::string_view> paths;
   for (const auto path : found) {
-    // "//host/x.png" names another host, not a path on this one; and a path already repaired
-    // would get the origin twice.
-    if (path.starts_with("//") || std::find(paths.begin(), paths.end(), path) != paths.end()) continue;
-    paths.emplace_back(path);
+    // "//host/x.png" names another host, not a path on this one.
+    if (!path.starts_with("//")) paths.insert(path);
   }
-  for (const auto& path : paths) html = replaceAll(html, path, origin + path);
-  return html;
+  return prefixUrlTokens(html, paths, origin);
 }
 
 }  // namespace lectern

@@ -39,9 +39,10 @@ class FeedDocumentParser {
   static std::string removeLastPathComponentFromKeyPath(std::string_view keyPath);
   static std::string lastElementOfKeyPath(std::string_view keyPath);
 
-  // Every root-relative path that some <img src="/..."> names is prefixed, wherever it occurs in
-  // the HTML, with "scheme://host" of the entry's URL (no port, no user). HTML without such an
-  // image, or an entry URL without scheme or host, is returned unchanged.
+  // Every root-relative path that some <img src="/..."> names is prefixed with "scheme://host" of
+  // the entry's URL (no port, no user) wherever it stands as a whole URL token in the HTML (see
+  // prefixUrlTokens): in that tag, in other attributes (href, srcset) and in text. One pass over
+  // the HTML. HTML without such an image, or an entry URL without scheme or host, is unchanged.
   static std::string fixRelativeLinksInImageTags(std::string html, std::string_view entryUrl);
 };
 

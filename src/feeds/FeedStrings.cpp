@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <charconv>
 #include <climits>
+#include <unordered_set>
 
 namespace lectern {
 namespace {
@@ -171,7 +172,10 @@ std::vector<std::string_view> rootRelativeImageSources(std::string_view html) {
     const std::size_t attributes = tag + kOpen.size();
     // [^>]* stops at the tag's first '>' and, being greedy, backs off from there: the last
     // "src=" that lets the rest of the pattern match is the one taken.
-    std::size_t searchEnd = std::min(html.find('>', attributes), html.size());
+    const std::size_t tagEnd = html.find('>', attributes);
+    // Every match ends with a '>': without one, no later tag can match either.
+    if (tagEnd == std::string_view::npos) break;
+    std::size_t searchEnd = tagEnd;
     std::size_t matchEnd = std::string_view::npos;
     while (searchEnd >= attributes + kSource.size()) {
       const std::size_t source = html.rfind(kSource, searchEnd - kSource.size());
@@ -188,9 +192,116 @@ std::vector<std::string_view> rootRelativeImageSources(std::string_view html) {
       }
       searchEnd = source;
     }
-    from = matchEnd != std::string_view::npos ? matchEnd : tag + 1;
+    // Every "<img" up to the same '>' sees the same sources, fewer of them: when this one found
+    // none, neither can they, so the search goes on past the '>' (one pass, whatever the input).
+    from = matchEnd != std::string_view::npos ? matchEnd : tagEnd;
   }
   return sources;
+}
+
+std::string xhtmlText(std::string_view markup) {
+  static constexpr std::pair<std::string_view, char> kEscapes[] = {
+      {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}};
+  std::string text;
+  text.reserve(markup.size());
+  bool space = false;
+  const auto put = [&](char c) {
+    if (space && !text.empty()) text += ' ';
+    space = false;
+    text += c;
+  };
+  for (std::size_t i = 0; i < markup.size();) {
+    const char c = markup[i];
+    if (c == '<') {
+      // Attribute values never hold a '>': XhtmlCapture escapes it.
+      const std::size_t close = markup.find('>', i);
+      i = close == std::string_view::npos ? markup.size() : close + 1;
+    } else if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+      space = true;
+      ++i;
+    } else if (c == '&') {
+      const auto escape = std::find_if(std::begin(kEscapes), std::end(kEscapes),
+                                       [&](const auto& e) { return markup.substr(i).starts_with(e.first); });
+      put(escape == std::end(kEscapes) ? '&' : escape->second);
+      i += escape == std::end(kEscapes) ? 1 : escape->first.size();
+    } else {
+      put(c);
+      ++i;
+    }
+  }
+  return std::string(trimWhitespaces(text));
+}
+
+namespace {
+
+bool isQuote(char c) { return c == '"' || c == '\''; }
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
+
+// A URL token starts at the beginning of the text or after one of these.
+bool opensToken(char c) {
+  return isQuote(c) || isSpace(c) || c == '=' || c == ',' || c == '(' || c == ')' || c == '>';
+}
+
+// A URL token ends at the end of the text or before one of these; the '/' of a "/>" closes a tag.
+bool closesToken(std::string_view text, std::size_t i) {
+  const char c = text[i];
+  return isQuote(c) || isSpace(c) || c == ',' || c == '(' || c == ')' || c == '<' || c == '>' ||
+         (c == '/' && i + 1 < text.size() && text[i + 1] == '>');
+}
+
+}  // namespace
+
+std::string prefixUrlTokens(std::string_view html, const std::unordered_set<std::string_view>& tokens,
+                            std::string_view prefix) {
+  if (tokens.empty()) return std::string(html);
+  std::size_t shortest = std::string_view::npos, longest = 0;
+  for (const auto token : tokens) {
+    shortest = std::min(shortest, token.size());
+    longest = std::max(longest, token.size());
+  }
+  const auto known = [&](std::size_t begin, std::size_t end) {
+    const std::size_t length = end - begin;
+    return length >= shortest && length <= longest && tokens.contains(html.substr(begin, length));
+  };
+  std::string out;
+  bool changed = false;
+  std::size_t copied = 0;  // html before this offset is in `out`
+  const auto prefixAt = [&](std::size_t begin) {
+    if (!changed) out.reserve(html.size() + html.size() / 4);
+    changed = true;
+    out.append(html.substr(copied, begin - copied)).append(prefix);
+    copied = begin;
+  };
+  // Each character is looked at a bounded number of times: runs between delimiters are disjoint,
+  // and so are the quoted values; replaced text is never read again.
+  for (std::size_t i = 0; i < html.size();) {
+    if (closesToken(html, i)) {
+      ++i;
+      continue;
+    }
+    // A quoted value is one token whatever it holds, as a source may contain spaces or commas.
+    if (i > 0 && isQuote(html[i - 1])) {
+      const std::size_t quote = html.find_first_of("\"'", i);
+      if (quote != std::string_view::npos && known(i, quote)) {
+        prefixAt(i);
+        i = quote;
+        continue;
+      }
+    }
+    std::size_t end = i;
+    while (end < html.size() && !closesToken(html, end)) ++end;
+    // The run itself, or what follows its first '=' (an unquoted attribute value, a query value).
+    if ((i == 0 || opensToken(html[i - 1])) && known(i, end)) {
+      prefixAt(i);
+    } else if (const std::size_t equals = html.substr(i, end - i).find('=');
+               equals != std::string_view::npos && known(i + equals + 1, end)) {
+      prefixAt(i + equals + 1);
+    }
+    i = end;
+  }
+  if (!changed) return std::string(html);
+  out.append(html.substr(copied));
+  return out;
 }
 
 }  // namespace lectern

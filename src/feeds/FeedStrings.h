@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace lectern {
@@ -27,5 +28,18 @@ std::string urlOrigin(std::string_view url);
 // match first: the root-relative sources of its image tags. Matched by hand, because the pattern
 // engine would step through every character of every entry.
 std::vector<std::string_view> rootRelativeImageSources(std::string_view html);
+
+// The text of markup written by XhtmlCapture, as a title shows it: tags dropped, the escapes
+// it writes (&amp; &lt; &gt; &quot;) read, runs of white space one space, no white space at
+// either end.
+std::string xhtmlText(std::string_view markup);
+
+// `html` with `prefix` put before every URL token that equals one of `tokens`, in one pass that
+// never reads replaced text again. A token is a whole quoted value, or a run of text that starts
+// after a quote, white space, '=', ',', '(', ')' or '>' (or at the start) and ends before a quote,
+// white space, ',', '(', ')', '<', '>' or the "/>" that closes a tag (or at the end); a run's
+// part after its first '=' counts as a run too. So "</p>" and "<br/>" never hold a token.
+std::string prefixUrlTokens(std::string_view html, const std::unordered_set<std::string_view>& tokens,
+                            std::string_view prefix);
 
 }  // namespace lectern

@@ -8,6 +8,7 @@
 
 #include "core/Dates.h"
 #include "feeds/FeedStrings.h"
+#include "feeds/XhtmlCapture.h"
 
 namespace lectern {
 namespace {
@@ -102,6 +103,8 @@ class FeedEventHandler final : public XmlSaxHandler {
   RSSFeed takeFeed() && { return std::move(feed_); }
 
   void startElement(std::string_view name, std::span<const XmlAttribute> attributes) override {
+    if (xhtml_.active()) return xhtml_.startElement(name, attributes);
+    if (depth_ == 0 && path_.empty()) rootName_ = name;
     if (name == "rss") feed_.type = RSSFeedType::kRSS;
     if (name == "feed") feed_.type = RSSFeedType::kAtom;
     if (name == "item" || name == "entry") entry_.emplace();
@@ -117,9 +120,16 @@ class FeedEventHandler final : public XmlSaxHandler {
     pathLengths_.push_back(path_.size());
     path_ += '/';
     path_ += name;
+    frame.xhtml = XhtmlCapture::opensConstruct(rootName_, attributes);
+    if (frame.xhtml) xhtml_.begin();
   }
 
-  void endElement(std::string_view) override {
+  void endElement(std::string_view name) override {
+    // An XHTML construct's text is its content written back as markup.
+    if (xhtml_.active()) {
+      if (xhtml_.endElement(name)) return;
+      frames_[depth_ - 1].text = xhtml_.take();
+    }
     const auto& table = pathTable();
     if (auto it = table.find(path_); it != table.end()) apply(it->second, frames_[depth_ - 1]);
     --depth_;
@@ -128,14 +138,21 @@ class FeedEventHandler final : public XmlSaxHandler {
   }
 
   void characters(std::string_view text) override {
-    if (depth_ > 0) frames_[depth_ - 1].text.append(text);
+    if (xhtml_.active()) {
+      xhtml_.characters(text);
+    } else if (depth_ > 0) {
+      frames_[depth_ - 1].text.append(text);
+    }
   }
 
  private:
   struct Frame {
     std::vector<std::pair<std::string, std::string>> attributes;
     std::string text;
+    bool xhtml = false;  // an Atom construct of type "xhtml": `text` is markup
 
+    // The text as a plain field (a title, a subtitle, rights) shows it.
+    std::string plainText() const { return xhtml ? xhtmlText(text) : text; }
     std::optional<std::string> attribute(std::string_view name) const {
       for (const auto& [key, value] : attributes) {
         if (key == name) return value;
@@ -149,10 +166,10 @@ class FeedEventHandler final : public XmlSaxHandler {
     const std::string& text = frame.text;
     switch (action) {
       case Action::kFeedTitle:
-        feed_.title = text;
+        feed_.title = frame.plainText();
         return;
       case Action::kFeedDescription:
-        feed_.descriptionText = text;
+        feed_.descriptionText = frame.plainText();
         return;
       case Action::kFeedUid:
         feed_.uid = text;
@@ -164,7 +181,7 @@ class FeedEventHandler final : public XmlSaxHandler {
         feed_.language = text;
         return;
       case Action::kFeedCopyright:
-        feed_.copyright = text;
+        feed_.copyright = frame.plainText();
         return;
       case Action::kFeedCategory:
         feed_.categories.push_back(frame.attributeOrText("term"));
@@ -212,7 +229,7 @@ class FeedEventHandler final : public XmlSaxHandler {
     RSSEntry& entry = *entry_;
     switch (action) {
       case Action::kEntryTitle:
-        entry.title = text;
+        entry.title = frame.plainText();
         return;
       case Action::kEntryLink:
         entry.url = frame.attributeOrText("href");
@@ -250,7 +267,7 @@ class FeedEventHandler final : public XmlSaxHandler {
         entry.date = dateFromInternetDateTimeString(text, DateFormatHint::kRFC3339);
         return;
       case Action::kEntryRights:
-        entry.copyright = text;
+        entry.copyright = frame.plainText();
         return;
       case Action::kEntryEnd:
         feed_.articles.push_back(std::move(entry));
@@ -275,6 +292,8 @@ class FeedEventHandler final : public XmlSaxHandler {
   std::vector<std::size_t> pathLengths_;
   std::optional<std::string> authorName_;
   std::optional<std::string> authorEmail_;
+  std::string rootName_;
+  XhtmlCapture xhtml_;
 };
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "feeds/XhtmlCapture.h"
+
 namespace lectern {
 namespace {
 
@@ -32,16 +34,24 @@ class TreeBuilder final : public XmlSaxHandler {
     frames_.push_back({0, false});
   }
 
-  void startElement(std::string_view /*name*/, std::span<const XmlAttribute> attributes) override {
+  void startElement(std::string_view name, std::span<const XmlAttribute> attributes) override {
+    if (xhtml_.active()) return xhtml_.startElement(name, attributes);
+    if (frames_.size() == 1 && pending_.empty()) rootName_ = name;
     if (!text_.empty() && isBlank(text_)) text_.clear();
     frames_.back().hadChildren = true;
     frames_.push_back({pending_.size(), false});
     for (const auto& attribute : attributes) {
       pending_.push_back({intern(attribute.name), XmlValue::string(copy(attribute.value))});
     }
+    if (XhtmlCapture::opensConstruct(rootName_, attributes)) xhtml_.begin();
   }
 
   void endElement(std::string_view name) override {
+    // An XHTML construct keeps its content as markup, in place of child dictionaries and text.
+    if (xhtml_.active()) {
+      if (xhtml_.endElement(name)) return;
+      text_ = xhtml_.take();
+    }
     const Frame frame = frames_.back();
     frames_.pop_back();
     std::optional<std::string_view> text;
@@ -54,7 +64,13 @@ class TreeBuilder final : public XmlSaxHandler {
     pending_.push_back({intern(name), dictionary});
   }
 
-  void characters(std::string_view text) override { text_.append(text); }
+  void characters(std::string_view text) override {
+    if (xhtml_.active()) {
+      xhtml_.characters(text);
+    } else {
+      text_.append(text);
+    }
+  }
 
   XmlDocument finish() && {
     const XmlValue root = makeDictionary(0, std::nullopt);
@@ -172,6 +188,8 @@ class TreeBuilder final : public XmlSaxHandler {
   std::unordered_map<const char*, std::string_view> keysByAddress_;
   std::unordered_map<std::string_view, std::string_view> keysByText_;
   std::string_view textNodeKey_;
+  std::string rootName_;
+  XhtmlCapture xhtml_;
 };
 
 // Windows-1252 characters of the bytes 0x80 to 0x9F; the five it leaves undefined read as Latin-1.

@@ -17,6 +17,8 @@ namespace lectern {
 // Text is gathered in one buffer that the next element end stores, so text split by a child
 // element lands on the element that ends first. White space alone next to a child element is
 // layout, not content, and is dropped; an element without children keeps its text as written.
+// Under an Atom feed, an element with type="xhtml" holds its content written back as markup
+// under "textNode" (see XhtmlCapture), and no child dictionaries.
 class XMLReader {
  public:
   // When the bytes are not well-formed XML they are read once more as repaired UTF-8 text,

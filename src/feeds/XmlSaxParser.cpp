@@ -23,6 +23,7 @@ namespace lectern {
 namespace {
 
 constexpr std::size_t kExpansionSlack = std::size_t{1} << 20;
+constexpr std::string_view kAtomNamespace = "http://www.w3.org/2005/Atom";
 
 std::string_view view(const xmlChar* text) {
   return text ? std::string_view(reinterpret_cast<const char*>(text)) : "";
@@ -120,7 +121,7 @@ class Session {
   const std::optional<Error>& firstFatalError() const { return fatalError_; }
 
   void startElement(xmlParserCtxtPtr context, const xmlChar* localname, const xmlChar* prefix,
-                    int namespaceCount, const xmlChar** namespaces, int attributeCount,
+                    const xmlChar* uri, int namespaceCount, const xmlChar** namespaces, int attributeCount,
                     const xmlChar** attributes) {
     if (failed()) return;
     if (++elements_ > limits_.maxElements) {
@@ -164,13 +165,14 @@ class Session {
       attributes_[index].value = std::string_view(decoded_).substr(at, end - at);
       if (!spend(context, end - at)) return;
     }
-    handler_.startElement(prefix ? qualifiedName(prefix, localname) : view(localname), attributes_);
+    if (depth_ == 1) atomDocument_ = view(uri) == kAtomNamespace;
+    handler_.startElement(elementName(localname, prefix, uri), attributes_);
   }
 
-  void endElement(const xmlChar* localname, const xmlChar* prefix) {
+  void endElement(const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri) {
     if (failed()) return;
     --depth_;
-    handler_.endElement(prefix ? qualifiedName(prefix, localname) : view(localname));
+    handler_.endElement(elementName(localname, prefix, uri));
   }
 
   void characters(xmlParserCtxtPtr context, const xmlChar* text, int length, bool cdata) {
@@ -224,6 +226,13 @@ class Session {
     xmlStopParser(context);
   }
 
+  // The name as written, but an Atom element of an Atom document by its local name whatever
+  // prefix it was given, so that <a:entry> reads as <entry>.
+  std::string_view elementName(const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri) {
+    if (!prefix || (atomDocument_ && view(uri) == kAtomNamespace)) return view(localname);
+    return qualifiedName(prefix, localname);
+  }
+
   // "prefix:local", made once per name: libxml2 hands out each name as one interned pointer.
   std::string_view qualifiedName(const xmlChar* prefix, const xmlChar* localname) {
     auto [it, inserted] = qualifiedNames_.try_emplace({prefix, localname});
@@ -247,17 +256,18 @@ class Session {
   std::vector<std::pair<std::size_t, std::size_t>> decodedSpans_;  // (attribute index, offset in decoded_)
   std::unordered_map<std::pair<const void*, const void*>, std::string, PointerPairHash> qualifiedNames_;
   xmlDocPtr htmlEntities_ = nullptr;
+  bool atomDocument_ = false;  // the root element is in the Atom namespace
 };
 
-void onStartElement(void* context, const xmlChar* localname, const xmlChar* prefix, const xmlChar* /*uri*/,
+void onStartElement(void* context, const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri,
                     int namespaceCount, const xmlChar** namespaces, int attributeCount, int /*defaulted*/,
                     const xmlChar** attributes) {
-  Session::of(context).startElement(static_cast<xmlParserCtxtPtr>(context), localname, prefix, namespaceCount,
-                                    namespaces, attributeCount, attributes);
+  Session::of(context).startElement(static_cast<xmlParserCtxtPtr>(context), localname, prefix, uri,
+                                    namespaceCount, namespaces, attributeCount, attributes);
 }
 
-void onEndElement(void* context, const xmlChar* localname, const xmlChar* prefix, const xmlChar* /*uri*/) {
-  Session::of(context).endElement(localname, prefix);
+void onEndElement(void* context, const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri) {
+  Session::of(context).endElement(localname, prefix, uri);
 }
 
 void onCharacters(void* context, const xmlChar* text, int length) {

@@ -41,8 +41,10 @@ struct XmlAttribute {
   std::string_view value;
 };
 
-// Receives the events of one parse. Names are qualified as written (no namespace processing).
-// Every view, the names included, is valid until the parse ends.
+// Receives the events of one parse. Names are qualified as written, prefixes unresolved
+// ("dc:date"), with one exception: in a document whose root element is in the Atom namespace,
+// an element in that namespace is named by its local name whatever prefix binds it
+// (<a:entry> is "entry"). Every view, the names included, is valid until the parse ends.
 class XmlSaxHandler {
  public:
   virtual ~XmlSaxHandler() = default;

@@ -3,6 +3,7 @@ set(LECTERN_FEEDS_LEAF_SOURCES
   src/feeds/XmlNode.cpp
   src/feeds/XmlSaxParser.cpp
   src/feeds/XMLReader.cpp
+  src/feeds/XhtmlCapture.cpp
   src/feeds/FeedStrings.cpp
   src/feeds/FeedURLSplit.cpp
   src/feeds/FeedDocumentParser.cpp

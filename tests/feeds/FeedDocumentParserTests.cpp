@@ -1,4 +1,5 @@
 #include <cfloat>
+#include <chrono>
 #include <climits>
 #include <random>
 
@@ -241,7 +242,7 @@ TEST(FeedDocumentParser, RSS10ItemsSitBesideTheChannel) {
 
 TEST(FeedDocumentParser, UnknownRootsAreInvalidFeedsAndEmptyChannelsAreNot) {
   for (const char* xml :
-       {"<html><body/></html>", "<a:feed xmlns:a=\"http://www.w3.org/2005/Atom\"/>", "<entry/>"}) {
+       {"<html><body/></html>", "<a:feed xmlns:a=\"http://example.com/not-atom\"/>", "<entry/>"}) {
     auto feed = FeedDocumentParser::parseFeedData(xml, kNow);
     ASSERT_FALSE(feed) << xml;
     EXPECT_EQ(feed.error(),
@@ -275,6 +276,63 @@ TEST(FeedImageLinks, RootRelativeSourcesGetTheEntryOriginEverywhere) {
   };
   for (const auto& c : cases)
     EXPECT_EQ(FeedDocumentParser::fixRelativeLinksInImageTags(c.html, c.url), c.want) << c.html;
+}
+
+TEST(FeedImageLinks, OnlyWholeUrlTokensEqualToACollectedPathChange) {
+  struct Case {
+    const char* html;
+    const char* want;
+  };
+  const Case cases[] = {
+      // A path that begins another gets the origin once, in each place.
+      {R"(<img src="/a"><img src="/a/b"> /a/b)",
+       R"(<img src="http://h/a"><img src="http://h/a/b"> http://h/a/b)"},
+      // The root itself: closing tags and self-closing slashes are not URLs.
+      {R"(<p>x</p><img src="/"><a href="/">home</a><br/><br />)",
+       R"(<p>x</p><img src="http://h/"><a href="http://h/">home</a><br/><br />)"},
+      // Other attributes: href, each candidate of a srcset, an unquoted value, a CSS url().
+      {R"x(<img src="/i.png" srcset="/i.png 1x, /j.png 2x"><a href=/i.png>x</a><b style="top:url(/i.png)">)x",
+       R"x(<img src="http://h/i.png" srcset="http://h/i.png 1x, /j.png 2x"><a href=http://h/i.png>x</a>)x"
+       R"x(<b style="top:url(http://h/i.png)">)x"},
+      // Longer or shorter runs that merely contain the path stay.
+      {R"(<img src="/a.png"> /a.png.bak x/a.png /a.pngx http://o/a.png)",
+       R"(<img src="http://h/a.png"> /a.png.bak x/a.png /a.pngx http://o/a.png)"},
+      // Quoted values are whole tokens: spaces, commas and query strings belong to the path.
+      {R"(<img src="/my photo,2.jpg"><img src='/i.php?w=1&amp;h=2'/><a href="/i.php?w=1&amp;h=2">)",
+       R"(<img src="http://h/my photo,2.jpg"><img src='http://h/i.php?w=1&amp;h=2'/>)"
+       R"(<a href="http://h/i.php?w=1&amp;h=2">)"},
+      // Protocol-relative sources name another host and are left alone.
+      {R"(<img src="//cdn/x.png"><img src="/x.png"> //cdn/x.png)",
+       R"(<img src="//cdn/x.png"><img src="http://h/x.png"> //cdn/x.png)"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(FeedDocumentParser::fixRelativeLinksInImageTags(c.html, "http://h:81/post"), c.want) << c.html;
+}
+
+TEST(FeedImageLinks, TwentyThousandImagesInOnePass) {
+  std::string html, want;
+  for (int i = 0; i < 20'000; ++i) {
+    const std::string path = "/img/" + std::to_string(i) + ".png";
+    html += "<p><img src=\"" + path + "\"><a href=\"" + path + "\">" + std::to_string(i) + "</a></p>";
+    want += "<p><img src=\"http://h" + path + "\"><a href=\"http://h" + path + "\">" + std::to_string(i) +
+            "</a></p>";
+  }
+  const auto start = std::chrono::steady_clock::now();
+  const std::string fixed = FeedDocumentParser::fixRelativeLinksInImageTags(html, "http://h/");
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_TRUE(fixed == want);
+  // A loose bound: one replacement pass per path took minutes here.
+  EXPECT_LT(seconds, 5.0);
+
+  // Hostile shapes stay linear as well: many tags sharing one '>' or none at all.
+  std::string noEnd, sharedEnd;
+  for (int i = 0; i < 100'000; ++i) noEnd += "<img src=\"/";
+  for (int i = 0; i < 100'000; ++i) sharedEnd += "<img src=x ";
+  for (const std::string& odd : {noEnd, sharedEnd + ">"}) {
+    const auto oddStart = std::chrono::steady_clock::now();
+    EXPECT_TRUE(FeedDocumentParser::fixRelativeLinksInImageTags(odd, "http://h/") == odd);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - oddStart).count(), 5.0);
+  }
 }
 
 TEST(FeedImageLinks, HandMatcherFindsWhatThePatternFinds) {

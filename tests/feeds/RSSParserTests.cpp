@@ -136,6 +136,7 @@ TEST(RSSParserDelegate, HearsOfTheFeedOrTheErrorOnce) {
 }
 
 TEST(RSSParserSources, AFileStreamsToTheSameFeedAsItsBytes) {
+  LECTERN_SKIP_WITHOUT_CORPUS();
   for (const char* name :
        {"feeds/rss-parser__giantbomb-podcast.rss", "feeds/feed-rs__atom_example_reddit.xml"}) {
     const auto path = test::corpusPath(name);
