@@ -16,6 +16,12 @@ repeats=${REPEATS:-3}
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
 
+if ! ls "$pages"/*.html > /dev/null 2>&1; then
+  echo "shared corpus not found at $pages (no .html pages): the extraction comparison is skipped;" \
+    "put the shared folder beside the checkout or set PAGES" >&2
+  exit 0
+fi
+
 bench="$build/bench/content/content_bench"
 [ -x "$bench" ] || cmake --build "$build" --target content_bench
 echo "Pages: $pages ($(ls "$pages"/*.html | wc -l) files), $repeats runs each" >&2

@@ -151,6 +151,18 @@ xmlNodePtr HtmlDocument::newElement(const char* name) {
   return xmlNewDocNode(doc_, nullptr, asXmlChars(name), nullptr);
 }
 
+namespace {
+
+// Elements HTML never gives content or an end tag.
+bool isVoidElement(std::string_view name) {
+  static constexpr std::string_view kVoid[] = {"area",  "base",  "basefont", "bgsound", "br",    "col",
+                                               "embed", "frame", "hr",       "img",     "input", "keygen",
+                                               "link",  "meta",  "param",    "source",  "track", "wbr"};
+  return std::find(std::begin(kVoid), std::end(kVoid), name) != std::end(kVoid);
+}
+
+}  // namespace
+
 std::string HtmlDocument::serialize(xmlNodePtr node) {
   if (!node) return {};
   QuietLibxml quiet;
@@ -163,8 +175,22 @@ std::string HtmlDocument::serialize(xmlNodePtr node) {
   };
   xmlSaveCtxtPtr save = xmlSaveToIO(write, nullptr, &out, "UTF-8", XML_SAVE_AS_XML | XML_SAVE_NO_DECL);
   if (!save) return {};
+  // libxml2 writes a childless element as "<div/>", which an HTML reader takes for an open tag
+  // that swallows what follows. An empty text child makes it write "<div></div>"; the children
+  // added here are taken out again after writing, so the tree is left as it was.
+  std::vector<xmlNodePtr> placeholders;
+  forEachNode(node, [&](xmlNodePtr element) {
+    if (element->type != XML_ELEMENT_NODE || element->children || isVoidElement(elementName(element))) return;
+    if (xmlNodePtr empty = xmlNewDocText(element->doc, asXmlChars(""))) {
+      placeholders.push_back(xmlAddChild(element, empty));
+    }
+  });
   xmlSaveTree(save, node);
   xmlSaveClose(save);
+  for (xmlNodePtr empty : placeholders) {
+    xmlUnlinkNode(empty);
+    xmlFreeNode(empty);
+  }
   return out;
 }
 

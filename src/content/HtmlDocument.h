@@ -42,7 +42,8 @@ class HtmlDocument {
   void replaceRoot(xmlNodePtr root);
   xmlNodePtr newElement(const char* name);
 
-  // `node` written as XML (UTF-8, no declaration, no added white space).
+  // `node` written as XML (UTF-8, no declaration, no added white space), except that an empty
+  // element other than a void one (img, br, hr ...) gets an end tag: "<div></div>", never "<div/>".
   static std::string serialize(xmlNodePtr node);
 
  private:

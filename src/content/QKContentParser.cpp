@@ -4,6 +4,7 @@
 #include <libxml/tree.h>
 
 #include <algorithm>
+#include <cctype>
 #include <optional>
 #include <vector>
 
@@ -71,6 +72,38 @@ bool isEmptyParagraph(xmlNodePtr paragraph) {
                name == "video";
   });
   return !hasMedia && trimView(textContent(paragraph)).empty();
+}
+
+// Whether a link target runs script. Browsers drop leading and trailing controls and spaces and
+// every tab and line break inside a URL before reading its scheme, so "java\tscript:" counts too.
+bool isScriptURL(std::string_view url) {
+  constexpr std::string_view kScheme = "javascript:";
+  std::size_t matched = 0;
+  bool leading = true;
+  for (const char c : url) {
+    if (leading && static_cast<unsigned char>(c) <= 0x20) continue;
+    leading = false;
+    if (c == '\t' || c == '\n' || c == '\r') continue;
+    if (std::tolower(static_cast<unsigned char>(c)) != kScheme[matched]) return false;
+    if (++matched == kScheme.size()) return true;
+  }
+  return false;
+}
+
+// Event handlers (onclick, onerror ...) and script links: the article is shown, never run.
+void removeActiveAttributes(xmlNodePtr element) {
+  for (xmlAttrPtr attr = element->properties; attr;) {
+    const xmlAttrPtr next = attr->next;
+    const std::string name = toLowerASCII(attr->name ? reinterpret_cast<const char*>(attr->name) : "");
+    bool active = name.starts_with("on");
+    if (!active && (name == "href" || name == "src" || name == "xlink:href")) {
+      xmlChar* value = xmlNodeGetContent(reinterpret_cast<const xmlNode*>(attr));
+      active = value && isScriptURL(reinterpret_cast<const char*>(value));
+      xmlFree(value);
+    }
+    if (active) xmlRemoveProp(attr);
+    attr = next;
+  }
 }
 
 // "table, ul, div" as the XPath of those elements below the context node.
@@ -266,6 +299,7 @@ void QKContentParser::Impl::sanitizeElement(xmlNodePtr element) {
     for (const char* name : {"style", "class", "align", "rel"}) {
       xmlUnsetProp(node, reinterpret_cast<const xmlChar*>(name));
     }
+    removeActiveAttributes(node);
   }
 }
 

@@ -166,9 +166,33 @@ TEST(ContentExtraction, SanitisingDropsClutterAndPresentationAttributes) {
 
 TEST(ContentExtraction, EmptyParagraphsGoOnlyWhenAsked) {
   const std::string page = contentPage("clutter.html");
-  EXPECT_TRUE(contains(extract(page).content, "<p/>"));
+  EXPECT_TRUE(contains(extract(page).content, "<p></p>"));
   EXPECT_FALSE(
-      contains(extract(page, [](QKContentParser& p) { p.setRemoveEmptyNodes(true); }).content, "<p/>"));
+      contains(extract(page, [](QKContentParser& p) { p.setRemoveEmptyNodes(true); }).content, "<p></p>"));
+}
+
+// The article is shown, never run: handlers, script links and scripts go; a browser reads the
+// markup as written (an empty element is never "<a/>").
+TEST(ContentExtraction, TheArticleIsInertHtml) {
+  const auto page = extract(
+      "<html><body><div id=\"only\"><p onclick=\"steal()\">Thirty characters without end</p>"
+      "<a name=\"top\"></a><img src=\"a.png\" onerror=\"steal()\" OnLoad=\"steal()\"><br>"
+      "<a href=\" JavaScript:steal()\">one</a><a href=\"java&#9;script:steal()\">two</a>"
+      "<a href=\"/javascript:story\">three</a><img src=\"\njavascript:steal()\" alt=\"x\">"
+      "<script>steal()</script></div></body></html>");
+  EXPECT_EQ(page.content,
+            "<div><div id=\"only\"><p>Thirty characters without end</p><a name=\"top\"></a>"
+            "<img src=\"a.png\"/><br/><a>one</a><a>two</a><a href=\"/javascript:story\">three</a>"
+            "<img alt=\"x\"/></div></div>");
+  EXPECT_EQ(test::unsafeMarkup(page.content), "");
+}
+
+TEST(ContentExtraction, AnArticleCleanedEmptyIsAnOpenAndCloseTag) {
+  // The only candidate has a negative class weight, so conditional cleaning removes it.
+  const auto page = extract(
+      "<html><body><div class=\"tool\"><p>A paragraph long enough to be scored "
+      "here.</p></div></body></html>");
+  EXPECT_EQ(page.content, "<div><div></div></div>");
 }
 
 TEST(ContentExtraction, ContentIsMadeOnceAndTheTitleOutlivesIt) {
