@@ -88,8 +88,12 @@ Result<size_t> AFHTTPBodyPart::readBody(char* buffer, size_t length) {
     }
     return n;
   }
-  auto& stream = std::get<std::shared_ptr<InputStream>>(body_);
-  auto n = stream->read(buffer, length);
+  const auto* stream = std::get_if<std::shared_ptr<InputStream>>(&body_);
+  if (stream == nullptr || !*stream) {
+    return fail(
+        makeURLError(URLErrorCode::kRequestBodyStreamExhausted, "", "A body part has no body to read"));
+  }
+  auto n = (*stream)->read(buffer, length);
   if (n && *n == 0) {
     return fail(makeURLError(URLErrorCode::kRequestBodyStreamExhausted, "",
                              "A body stream ended before its announced length"));

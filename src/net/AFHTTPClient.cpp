@@ -10,8 +10,10 @@
 #include "core/UserDefaults.h"
 #include "net/AFQueryStringPair.h"
 #include "net/DefaultHeaders.h"
+#include "net/ExceptionBarrier.h"
 #include "net/PropertyList.h"
 #include "net/QKKindURLErrorMessage.h"
+#include "net/Redaction.h"
 #include "net/TextEncoding.h"
 #include "net/URLError.h"
 
@@ -22,6 +24,10 @@ constexpr std::string_view kLogCategory = "AFHTTPClient";
 
 bool parametersGoInQuery(std::string_view method) {
   return method == "GET" || method == "HEAD" || method == "DELETE";
+}
+
+Error badURLError(std::string_view url, std::string_view reason) {
+  return makeURLError(URLErrorCode::kBadURL, url, "The URL is not valid.", reason);
 }
 
 }  // namespace
@@ -39,17 +45,26 @@ int SynchronousResponse::statusCode() const {
   return response ? response->statusCode : 0;
 }
 
-URL AFHTTPClient::normalizedBaseURL(std::string_view baseURL) {
+std::optional<URL> AFHTTPClient::normalizedBaseURL(std::string_view baseURL) {
   auto url = URL::parse(baseURL);
-  if (!url || !url->isAbsolute()) throw InternalInconsistency("Invalid parameter not satisfying: url");
-  // Without the slash, "v1" would be replaced rather than extended by relative paths.
-  if (!url->path().empty() && !url->string().ends_with('/')) url->setPath(url->path() + "/");
-  return *url;
+  if (!url || !url->isAbsolute() || !url->hasAuthority() || url->host().empty()) return std::nullopt;
+  // Without the slash, "v1" would be replaced rather than extended by relative paths. It ends the
+  // path, before any query: "https://host/fever?api" becomes "https://host/fever/?api".
+  if (!url->path().empty() && !url->path().ends_with('/')) url->setPath(url->path() + "/");
+  return url;
+}
+
+bool AFHTTPClient::isUsableBaseURL(std::string_view baseURL) {
+  return normalizedBaseURL(baseURL).has_value();
 }
 
 AFHTTPClient::AFHTTPClient(NetworkSession& session, std::string_view baseURL)
     : session_(session),
-      baseURL_(normalizedBaseURL(baseURL)),
+      givenBaseURL_(baseURL),
+      baseURL_(normalizedBaseURL(baseURL).value_or(URL())),
+      baseURLError_(isUsableBaseURL(baseURL)
+                        ? std::nullopt
+                        : std::optional<Error>(badURLError(baseURL, "Not an absolute URL with a host"))),
       stringEncoding_(kUTF8Charset),
       reachability_(std::make_shared<ReachabilityState>()),
       operationQueue_("AFHTTPClient") {
@@ -57,6 +72,8 @@ AFHTTPClient::AFHTTPClient(NetworkSession& session, std::string_view baseURL)
   defaultHeaders_.set("User-Agent", userAgentHeaderValue(LECTERN_VERSION, session.options().systemRelease));
   startMonitoringNetworkReachability();
 }
+
+std::string AFHTTPClient::baseURL() const { return baseURLError_ ? givenBaseURL_ : baseURL_.string(); }
 
 AFHTTPClient::~AFHTTPClient() {
   stopMonitoringNetworkReachability();
@@ -153,13 +170,12 @@ void AFHTTPClient::setAllowsInvalidSSLCertificate(bool allows) {
 }
 
 void AFHTTPClient::encodeParametersIntoBody(HttpRequest& request, const nlohmann::json& parameters) const {
-  std::string charset;
-  AFHTTPClientParameterEncoding encoding;
-  {
-    std::lock_guard lock(mutex_);
-    charset = stringEncoding_;
-    encoding = parameterEncoding_;
-  }
+  encodeParametersIntoBody(request, parameters, parameterEncoding());
+}
+
+void AFHTTPClient::encodeParametersIntoBody(HttpRequest& request, const nlohmann::json& parameters,
+                                            AFHTTPClientParameterEncoding encoding) const {
+  const std::string charset = stringEncoding();
   switch (encoding) {
     case AFHTTPClientParameterEncoding::kFormURLParameterEncoding:
       request.setValue("Content-Type", "application/x-www-form-urlencoded; charset=" + charset);
@@ -167,14 +183,8 @@ void AFHTTPClient::encodeParametersIntoBody(HttpRequest& request, const nlohmann
       break;
     case AFHTTPClientParameterEncoding::kJSONParameterEncoding:
       request.setValue("Content-Type", "application/json; charset=" + charset);
-      try {
-        request.body = parameters.dump();
-      } catch (const nlohmann::json::type_error& error) {
-        // Text that is not UTF-8 cannot be written as JSON; the request goes out without a body.
-        logError(kLogCategory, "{} {}: {}", "AFHTTPClient",
-                 "requestWithMethod:path:parameters:", error.what());
-        request.body.clear();
-      }
+      // Bytes that are not UTF-8 become U+FFFD rather than failing the whole body.
+      request.body = parameters.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
       break;
     case AFHTTPClientParameterEncoding::kPropertyListParameterEncoding:
       request.setValue("Content-Type", "application/x-plist; charset=" + charset);
@@ -185,26 +195,40 @@ void AFHTTPClient::encodeParametersIntoBody(HttpRequest& request, const nlohmann
 
 HttpRequest AFHTTPClient::requestWithMethod(std::string_view method, std::string_view path,
                                             const nlohmann::json& parameters) {
+  // Not virtual here: a subclass calling this base form gets the base request, never its own override.
+  return AFHTTPClient::requestWithMethod(method, path, parameters, parameterEncoding());
+}
+
+HttpRequest AFHTTPClient::requestWithMethod(std::string_view method, std::string_view path,
+                                            const nlohmann::json& parameters,
+                                            AFHTTPClientParameterEncoding encoding) {
   HttpRequest request;
   request.method = std::string(method);
-  const auto resolved = baseURL_.resolve(path);
-  request.url = resolved ? resolved->string() : std::string();
+  std::optional<URL> resolved;
+  if (!baseURLError_) resolved = baseURL_.resolve(path);
+  // "http:x" or "//" resolve, but to nothing that can be sent.
+  if (resolved && (!resolved->hasAuthority() || resolved->host().empty())) resolved.reset();
   request.timeoutInterval = session_.options().defaultTimeoutInterval;
+  request.cookieJar = cookieJar_;
   std::string charset;
   {
     std::lock_guard lock(mutex_);
     request.headers = defaultHeaders_;
     charset = stringEncoding_;
   }
-  if (parameters.is_null()) return request;
-  if (parametersGoInQuery(method)) {
-    if (!request.url.empty()) {
-      request.url += (path.find('?') == std::string_view::npos ? "?" : "&") +
-                     queryStringFromParameters(parameters, charset);
+  if (!parameters.is_null() && parametersGoInQuery(method) && resolved) {
+    // After the query the URL already has ("https://host/fever/?api" gives "?api&x=y"), before any fragment.
+    const std::string query = queryStringFromParameters(parameters, charset);
+    const auto& existing = resolved->query();
+    if (!existing) {
+      resolved->setQuery(query);
+    } else if (!query.empty()) {
+      resolved->setQuery(*existing + "&" + query);
     }
-  } else {
-    encodeParametersIntoBody(request, parameters);
   }
+  request.url = resolved ? resolved->string() : std::string();
+  if (!parameters.is_null() && !parametersGoInQuery(method))
+    encodeParametersIntoBody(request, parameters, encoding);
   return request;
 }
 
@@ -244,6 +268,7 @@ std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::HTTPRequestOperationWithRe
     allowsInvalid = allowsInvalidSSLCertificate_;
   }
   if (!operation) operation = std::make_shared<AFHTTPRequestOperation>(session_, std::move(request));
+  operation->setDefaultCookieJar(cookieJar_);
   // Blocking calls pass no blocks and read the outcome themselves; nothing is sent to the main queue.
   if (success || failure) operation->setCompletionBlockWithSuccess(std::move(success), std::move(failure));
   operation->setCredential(std::move(credential));
@@ -252,8 +277,11 @@ std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::HTTPRequestOperationWithRe
 }
 
 void AFHTTPClient::enqueueHTTPRequestOperation(std::shared_ptr<AFHTTPRequestOperation> operation) {
+  operation->setDefaultCookieJar(cookieJar_);
   operationQueue_.addOperation(std::move(operation));
 }
+
+void AFHTTPClient::cancelAllHTTPOperations() { operationQueue_.cancelAllOperations(); }
 
 void AFHTTPClient::cancelAllHTTPOperationsWithMethod(const std::optional<std::string>& method,
                                                      std::string_view path) {
@@ -299,14 +327,19 @@ void AFHTTPClient::enqueueBatchOfHTTPRequestOperations(
   batch->operations = operations;
   if (operations.empty()) {
     batch->main->post([batch] {
-      if (batch->completion) batch->completion({});
+      if (batch->completion) {
+        runLoggingExceptions(kLogCategory, "a batch completion block", [&] { batch->completion({}); });
+      }
     });
     return;
   }
   auto tick = [batch] {
     const size_t finished = ++batch->finished;
     batch->main->post([batch, finished] {
-      if (batch->progress) batch->progress(finished, batch->total);
+      if (batch->progress) {
+        runLoggingExceptions(kLogCategory, "a batch progress block",
+                             [&] { batch->progress(finished, batch->total); });
+      }
     });
     if (finished == batch->total) {
       std::vector<std::shared_ptr<AFHTTPRequestOperation>> all;
@@ -315,7 +348,8 @@ void AFHTTPClient::enqueueBatchOfHTTPRequestOperations(
         all.swap(batch->operations);
       }
       batch->main->post([completion = batch->completion, all] {
-        if (completion) completion(all);
+        if (completion)
+          runLoggingExceptions(kLogCategory, "a batch completion block", [&] { completion(all); });
       });
     }
   };
@@ -335,58 +369,79 @@ void AFHTTPClient::enqueueBatchOfHTTPRequestOperations(
   for (auto& operation : operations) enqueueHTTPRequestOperation(operation);
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::enqueueRequest(std::string_view method,
-                                                                     std::string_view path,
-                                                                     const nlohmann::json& parameters,
-                                                                     Success success, Failure failure) {
-  auto operation = HTTPRequestOperationWithRequest(requestWithMethod(method, path, parameters),
-                                                   std::move(success), std::move(failure));
+HttpRequest AFHTTPClient::requestWithOptionalEncoding(std::string_view method, std::string_view path,
+                                                      const nlohmann::json& parameters,
+                                                      std::optional<AFHTTPClientParameterEncoding> encoding) {
+  // Without an encoding of its own the call goes exactly where it always went (subclasses that
+  // override only the three-argument form keep working).
+  return encoding ? requestWithMethod(method, path, parameters, *encoding)
+                  : requestWithMethod(method, path, parameters);
+}
+
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::enqueueRequest(
+    std::string_view method, std::string_view path, const nlohmann::json& parameters, Success success,
+    Failure failure, std::optional<AFHTTPClientParameterEncoding> encoding) {
+  auto operation =
+      HTTPRequestOperationWithRequest(requestWithOptionalEncoding(method, path, parameters, encoding),
+                                      std::move(success), std::move(failure));
   enqueueHTTPRequestOperation(operation);
   return operation;
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::getPath(std::string_view path,
-                                                              const nlohmann::json& parameters,
-                                                              Success success, Failure failure) {
-  return enqueueRequest("GET", path, parameters, std::move(success), std::move(failure));
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::getPath(
+    std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return enqueueRequest("GET", path, parameters, std::move(success), std::move(failure), encoding);
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::postPath(std::string_view path,
-                                                               const nlohmann::json& parameters,
-                                                               Success success, Failure failure) {
-  return enqueueRequest("POST", path, parameters, std::move(success), std::move(failure));
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::postPath(
+    std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return enqueueRequest("POST", path, parameters, std::move(success), std::move(failure), encoding);
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::putPath(std::string_view path,
-                                                              const nlohmann::json& parameters,
-                                                              Success success, Failure failure) {
-  return enqueueRequest("PUT", path, parameters, std::move(success), std::move(failure));
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::putPath(
+    std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return enqueueRequest("PUT", path, parameters, std::move(success), std::move(failure), encoding);
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::deletePath(std::string_view path,
-                                                                 const nlohmann::json& parameters,
-                                                                 Success success, Failure failure) {
-  return enqueueRequest("DELETE", path, parameters, std::move(success), std::move(failure));
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::deletePath(
+    std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return enqueueRequest("DELETE", path, parameters, std::move(success), std::move(failure), encoding);
 }
 
-std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::patchPath(std::string_view path,
-                                                                const nlohmann::json& parameters,
-                                                                Success success, Failure failure) {
-  return enqueueRequest("PATCH", path, parameters, std::move(success), std::move(failure));
+std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::patchPath(
+    std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return enqueueRequest("PATCH", path, parameters, std::move(success), std::move(failure), encoding);
 }
 
 SynchronousResponse AFHTTPClient::synchronouslyPerformRequest(HttpRequest request,
                                                               std::chrono::duration<double> timeout) {
-  const auto limit = timeout.count() > 0 ? timeout : session_.options().defaultTimeoutInterval;
-  request.timeoutInterval = limit;
+  const bool bounded = timeout.count() > 0;
+  if (bounded) request.timeoutInterval = timeout;
   const std::string url = request.url;
   SynchronousResponse result;
   result.operation = HTTPRequestOperationWithRequest(std::move(request), nullptr, nullptr);
   enqueueHTTPRequestOperation(result.operation);
-  if (!result.operation->waitUntilFinished(limit)) {
-    result.operation->cancel();
-    result.operation->waitUntilFinished(std::chrono::seconds(5));
-    result.error = makeURLError(URLErrorCode::kTimedOut, url, "The request timed out.");
+  if (bounded) {
+    if (!result.operation->waitUntilFinishedOrCancelled(timeout)) {
+      result.operation->cancel();
+      result.operation->waitUntilFinished(std::chrono::seconds(5));
+      result.error = makeURLError(URLErrorCode::kTimedOut, url, "The request timed out.");
+      return result;
+    }
+  } else {
+    // No bound of our own: the transport fails a transfer that stays idle for its timeout, and a
+    // cancel ends it at once, so this wait ends.
+    while (!result.operation->waitUntilFinishedOrCancelled(std::chrono::hours(1))) {
+    }
+  }
+  if (!result.operation->waitUntilFinished(std::chrono::seconds(0))) {
+    // Cancelled while still waiting for its turn: no need to wait for the operations ahead of it.
+    result.error = makeURLError(URLErrorCode::kCancelled, url, "cancelled");
     return result;
   }
   result.error = result.operation->error();
@@ -401,34 +456,100 @@ SynchronousResponse AFHTTPClient::synchronouslyPerformRequest(HttpRequest reques
   return result;
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyGetPath(std::string_view path,
-                                                       const nlohmann::json& parameters,
-                                                       std::chrono::duration<double> timeout) {
-  return synchronouslyPerformRequest(requestWithMethod("GET", path, parameters), timeout);
+SynchronousResponse AFHTTPClient::synchronouslyGetPath(
+    std::string_view path, const nlohmann::json& parameters, std::chrono::duration<double> timeout,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return synchronouslyPerformRequest(requestWithOptionalEncoding("GET", path, parameters, encoding), timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyPostPath(std::string_view path,
-                                                        const nlohmann::json& parameters,
-                                                        std::chrono::duration<double> timeout) {
-  return synchronouslyPerformRequest(requestWithMethod("POST", path, parameters), timeout);
+SynchronousResponse AFHTTPClient::synchronouslyPostPath(
+    std::string_view path, const nlohmann::json& parameters, std::chrono::duration<double> timeout,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return synchronouslyPerformRequest(requestWithOptionalEncoding("POST", path, parameters, encoding),
+                                     timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyPutPath(std::string_view path,
-                                                       const nlohmann::json& parameters,
-                                                       std::chrono::duration<double> timeout) {
-  return synchronouslyPerformRequest(requestWithMethod("PUT", path, parameters), timeout);
+SynchronousResponse AFHTTPClient::synchronouslyPutPath(
+    std::string_view path, const nlohmann::json& parameters, std::chrono::duration<double> timeout,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return synchronouslyPerformRequest(requestWithOptionalEncoding("PUT", path, parameters, encoding), timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyDeletePath(std::string_view path,
-                                                          const nlohmann::json& parameters,
-                                                          std::chrono::duration<double> timeout) {
-  return synchronouslyPerformRequest(requestWithMethod("DELETE", path, parameters), timeout);
+SynchronousResponse AFHTTPClient::synchronouslyDeletePath(
+    std::string_view path, const nlohmann::json& parameters, std::chrono::duration<double> timeout,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return synchronouslyPerformRequest(requestWithOptionalEncoding("DELETE", path, parameters, encoding),
+                                     timeout);
 }
 
-SynchronousResponse AFHTTPClient::synchronouslyPatchPath(std::string_view path,
-                                                         const nlohmann::json& parameters,
-                                                         std::chrono::duration<double> timeout) {
-  return synchronouslyPerformRequest(requestWithMethod("PATCH", path, parameters), timeout);
+SynchronousResponse AFHTTPClient::synchronouslyPatchPath(
+    std::string_view path, const nlohmann::json& parameters, std::chrono::duration<double> timeout,
+    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return synchronouslyPerformRequest(requestWithOptionalEncoding("PATCH", path, parameters, encoding),
+                                     timeout);
+}
+
+Result<std::vector<nlohmann::json>> AFHTTPClient::batchesOfListParameter(std::string_view method,
+                                                                         std::string_view path,
+                                                                         const nlohmann::json& parameters,
+                                                                         std::string_view key,
+                                                                         size_t maxURLBytes) {
+  if (baseURLError_) return fail(*baseURLError_);
+  const std::string listKey(key);
+  const auto found = parameters.is_object() ? parameters.find(listKey) : parameters.end();
+  if (found == parameters.end() || !found->is_array()) {
+    return fail(badURLError(baseURL(), "No list under \"" + listKey + "\" to split"));
+  }
+  const nlohmann::json& list = *found;
+  if (!parametersGoInQuery(method) || list.empty()) return std::vector<nlohmann::json>{parameters};
+
+  // The base form builds the URL: a signing subclass would spend a nonce on every measurement.
+  const AFHTTPClientParameterEncoding encoding = parameterEncoding();
+  auto urlFor = [&](const nlohmann::json& list) {
+    nlohmann::json batch = parameters;
+    batch[listKey] = list;
+    return AFHTTPClient::requestWithMethod(method, path, batch, encoding).url;
+  };
+  // The list's pairs sit together in the sorted query, so each element adds its own pair and one "&".
+  const std::string charset = stringEncoding();
+  std::vector<size_t> pairLengths;
+  pairLengths.reserve(list.size());
+  for (const auto& element : list) {
+    nlohmann::json single = nlohmann::json::object();
+    single[listKey] = nlohmann::json::array({element});
+    pairLengths.push_back(queryStringFromParameters(single, charset).size());
+  }
+  const std::string first = urlFor(nlohmann::json::array({list[0]}));
+  if (first.empty()) return fail(badURLError(path, "The path does not resolve against the base URL"));
+  const size_t prefix = first.size() - pairLengths[0];
+
+  std::vector<nlohmann::json> batches;
+  nlohmann::json current = nlohmann::json::array();
+  size_t length = 0;
+  for (size_t i = 0; i < list.size(); ++i) {
+    if (prefix + pairLengths[i] > maxURLBytes) {
+      return fail(
+          badURLError(baseURL(), fmt::format("Element {} of \"{}\" alone makes a URL longer than {} bytes", i,
+                                             listKey, maxURLBytes)));
+    }
+    if (!current.empty() && length + 1 + pairLengths[i] > maxURLBytes) {
+      nlohmann::json batch = parameters;
+      batch[listKey] = std::exchange(current, nlohmann::json::array());
+      batches.push_back(std::move(batch));
+    }
+    length = current.empty() ? prefix + pairLengths[i] : length + 1 + pairLengths[i];
+    current.push_back(list[i]);
+  }
+  nlohmann::json last = parameters;
+  last[listKey] = std::move(current);
+  batches.push_back(std::move(last));
+  for (const auto& batch : batches) {
+    if (urlFor(*batch.find(listKey)).size() > maxURLBytes) {
+      return fail(
+          badURLError(baseURL(), "A batch came out longer than " + std::to_string(maxURLBytes) + " bytes"));
+    }
+  }
+  return batches;
 }
 
 ReachabilityStatus AFHTTPClient::networkReachabilityStatus() const {
@@ -443,6 +564,7 @@ void AFHTTPClient::setReachabilityStatusChangeBlock(ReachabilityStatusBlock bloc
 
 void AFHTTPClient::startMonitoringNetworkReachability() {
   stopMonitoringNetworkReachability();
+  if (baseURLError_) return;  // no host to watch
   {
     std::lock_guard lock(reachability_->mutex);
     reachability_->monitoring = true;
@@ -458,7 +580,11 @@ void AFHTTPClient::startMonitoringNetworkReachability() {
         std::lock_guard lock(state->mutex);
         if (!state->monitoring) return;
       }
-      const ReachabilityStatus status = session->reachability().status(host);
+      ReachabilityStatus status = ReachabilityStatus::kUnknown;
+      if (auto thrown = exceptionMessageFrom([&] { status = session->reachability().status(host); })) {
+        logError(kLogCategory, "Exception in a reachability probe: {}", *thrown);
+        return;
+      }
       session->mainQueue().post([weak, status] {
         auto state = weak.lock();
         if (!state) return;
@@ -469,7 +595,7 @@ void AFHTTPClient::startMonitoringNetworkReachability() {
           state->status = status;
           block = state->block;
         }
-        if (block) block(status);
+        if (block) runLoggingExceptions(kLogCategory, "a reachability block", [&] { block(status); });
       });
     });
   };
@@ -493,9 +619,18 @@ void AFHTTPClient::stopMonitoringNetworkReachability() {
 }
 
 Result<void> AFHTTPClient::isNetworkEndpointReachable() {
+  if (baseURLError_) return fail(*baseURLError_);
   const std::string host = baseURL_.host();
-  if (session_.reachability().isReachable(host)) return {};
-  const bool internet = session_.reachability().isReachable();
+  bool reachable = false;
+  bool internet = false;
+  // The probe is the program's code, called here on a sync operation's worker thread.
+  if (auto thrown = exceptionMessageFrom([&] {
+        reachable = session_.reachability().isReachable(host);
+        if (!reachable) internet = session_.reachability().isReachable();
+      })) {
+    return fail(makeURLError(URLErrorCode::kUnknown, baseURL_.string(), "Cannot reach " + host, *thrown));
+  }
+  if (reachable) return {};
   const int code = internet ? URLErrorCode::kCannotFindHost : URLErrorCode::kNotConnectedToInternet;
   Error error = makeURLError(code, baseURL_.string(), "Cannot reach " + host);
   error.recoverySuggestion = std::string(QKKindURLErrorMessage::messageForURLErrorCode(code).value_or(""));
@@ -509,12 +644,20 @@ void AFHTTPClient::dumpOperationWithError(const AFHTTPRequestOperation& operatio
   if (folder.empty() || !fs::is_directory(folder, ec)) return;
   const std::string name = UUIDString();
   const HttpRequest request = operation.request();
+  // Dumps are read by people and attached to reports: no password, token or cookie may reach them.
+  Error shown = error;
+  shown.description = redactedText(error.description);
+  shown.recoverySuggestion = redactedText(error.recoverySuggestion);
   const std::string text = fmt::format(
-      "Error: {}\nOperation: {}\nRequest: {}\nResponse encoding: {}\nResponse string: {}", error.message(),
-      operation.description(), sanitizeUTF8(request.body),
-      stringEncodingNumber(operation.responseStringEncoding()), operation.responseString().value_or(""));
-  for (const auto& [file, contents] : {std::pair{folder / (name + ".raw"), operation.responseData()},
-                                       std::pair{folder / (name + ".txt"), text}}) {
+      "Error: {}\nOperation: {}\nRequest: {}\nResponse encoding: {}\nResponse string: {}", shown.message(),
+      redactedText(operation.description()), redactedText(sanitizeUTF8(request.body)),
+      stringEncodingNumber(operation.responseStringEncoding()),
+      redactedText(operation.responseString().value_or("")));
+  // The raw bytes stay raw unless they are text with a secret in them.
+  std::string raw = operation.responseData();
+  if (isValidUTF8(raw)) raw = redactedText(raw);
+  for (const auto& [file, contents] :
+       {std::pair{folder / (name + ".raw"), raw}, std::pair{folder / (name + ".txt"), text}}) {
     if (auto written = writeFileAtomically(file, contents); !written) {
       logError(kLogCategory, "Failed to dump request into the 'dump' directory: {}",
                written.error().message());

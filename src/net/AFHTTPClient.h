@@ -57,17 +57,25 @@ class AFHTTPClient {
       std::function<void(const std::vector<std::shared_ptr<AFHTTPRequestOperation>>& operations)>;
   using ReachabilityStatusBlock = std::function<void(ReachabilityStatus status)>;
 
-  // `baseURL` must be absolute (else InternalInconsistency "Invalid parameter not satisfying: url");
-  // a non-empty path gets a trailing "/" so relative paths resolve under it. Starts reachability
-  // monitoring of the base URL's host.
+  // A non-empty path of `baseURL` gets a trailing "/" (before any query) so relative paths resolve
+  // under it. Starts reachability monitoring of the base URL's host. A base URL that is not usable
+  // (see isUsableBaseURL) does not throw: the client is made in an error state, baseURLError()
+  // says why, and every request requestWithMethod builds has an empty URL and so fails with -1000
+  // "bad URL" (NSURLErrorDomain). A request given with a URL of its own is sent as it is.
   AFHTTPClient(NetworkSession& session, std::string_view baseURL);
   // Stops monitoring, cancels queued operations and waits for running ones.
   virtual ~AFHTTPClient();
   AFHTTPClient(const AFHTTPClient&) = delete;
   AFHTTPClient& operator=(const AFHTTPClient&) = delete;
 
+  // An absolute URL with a host (what a user types as an endpoint is checked with this first).
+  static bool isUsableBaseURL(std::string_view baseURL);
+
   NetworkSession& session() const { return session_; }
-  std::string baseURL() const { return baseURL_.string(); }
+  // The normalised base URL; for an unusable one, the text as given.
+  std::string baseURL() const;
+  // The -1000 error every request of a client with an unusable base URL fails with; nothing otherwise.
+  const std::optional<Error>& baseURLError() const { return baseURLError_; }
   const URL& baseURLComponents() const { return baseURL_; }
   OperationQueue& operationQueue() { return operationQueue_; }
 
@@ -112,9 +120,17 @@ class AFHTTPClient {
   void setAllowsInvalidSSLCertificate(bool allows);
 
   // `path` resolved against the base URL, the default headers, and the parameters (null for none):
-  // in the query string for GET, HEAD and DELETE, else in the body by the parameter encoding.
+  // in the query string for GET, HEAD and DELETE ("&" after a query the URL already has), else in
+  // the body by the parameter encoding. A path that does not parse or resolve gives an empty URL,
+  // which the transport fails with -1000. Uses the client's parameter encoding. A subclass that
+  // changes requests (signing, a fixed URL) overrides both forms: calls without an encoding of
+  // their own reach this one, calls with one the next.
   virtual HttpRequest requestWithMethod(std::string_view method, std::string_view path,
                                         const nlohmann::json& parameters = nullptr);
+  // The same with `encoding` for this request only (a token call of a JSON client sent as a form).
+  virtual HttpRequest requestWithMethod(std::string_view method, std::string_view path,
+                                        const nlohmann::json& parameters,
+                                        AFHTTPClientParameterEncoding encoding);
   // A multipart body of the parameters plus the parts the block adds. The method must not be GET
   // or HEAD (InternalInconsistency).
   HttpRequest multipartFormRequestWithMethod(std::string_view method, std::string_view path,
@@ -125,9 +141,13 @@ class AFHTTPClient {
   // when none does), with the blocks, the default credential and the certificate setting.
   std::shared_ptr<AFHTTPRequestOperation> HTTPRequestOperationWithRequest(HttpRequest request,
                                                                           Success success, Failure failure);
+  // An operation whose request names no cookie jar is given this client's.
   void enqueueHTTPRequestOperation(std::shared_ptr<AFHTTPRequestOperation> operation);
   // Cancels queued operations of `method` (any when nothing) whose URL path is `path`'s.
   void cancelAllHTTPOperationsWithMethod(const std::optional<std::string>& method, std::string_view path);
+  // Cancels every operation of this client, waiting or running: each fails with -999, and a blocking
+  // call waiting on one returns at once.
+  void cancelAllHTTPOperations();
   // Progress gets (finished, total) on the main queue after each operation's own blocks; the
   // completion gets the operations on the main queue after the last.
   void enqueueBatchOfHTTPRequestOperationsWithRequests(const std::vector<HttpRequest>& requests,
@@ -135,34 +155,63 @@ class AFHTTPClient {
   void enqueueBatchOfHTTPRequestOperations(std::vector<std::shared_ptr<AFHTTPRequestOperation>> operations,
                                            BatchProgress progress, BatchCompletion completion);
 
+  // The conveniences build the request (with `encoding` instead of the client's parameter encoding
+  // when one is given), make the operation and enqueue it.
   std::shared_ptr<AFHTTPRequestOperation> getPath(std::string_view path, const nlohmann::json& parameters,
-                                                  Success success, Failure failure);
-  std::shared_ptr<AFHTTPRequestOperation> postPath(std::string_view path, const nlohmann::json& parameters,
-                                                   Success success, Failure failure);
+                                                  Success success, Failure failure,
+                                                  std::optional<AFHTTPClientParameterEncoding> encoding = {});
+  std::shared_ptr<AFHTTPRequestOperation> postPath(
+      std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+      std::optional<AFHTTPClientParameterEncoding> encoding = {});
   std::shared_ptr<AFHTTPRequestOperation> putPath(std::string_view path, const nlohmann::json& parameters,
-                                                  Success success, Failure failure);
-  std::shared_ptr<AFHTTPRequestOperation> deletePath(std::string_view path, const nlohmann::json& parameters,
-                                                     Success success, Failure failure);
-  std::shared_ptr<AFHTTPRequestOperation> patchPath(std::string_view path, const nlohmann::json& parameters,
-                                                    Success success, Failure failure);
+                                                  Success success, Failure failure,
+                                                  std::optional<AFHTTPClientParameterEncoding> encoding = {});
+  std::shared_ptr<AFHTTPRequestOperation> deletePath(
+      std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+      std::optional<AFHTTPClientParameterEncoding> encoding = {});
+  std::shared_ptr<AFHTTPRequestOperation> patchPath(
+      std::string_view path, const nlohmann::json& parameters, Success success, Failure failure,
+      std::optional<AFHTTPClientParameterEncoding> encoding = {});
 
-  // Blocking calls for worker threads (sync operations): one request on this client's queue,
-  // waited for at most `timeout` (zero: the session's default), then cancelled with -1001. They
-  // never need the main thread, so they cannot deadlock against it.
+  // Blocking calls for worker threads (sync operations): one request on this client's queue. A zero
+  // timeout sets no bound of its own: the transfer fails with -1001 only after the request's idle
+  // timeout (the session's defaultTimeoutInterval) passes with no byte moving, so a long download
+  // that keeps receiving never times out. A non-zero timeout is both the idle timeout and a bound on
+  // the whole call, after which the operation is cancelled and -1001 returned. Cancelling the
+  // operation (or all of the client's) ends the call at once with -999. They never need the main
+  // thread, so they cannot deadlock against it.
   SynchronousResponse synchronouslyGetPath(std::string_view path, const nlohmann::json& parameters = nullptr,
-                                           std::chrono::duration<double> timeout = {});
+                                           std::chrono::duration<double> timeout = {},
+                                           std::optional<AFHTTPClientParameterEncoding> encoding = {});
   SynchronousResponse synchronouslyPostPath(std::string_view path, const nlohmann::json& parameters = nullptr,
-                                            std::chrono::duration<double> timeout = {});
+                                            std::chrono::duration<double> timeout = {},
+                                            std::optional<AFHTTPClientParameterEncoding> encoding = {});
   SynchronousResponse synchronouslyPutPath(std::string_view path, const nlohmann::json& parameters = nullptr,
-                                           std::chrono::duration<double> timeout = {});
+                                           std::chrono::duration<double> timeout = {},
+                                           std::optional<AFHTTPClientParameterEncoding> encoding = {});
   SynchronousResponse synchronouslyDeletePath(std::string_view path,
                                               const nlohmann::json& parameters = nullptr,
-                                              std::chrono::duration<double> timeout = {});
+                                              std::chrono::duration<double> timeout = {},
+                                              std::optional<AFHTTPClientParameterEncoding> encoding = {});
   SynchronousResponse synchronouslyPatchPath(std::string_view path,
                                              const nlohmann::json& parameters = nullptr,
-                                             std::chrono::duration<double> timeout = {});
+                                             std::chrono::duration<double> timeout = {},
+                                             std::optional<AFHTTPClientParameterEncoding> encoding = {});
+  // A zero timeout keeps the request's own timeoutInterval as the idle timeout.
   SynchronousResponse synchronouslyPerformRequest(HttpRequest request,
                                                   std::chrono::duration<double> timeout = {});
+
+  static constexpr size_t kMaximumURLBytes = 8192;
+  // Splits the list under `key` of `parameters` into as few parameter objects as possible, in order,
+  // each with every other parameter, such that the URL requestWithMethod builds for `method` and
+  // `path` from each is at most `maxURLBytes` long: one request per batch keeps long id lists under
+  // the limit servers put on URLs. Methods that send parameters in the body get one batch. Fails
+  // with -1000 when one element (with the other parameters) alone is too long, or when `parameters`
+  // is no object or `key` holds no list.
+  Result<std::vector<nlohmann::json>> batchesOfListParameter(std::string_view method, std::string_view path,
+                                                             const nlohmann::json& parameters,
+                                                             std::string_view key,
+                                                             size_t maxURLBytes = kMaximumURLBytes);
 
   // Reachability of the base URL's host. The status starts unknown and follows the session's
   // Reachability; the block runs on the main queue after each change.
@@ -171,29 +220,40 @@ class AFHTTPClient {
   void startMonitoringNetworkReachability();
   void stopMonitoringNetworkReachability();
   // Asks now (blocking up to the probe's bound): the reachability error when the host cannot be
-  // reached. For worker threads.
+  // reached, the -1000 error of an unusable base URL. For worker threads.
   Result<void> isNetworkEndpointReachable();
 
   // Writes the operation's response bytes and a description to the session's dump folder, only
-  // when that folder exists. Failures are only logged.
+  // when that folder exists. Failures are only logged. Secrets are redacted (Redaction.h): secret
+  // query, form and JSON values, and Authorization and cookie header lines.
   void dumpOperationWithError(const AFHTTPRequestOperation& operation, const Error& error) const;
 
  protected:
-  // The request body and Content-Type for `parameters` by the parameter encoding.
+  // The request body and Content-Type for `parameters` by the parameter encoding (the client's,
+  // or the one given).
   void encodeParametersIntoBody(HttpRequest& request, const nlohmann::json& parameters) const;
+  void encodeParametersIntoBody(HttpRequest& request, const nlohmann::json& parameters,
+                                AFHTTPClientParameterEncoding encoding) const;
 
  private:
   struct ReachabilityState;
 
-  std::shared_ptr<AFHTTPRequestOperation> enqueueRequest(std::string_view method, std::string_view path,
-                                                         const nlohmann::json& parameters, Success success,
-                                                         Failure failure);
+  std::shared_ptr<AFHTTPRequestOperation> enqueueRequest(
+      std::string_view method, std::string_view path, const nlohmann::json& parameters, Success success,
+      Failure failure, std::optional<AFHTTPClientParameterEncoding> encoding);
+  HttpRequest requestWithOptionalEncoding(std::string_view method, std::string_view path,
+                                          const nlohmann::json& parameters,
+                                          std::optional<AFHTTPClientParameterEncoding> encoding);
   void registerOperationClass(AFHTTPOperationClass operationClass);
   void unregisterOperationClass(std::string_view name);
-  static URL normalizedBaseURL(std::string_view baseURL);
+  static std::optional<URL> normalizedBaseURL(std::string_view baseURL);
 
   NetworkSession& session_;
-  const URL baseURL_;
+  const std::string givenBaseURL_;
+  const URL baseURL_;                        // empty when unusable
+  const std::optional<Error> baseURLError_;  // set when unusable
+  // This client's cookies: sent only with its own requests, never written anywhere.
+  const std::shared_ptr<const CookieJar> cookieJar_ = CookieJar::make();
   mutable std::mutex mutex_;  // guards every member up to the queue
   std::string stringEncoding_;
   AFHTTPClientParameterEncoding parameterEncoding_ = AFHTTPClientParameterEncoding::kFormURLParameterEncoding;

@@ -1,11 +1,14 @@
 #include "net/AFHTTPRequestOperation.h"
 
 #include "core/Strings.h"
+#include "net/ExceptionBarrier.h"
 #include "net/URL.h"
 #include "net/URLError.h"
 
 namespace lectern {
 namespace {
+
+constexpr std::string_view kLogCategory = "AFHTTPRequestOperation";
 
 // "200-299" or "200,204,300-302": runs of consecutive codes written as ranges.
 std::string describeStatusCodes(const std::set<int>& codes) {
@@ -136,7 +139,15 @@ Result<ResponseObject> AFHTTPRequestOperation::parseResponse() { return Response
 
 Result<ResponseObject> AFHTTPRequestOperation::responseObject() {
   std::lock_guard lock(lock_);
-  if (!parsed_) parsed_ = parseResponse();
+  if (!parsed_) {
+    // A parser of a subclass runs on a processing queue: what it throws becomes a parse failure.
+    if (auto thrown = exceptionMessageFrom([&] { parsed_ = parseResponse(); })) {
+      const auto current = response();
+      Error error = makeURLError(URLErrorCode::kCannotParseResponse, current ? current->url : request().url,
+                                 "The response could not be parsed.", *thrown);
+      parsed_ = fail(std::move(error));
+    }
+  }
   return *parsed_;
 }
 
@@ -202,13 +213,18 @@ void AFHTTPRequestOperation::deliver() {
       failed = parsed.error();
     }
   }
+  // The blocks are the callers' code on the layer's queues: nothing they throw may leave them.
   if (failed) {
-    failureQueue([self, failure, error = std::move(*failed)] {
-      if (failure) failure(*self, error);
+    runLoggingExceptions(kLogCategory, "a failure callback queue", [&] {
+      failureQueue([self, failure, error = std::move(*failed)] {
+        if (failure) runLoggingExceptions(kLogCategory, "a failure block", [&] { failure(*self, error); });
+      });
     });
   } else {
-    successQueue([self, success, object = std::move(object)] {
-      if (success) success(*self, object);
+    runLoggingExceptions(kLogCategory, "a success callback queue", [&] {
+      successQueue([self, success, object = std::move(object)] {
+        if (success) runLoggingExceptions(kLogCategory, "a success block", [&] { success(*self, object); });
+      });
     });
   }
 }

@@ -1,6 +1,7 @@
 #include "net/AFURLConnectionOperation.h"
 
 #include "core/Strings.h"
+#include "net/ExceptionBarrier.h"
 #include "net/NetworkSession.h"
 #include "net/TextEncoding.h"
 #include "net/URL.h"
@@ -38,6 +39,8 @@ class AFURLConnectionOperation::Connection final : public TransferDelegate {
 };
 
 namespace {
+
+constexpr std::string_view kLogCategory = "AFURLConnectionOperation";
 
 Error cancelledError(const std::string& url) {
   return makeURLError(URLErrorCode::kCancelled, url, "cancelled");
@@ -157,6 +160,11 @@ void AFURLConnectionOperation::setMaximumResponseSize(std::uint64_t bytes) {
   maximumResponseSize_ = bytes;
 }
 
+void AFURLConnectionOperation::setDefaultCookieJar(std::shared_ptr<const CookieJar> jar) {
+  std::lock_guard lock(lock_);
+  if (!request_.cookieJar) request_.cookieJar = std::move(jar);
+}
+
 void AFURLConnectionOperation::setUploadProgressBlock(ProgressBlock block) {
   std::lock_guard lock(lock_);
   uploadProgress_ = std::move(block);
@@ -203,6 +211,12 @@ bool AFURLConnectionOperation::isPaused() const {
 bool AFURLConnectionOperation::waitUntilFinished(std::chrono::duration<double> timeout) const {
   std::unique_lock lock(lock_);
   return finishedChanged_.wait_for(lock, timeout, [this] { return finished_; });
+}
+
+bool AFURLConnectionOperation::waitUntilFinishedOrCancelled(std::chrono::duration<double> timeout) const {
+  std::unique_lock lock(lock_);
+  return finishedChanged_.wait_for(lock, timeout,
+                                   [this] { return finished_ || (isCancelled() && !isExecuting()); });
 }
 
 std::string AFURLConnectionOperation::description() const {
@@ -260,6 +274,11 @@ void AFURLConnectionOperation::cancel() {
   }
   if (toCancel) session_.transport().cancel(*toCancel);
   if (finishNow) finishOperation();
+  {
+    // Under the lock, so a waiter cannot miss it between its check and its wait.
+    std::lock_guard lock(lock_);
+    finishedChanged_.notify_all();
+  }
 }
 
 void AFURLConnectionOperation::pause() {
@@ -315,7 +334,11 @@ void AFURLConnectionOperation::operationDidFinish() {
     if (!transportError_ && !response_ && isCancelled()) transportError_ = cancelledError(request_.url);
     stream = outputStream_;
   }
-  auto closed = stream->close();
+  Result<void> closed;
+  if (auto thrown = exceptionMessageFrom([&] { closed = stream->close(); })) {
+    closed = fail(makeURLError(URLErrorCode::kCannotWriteToFile, request().url,
+                               "The response could not be stored.", *thrown));
+  }
   {
     std::lock_guard lock(lock_);
     if (!closed && !transportError_) transportError_ = closed.error();
@@ -324,7 +347,8 @@ void AFURLConnectionOperation::operationDidFinish() {
     block = completionBlock_;
   }
   finishedChanged_.notify_all();
-  if (block) block();
+  // Usually on the network thread, which must outlive whatever a block does.
+  if (block) runLoggingExceptions(kLogCategory, "a completion block", block);
 }
 
 std::optional<HttpRequest> AFURLConnectionOperation::transferWillRedirect(HttpRequest proposed,
@@ -438,8 +462,9 @@ std::optional<Error> AFURLConnectionOperation::transferDidReceiveData(std::uint6
     progress = downloadProgress_;
   }
   if (progress) {
-    session_.mainQueue().post(
-        [progress, n = bytes.size(), total, expected] { progress(n, total, expected); });
+    session_.mainQueue().post([progress, n = bytes.size(), total, expected] {
+      runLoggingExceptions(kLogCategory, "a download progress block", [&] { progress(n, total, expected); });
+    });
   }
   return std::nullopt;
 }
@@ -451,8 +476,12 @@ void AFURLConnectionOperation::transferDidSendBodyData(std::uint64_t bytes, std:
     std::lock_guard lock(lock_);
     progress = uploadProgress_;
   }
-  if (progress)
-    session_.mainQueue().post([progress, bytes, total, expected] { progress(bytes, total, expected); });
+  if (progress) {
+    session_.mainQueue().post([progress, bytes, total, expected] {
+      runLoggingExceptions(kLogCategory, "an upload progress block",
+                           [&] { progress(bytes, total, expected); });
+    });
+  }
 }
 
 void AFURLConnectionOperation::transferDidComplete(std::uint64_t generation, std::optional<Error> error) {

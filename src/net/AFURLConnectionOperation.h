@@ -85,6 +85,8 @@ class AFURLConnectionOperation : public Operation {
   void setUserInfo(std::map<std::string, std::string> userInfo);
   // Bodies kept in memory beyond this fail with -1103; the session's limit by default.
   void setMaximumResponseSize(std::uint64_t bytes);
+  // Before it starts: a request that names no cookie jar uses `jar` (that of the client running it).
+  void setDefaultCookieJar(std::shared_ptr<const CookieJar> jar);
 
   // Progress blocks run on the main queue; the challenge and redirect blocks on the network
   // thread, where they must not block.
@@ -107,6 +109,10 @@ class AFURLConnectionOperation : public Operation {
   AFOperationState state() const;
   // Waits at most `timeout` for the operation to finish; true when it did.
   bool waitUntilFinished(std::chrono::duration<double> timeout) const;
+  // Waits at most `timeout` for the operation to finish or to be cancelled before it started (its
+  // queue finishes it without a transfer when its turn comes, which may be long behind a hanging
+  // operation). True when either happened.
+  bool waitUntilFinishedOrCancelled(std::chrono::duration<double> timeout) const;
   using Operation::waitUntilFinished;
 
   virtual std::string_view className() const { return "AFURLConnectionOperation"; }

@@ -1,5 +1,6 @@
 #include "net/CannedTransport.h"
 
+#include "net/ExceptionBarrier.h"
 #include "net/URLError.h"
 
 namespace lectern {
@@ -55,13 +56,22 @@ void CannedTransport::run() {
 }
 
 void CannedTransport::deliver(Job& job) {
+  // As on the real network thread, nothing the delegate throws may leave this thread.
+  auto complete = [&](std::optional<Error> error) {
+    runLoggingExceptions("CannedTransport", "a transfer's completion",
+                         [&] { job.delegate->didComplete(std::move(error)); });
+  };
+  auto thrownError = [&](const std::string& message) {
+    return makeURLError(URLErrorCode::kUnknown, job.request.url, "An unknown network error occurred.",
+                        message);
+  };
   auto isCancelled = [&] {
     std::lock_guard lock(mutex_);
     return cancelled_.contains(job.id) || stopping_;
   };
   for (;;) {
     if (isCancelled()) {
-      job.delegate->didComplete(makeURLError(URLErrorCode::kCancelled, job.request.url, "cancelled"));
+      complete(makeURLError(URLErrorCode::kCancelled, job.request.url, "cancelled"));
       return;
     }
     {
@@ -69,18 +79,23 @@ void CannedTransport::deliver(Job& job) {
       requests_.push_back(job.request);
     }
     if (job.request.url.empty()) {
-      job.delegate->didComplete(makeURLError(URLErrorCode::kBadURL, "", "The URL is not valid."));
+      complete(makeURLError(URLErrorCode::kBadURL, "", "The URL is not valid."));
       return;
     }
     const Answer answer = handler_(job.request);
     if (!answer.sendHead) {
-      job.delegate->didComplete(answer.error);
+      complete(answer.error);
       return;
     }
     HttpResponse response{answer.statusCode, job.request.url, answer.headers};
-    auto disposition = job.delegate->didReceiveResponse(response);
+    ResponseDisposition disposition;
+    if (auto thrown =
+            exceptionMessageFrom([&] { disposition = job.delegate->didReceiveResponse(response); })) {
+      complete(thrownError(*thrown));
+      return;
+    }
     if (disposition.failWith) {
-      job.delegate->didComplete(std::move(disposition.failWith));
+      complete(std::move(disposition.failWith));
       return;
     }
     if (disposition.restartWith) {
@@ -92,12 +107,16 @@ void CannedTransport::deliver(Job& job) {
     for (std::string_view piece :
          {std::string_view(answer.body).substr(0, half), std::string_view(answer.body).substr(half)}) {
       if (piece.empty()) continue;
-      if (auto error = job.delegate->didReceiveData(piece)) {
-        job.delegate->didComplete(std::move(error));
+      std::optional<Error> error;
+      if (auto thrown = exceptionMessageFrom([&] { error = job.delegate->didReceiveData(piece); })) {
+        error = thrownError(*thrown);
+      }
+      if (error) {
+        complete(std::move(error));
         return;
       }
     }
-    job.delegate->didComplete(answer.error);
+    complete(answer.error);
     return;
   }
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/Strings.h"
+#include "net/ExceptionBarrier.h"
 #include "net/URL.h"
 #include "net/URLError.h"
 
@@ -20,6 +21,13 @@ namespace lectern {
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
+
+constexpr std::string_view kLogCategory = "CurlTransport";
+
+// What a transfer fails with when code called from the network thread threw.
+Error exceptionError(const std::string& url, const std::string& message) {
+  return makeURLError(URLErrorCode::kUnknown, url, "An unknown network error occurred.", message);
+}
 
 struct Transfer {
   enum class Body { kWaitingForHeaders, kDelivering, kDiscarding };
@@ -174,10 +182,7 @@ struct CurlTransport::Impl {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, options.maximumCachedConnections);
-    // Only the network thread touches the share, so it needs no lock callbacks.
-    share = curl_share_init();
-    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
-    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    share = makeShare();
     thread = std::thread([this] { run(); });
   }
 
@@ -189,8 +194,39 @@ struct CurlTransport::Impl {
     curl_multi_wakeup(multi);
     thread.join();
     curl_multi_cleanup(multi);
+    for (auto& [key, jar] : jarShares) curl_share_cleanup(jar.share);
     curl_share_cleanup(share);
     curl_global_cleanup();
+  }
+
+  // Only the network thread touches shares, so they need no lock callbacks. A share holds one cookie
+  // store and the TLS sessions of the requests using it; connections stay in the multi handle's
+  // cache, which every request uses whatever its share.
+  static CURLSH* makeShare() {
+    CURLSH* created = curl_share_init();
+    curl_share_setopt(created, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
+    curl_share_setopt(created, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    return created;
+  }
+
+  // The share of a request's cookie jar (the common one when it names none). Shares of jars nobody
+  // holds any more are freed first, so a new jar at a dead one's address starts empty.
+  CURLSH* shareFor(const std::shared_ptr<const CookieJar>& jar) {
+    for (auto it = jarShares.begin(); it != jarShares.end();) {
+      if (it->second.jar.expired() && curl_share_cleanup(it->second.share) == CURLSHE_OK) {
+        it = jarShares.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    if (!jar) return share;
+    auto it = jarShares.find(jar.get());
+    if (it != jarShares.end() && !it->second.jar.expired()) return it->second.share;
+    if (it != jarShares.end())
+      jarShares.erase(it);  // still in use by a handle: left to leak rather than mixed
+    CURLSH* created = makeShare();
+    jarShares.emplace(jar.get(), JarShare{jar, created});
+    return created;
   }
 
   void post(Command command) {
@@ -333,7 +369,8 @@ struct CurlTransport::Impl {
     owned->releaseHandle();
     auto delegate = std::move(owned->delegate);
     owned.reset();
-    delegate->didComplete(std::move(error));
+    runLoggingExceptions(kLogCategory, "a transfer's completion",
+                         [&] { delegate->didComplete(std::move(error)); });
   }
 
   std::optional<Error> configure(Transfer& t) {
@@ -347,9 +384,15 @@ struct CurlTransport::Impl {
     t.touch();
     const HttpRequest& r = t.request;
     if (r.url.empty()) return makeURLError(URLErrorCode::kBadURL, r.url, "The URL is not valid.");
-    if (r.bodyStream && !r.bodyStream->rewind()) {
-      return makeURLError(URLErrorCode::kRequestBodyStreamExhausted, r.url,
-                          "The request body could not be read again.");
+    if (r.bodyStream) {
+      bool rewound = false;
+      if (auto thrown = exceptionMessageFrom([&] { rewound = r.bodyStream->rewind(); })) {
+        return exceptionError(r.url, *thrown);
+      }
+      if (!rewound) {
+        return makeURLError(URLErrorCode::kRequestBodyStreamExhausted, r.url,
+                            "The request body could not be read again.");
+      }
     }
     t.easy = curl_easy_init();
     if (t.easy == nullptr)
@@ -364,7 +407,7 @@ struct CurlTransport::Impl {
     curl_easy_setopt(e, CURLOPT_NOPROXY, "localhost,127.0.0.1,::1");
     curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "gzip, deflate");  // decoded by libcurl
     curl_easy_setopt(e, CURLOPT_TCP_KEEPALIVE, 1L);
-    curl_easy_setopt(e, CURLOPT_SHARE, share);
+    curl_easy_setopt(e, CURLOPT_SHARE, shareFor(r.cookieJar));
     if (options.acceptCookies)
       curl_easy_setopt(e, CURLOPT_COOKIEFILE, "");  // the engine on, nothing read from disk
     const auto timeoutMs = std::chrono::duration_cast<std::chrono::milliseconds>(r.timeoutInterval).count();
@@ -396,7 +439,10 @@ struct CurlTransport::Impl {
       sendsBody = true;
       curl_easy_setopt(e, CURLOPT_POST, 1L);
       if (r.bodyStream) {
-        const auto length = r.bodyStream->length();
+        std::optional<std::uint64_t> length;
+        if (auto thrown = exceptionMessageFrom([&] { length = r.bodyStream->length(); })) {
+          return exceptionError(r.url, *thrown);
+        }
         curl_easy_setopt(e, CURLOPT_READFUNCTION, &onRead);
         curl_easy_setopt(e, CURLOPT_READDATA, &t);
         curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
@@ -491,7 +537,13 @@ struct CurlTransport::Impl {
           proposed.headers.remove("Authorization");
           proposed.headers.remove("Cookie");
         }
-        if (auto next = t.delegate->willRedirect(std::move(proposed), response)) {
+        std::optional<HttpRequest> next;
+        if (auto thrown = exceptionMessageFrom(
+                [&] { next = t.delegate->willRedirect(std::move(proposed), response); })) {
+          t.abortError = exceptionError(t.request.url, *thrown);
+          return false;
+        }
+        if (next) {
           ++t.hops;
           t.nextRequest = std::move(*next);
           t.body = Transfer::Body::kDiscarding;
@@ -500,7 +552,11 @@ struct CurlTransport::Impl {
       }
     }
 
-    auto disposition = t.delegate->didReceiveResponse(response);
+    ResponseDisposition disposition;
+    if (auto thrown = exceptionMessageFrom([&] { disposition = t.delegate->didReceiveResponse(response); })) {
+      t.abortError = exceptionError(t.request.url, *thrown);
+      return false;
+    }
     if (disposition.failWith) {
       t.abortError = std::move(disposition.failWith);
       return false;
@@ -524,7 +580,12 @@ struct CurlTransport::Impl {
     const size_t n = size * count;
     t.touch();
     if (t.body != Transfer::Body::kDelivering) return n;
-    if (auto error = t.delegate->didReceiveData(std::string_view(buffer, n))) {
+    std::optional<Error> error;
+    if (auto thrown =
+            exceptionMessageFrom([&] { error = t.delegate->didReceiveData(std::string_view(buffer, n)); })) {
+      error = exceptionError(t.request.url, *thrown);
+    }
+    if (error) {
       t.abortError = std::move(error);
       return 0;
     }
@@ -533,7 +594,12 @@ struct CurlTransport::Impl {
 
   static size_t onRead(char* buffer, size_t size, size_t count, void* userdata) {
     auto& t = *static_cast<Transfer*>(userdata);
-    auto read = t.request.bodyStream->read(buffer, size * count);
+    Result<size_t> read = size_t{0};
+    if (auto thrown =
+            exceptionMessageFrom([&] { read = t.request.bodyStream->read(buffer, size * count); })) {
+      t.abortError = exceptionError(t.request.url, *thrown);
+      return CURL_READFUNC_ABORT;
+    }
     if (!read) {
       t.abortError = makeURLError(URLErrorCode::kRequestBodyStreamExhausted, t.request.url,
                                   "The request body could not be read.", read.error().message());
@@ -548,8 +614,14 @@ struct CurlTransport::Impl {
     auto& t = *static_cast<Transfer*>(userdata);
     if (uploadNow > t.uploaded) {
       t.touch();
-      t.delegate->didSendBodyData(static_cast<std::uint64_t>(uploadNow - t.uploaded),
-                                  static_cast<std::uint64_t>(uploadNow), uploadTotal > 0 ? uploadTotal : -1);
+      if (auto thrown = exceptionMessageFrom([&] {
+            t.delegate->didSendBodyData(static_cast<std::uint64_t>(uploadNow - t.uploaded),
+                                        static_cast<std::uint64_t>(uploadNow),
+                                        uploadTotal > 0 ? uploadTotal : -1);
+          })) {
+        t.abortError = exceptionError(t.request.url, *thrown);
+        return 1;
+      }
       t.uploaded = uploadNow;
     }
     return 0;
@@ -571,6 +643,11 @@ struct CurlTransport::Impl {
   } statistics;
 
   std::map<TransferId, std::unique_ptr<Transfer>> transfers;  // network thread only
+  struct JarShare {
+    std::weak_ptr<const CookieJar> jar;
+    CURLSH* share = nullptr;
+  };
+  std::map<const CookieJar*, JarShare> jarShares;  // network thread only
 };
 
 CurlTransport::CurlTransport(CurlTransportOptions options) : impl_(std::make_unique<Impl>(options)) {}

@@ -12,13 +12,13 @@ struct CurlTransportOptions {
   long maximumCachedConnections = 32;
   size_t maximumHeaderCount = 500;  // a response with more fields fails with -1011
   size_t maximumHeaderBytes = 256 * 1024;
-  // One in-memory cookie store for every request, as the platform's shared store was (a NewsBlur
-  // login lives in a cookie). Cookies end with the transport.
+  // Cookies kept in memory, one store per cookie jar a request names (each client has one) and a
+  // common one for requests that name none. Never read from or written to disk.
   bool acceptCookies = true;
 };
 
 // The real transport: one libcurl multi handle on one network thread ("AFNetworking"), so every client shares
-// one connection cache and cookie store. Owned by the NetworkSession; thread-safe.
+// one connection cache. Owned by the NetworkSession; thread-safe.
 class CurlTransport final : public Transport {
  public:
   explicit CurlTransport(CurlTransportOptions options = {});

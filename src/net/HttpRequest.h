@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,6 +16,14 @@ struct HttpCredential {
   std::string user;
   std::string password;
   bool operator==(const HttpCredential&) const = default;
+};
+
+// A cookie store's identity. Requests that name the same jar send the cookies any of them received;
+// a jar's cookies live in memory only and end with the last request naming it. Each AFHTTPClient
+// has one, so one account's session cookie never travels with another account's requests.
+class CookieJar {
+ public:
+  static std::shared_ptr<const CookieJar> make() { return std::make_shared<const CookieJar>(); }
 };
 
 // One HTTP request as the network layer sends it. A plain value; build it on any thread.
@@ -33,13 +42,15 @@ struct HttpRequest {
   bool allowsInvalidSSLCertificate = false;
   // Upload pacing of a throttled multipart body: bytes per second, 0 for no limit.
   std::uint64_t maxSendBytesPerSecond = 0;
+  // Where its cookies come from and go to; none: the session's common jar.
+  std::shared_ptr<const CookieJar> cookieJar;
 
   std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
     return headers.value(name);
   }
   void setValue(std::string_view name, std::string value) { headers.set(name, std::move(value)); }
-  // "<GET https://host/path>", for logs and error user info.
-  std::string description() const { return "<" + method + " " + url + ">"; }
+  // "<GET https://host/path>", for logs and error user info; secret query values are redacted.
+  std::string description() const;
 };
 
 }  // namespace lectern

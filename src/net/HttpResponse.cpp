@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "core/Strings.h"
+#include "net/Redaction.h"
 
 namespace lectern {
 
@@ -41,6 +42,8 @@ std::int64_t HttpResponse::expectedContentLength() const {
   return value;
 }
 
-std::string HttpResponse::description() const { return "<" + std::to_string(statusCode) + " " + url + ">"; }
+std::string HttpResponse::description() const {
+  return "<" + std::to_string(statusCode) + " " + redactedURL(url) + ">";
+}
 
 }  // namespace lectern

@@ -4,11 +4,13 @@
 #include <pthread.h>
 #include <sys/socket.h>
 
+#include <charconv>
 #include <fstream>
 #include <memory>
 #include <sstream>
 
 #include "core/Strings.h"
+#include "net/ExceptionBarrier.h"
 
 namespace lectern {
 
@@ -19,17 +21,23 @@ bool isLoopbackHost(std::string_view host) {
 
 bool systemHasDefaultRoute() {
   std::ifstream ipv4("/proc/net/route");
+  std::ifstream ipv6("/proc/net/ipv6_route");
+  return routeTablesHaveDefaultRoute(ipv4, ipv6);
+}
+
+bool routeTablesHaveDefaultRoute(std::istream& ipv4, std::istream& ipv6) {
   std::string line;
   std::getline(ipv4, line);  // the column titles
   while (std::getline(ipv4, line)) {
     std::istringstream fields(line);
     std::string interface, destination, gateway, flags;
     fields >> interface >> destination >> gateway >> flags;
-    // Destination 0.0.0.0 on an interface that is up (flag 1).
-    if (destination == "00000000" && interface != "lo" && (std::stoul(flags, nullptr, 16) & 1u) != 0)
-      return true;
+    // Destination 0.0.0.0 on an interface that is up (flag 1). A line that does not read is skipped.
+    unsigned long flagBits = 0;
+    const auto [end, ec] = std::from_chars(flags.data(), flags.data() + flags.size(), flagBits, 16);
+    if (ec != std::errc() || end != flags.data() + flags.size()) continue;
+    if (destination == "00000000" && interface != "lo" && (flagBits & 1u) != 0) return true;
   }
-  std::ifstream ipv6("/proc/net/ipv6_route");
   while (std::getline(ipv6, line)) {
     std::istringstream fields(line);
     std::string destination, prefixLength, source, sourceLength, nextHop, metric, references, use, flags,
@@ -100,15 +108,23 @@ ReachabilityStatus NetworkReachability::status(std::string_view host) {
 void NetworkReachability::monitor() {
   pthread_setname_np(pthread_self(), "reachability");
   for (;;) {
-    const ReachabilityStatus now = status();
+    // Probes and observers are other code: nothing they throw may end this thread. A round whose
+    // probe threw tells nobody anything.
+    ReachabilityStatus now = ReachabilityStatus::kUnknown;
+    const auto thrown = exceptionMessageFrom([&] { now = status(); });
+    if (thrown) logError("NetworkReachability", "Exception in a reachability probe: {}", *thrown);
     bool changed = false;
     {
       std::unique_lock lock(mutex_);
       if (stopping_) return;
-      changed = lastStatus_ != ReachabilityStatus::kUnknown && now != lastStatus_;
-      lastStatus_ = now;
+      if (!thrown) {
+        changed = lastStatus_ != ReachabilityStatus::kUnknown && now != lastStatus_;
+        lastStatus_ = now;
+      }
     }
-    if (changed) notifyObservers(now);
+    if (changed) {
+      runLoggingExceptions("NetworkReachability", "a reachability observer", [&] { notifyObservers(now); });
+    }
     std::unique_lock lock(mutex_);
     if (stop_.wait_for(lock, pollInterval_, [this] { return stopping_; })) return;
   }

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <iosfwd>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -48,6 +49,8 @@ class NetworkReachability final : public Reachability {
 // The default probes: /proc/net/route and /proc/net/ipv6_route for a default route through an
 // interface other than loopback; getaddrinfo on a helper thread for names.
 bool systemHasDefaultRoute();
+// The same over the two tables' text; lines that do not read are skipped.
+bool routeTablesHaveDefaultRoute(std::istream& ipv4, std::istream& ipv6);
 bool hostNameResolves(const std::string& host, std::chrono::milliseconds bound);
 bool isLoopbackHost(std::string_view host);
 

@@ -26,7 +26,9 @@ struct NetworkSessionOptions {
   // Bodies kept in memory larger than this fail with -1103; bodies streamed to a file are not limited.
   std::uint64_t maximumResponseSize = 64ull * 1024 * 1024;
   int maximumRedirects = 16;
-  bool acceptCookies = true;  // one in-memory cookie store shared by every client
+  bool acceptCookies = true;  // in-memory cookies, a jar per client
+  // The idle timeout of every request a client builds: no byte moving for this long fails with
+  // -1001. Blocking calls with a zero timeout have no other bound.
   std::chrono::duration<double> defaultTimeoutInterval{60.0};
   std::vector<std::string> preferredLanguages;  // empty: from the environment
   std::string systemRelease;                    // empty: the running kernel's

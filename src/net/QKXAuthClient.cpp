@@ -47,6 +47,9 @@ void QKXAuthClient::authenticate(std::string_view path, const nlohmann::json& pa
             client.accessTokenSecret_ = secret;
           }
           client.setAccessToken(token, secret);
+          // The token stands in for the password from now on: it is not kept, and no later request
+          // carries x_auth_* values. An answer without a token leaves them for another try.
+          if (token) client.forgetUserCredentials();
           client.setParameterEncoding(AFHTTPClientParameterEncoding::kJSONParameterEncoding);
           client.setDefaultHeader("Accept", "text/json");
           client.registerHTTPOperationClass<QKJSONRequestOperation>();

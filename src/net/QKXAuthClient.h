@@ -28,7 +28,8 @@ class QKXAuthClient : public STLOAuthClient {
 
   // Posts `parameters` to `path`. On success the body's "oauth_token" and "oauth_token_secret"
   // become the access token, the client switches to JSON (parameters as JSON, "Accept" "text/json",
-  // QKJSONRequestOperation registered) and the success block gets the pair (nothing for a missing
+  // QKJSONRequestOperation registered), forgets the user name and password (later requests carry no
+  // x_auth_* values) once a token came, and the success block gets the pair (nothing for a missing
   // key). The blocks are kept once for the whole program: a second exchange replaces the first's.
   void authenticate(std::string_view path, const nlohmann::json& parameters, AuthenticationSuccess success,
                     AuthenticationFailure failure);

@@ -1,5 +1,7 @@
 #include "net/STLOAuthClient.h"
 
+#include <algorithm>
+
 #include "net/AFQueryStringPair.h"
 
 namespace lectern {
@@ -75,6 +77,25 @@ void STLOAuthClient::setPassword(std::optional<std::string> password) {
   password_ = std::move(password);
 }
 
+std::optional<std::string> STLOAuthClient::username() const {
+  std::lock_guard lock(signingMutex_);
+  return username_;
+}
+
+bool STLOAuthClient::hasPassword() const {
+  std::lock_guard lock(signingMutex_);
+  return password_.has_value();
+}
+
+void STLOAuthClient::forgetUserCredentials() {
+  std::lock_guard lock(signingMutex_);
+  // Overwritten before release, so the text does not linger in freed memory.
+  if (password_) std::fill(password_->begin(), password_->end(), '\0');
+  password_.reset();
+  username_.reset();
+  xAuthWithHeader_ = false;
+}
+
 bool STLOAuthClient::isXAuthWithAuthhenticationHeader() const {
   std::lock_guard lock(signingMutex_);
   return xAuthWithHeader_;
@@ -87,19 +108,29 @@ void STLOAuthClient::setXAuthWithAuthhenticationHeader(bool value) {
 
 HttpRequest STLOAuthClient::requestWithMethod(std::string_view method, std::string_view path,
                                               const nlohmann::json& parameters) {
-  return signRequests() ? signedRequestWithMethod(method, path, parameters)
-                        : unsignedRequestWithMethod(method, path, parameters);
+  return requestWithMethod(method, path, parameters, parameterEncoding());
+}
+
+HttpRequest STLOAuthClient::requestWithMethod(std::string_view method, std::string_view path,
+                                              const nlohmann::json& parameters,
+                                              AFHTTPClientParameterEncoding encoding) {
+  return signRequests() ? signedRequestWithMethod(method, path, parameters, encoding)
+                        : unsignedRequestWithMethod(method, path, parameters, encoding);
 }
 
 HttpRequest STLOAuthClient::unsignedRequestWithMethod(std::string_view method, std::string_view path,
-                                                      const nlohmann::json& parameters) {
-  return AFHTTPClient::requestWithMethod(method, path, parameters);
+                                                      const nlohmann::json& parameters,
+                                                      std::optional<AFHTTPClientParameterEncoding> encoding) {
+  return AFHTTPClient::requestWithMethod(method, path, parameters, encoding.value_or(parameterEncoding()));
 }
 
 HttpRequest STLOAuthClient::signedRequestWithMethod(std::string_view method, std::string_view path,
-                                                    const nlohmann::json& parameters) {
-  HttpRequest request = AFHTTPClient::requestWithMethod(method, path, parameters);
-  request.setValue("Authorization", authorizationHeaderValueForMethod(method, path, parameters));
+                                                    const nlohmann::json& parameters,
+                                                    std::optional<AFHTTPClientParameterEncoding> encoding) {
+  HttpRequest request = unsignedRequestWithMethod(method, path, parameters, encoding);
+  if (request.url.empty()) return request;
+  std::string header = authorizationHeaderValueForMethod(method, path, parameters);
+  if (!header.empty()) request.setValue("Authorization", std::move(header));
   return request;
 }
 
@@ -123,10 +154,13 @@ OAuthParameters STLOAuthClient::oauthParametersWithTimestampAndNonce() {
 
 std::string STLOAuthClient::authorizationHeaderValueForMethod(std::string_view method, std::string_view path,
                                                               const nlohmann::json& parameters) {
-  const auto url = baseURLComponents().resolve(path);
+  auto url = baseURLComponents().resolve(path);
+  if (!url) url = URL::parse(path);
+  // Nothing to sign: the request cannot be sent either (a host-less URL would throw in the signer).
+  if (!url || !url->isAbsolute() || url->host().empty()) return {};
   OAuthSigningInput input;
   input.method = std::string(method);
-  input.url = url ? url->string() : std::string(path);
+  input.url = url->string();
   input.oauthParameters = oauthParametersWithTimestampAndNonce();
   if (!parameters.is_null()) {
     for (auto& pair : queryStringPairsFromDictionary(parameters)) {

@@ -32,6 +32,12 @@ class STLOAuthClient : public AFHTTPClient {
   void setRealm(std::optional<std::string> realm);
   void setUsername(std::optional<std::string> username);
   void setPassword(std::optional<std::string> password);
+  std::optional<std::string> username() const;
+  // Whether the client still holds the user's password.
+  bool hasPassword() const;
+  // Drops the user name and password and turns the xAuth header values off: from here on only the
+  // token signs. Done once an exchange has turned them into a token.
+  void forgetUserCredentials();
   // While true, "x_auth_mode", "x_auth_username" and "x_auth_password" travel in the signed header.
   bool isXAuthWithAuthhenticationHeader() const;
   void setXAuthWithAuthhenticationHeader(bool value);
@@ -39,12 +45,19 @@ class STLOAuthClient : public AFHTTPClient {
   // The base client's request, signed when signRequests is on.
   HttpRequest requestWithMethod(std::string_view method, std::string_view path,
                                 const nlohmann::json& parameters = nullptr) override;
+  HttpRequest requestWithMethod(std::string_view method, std::string_view path,
+                                const nlohmann::json& parameters,
+                                AFHTTPClientParameterEncoding encoding) override;
+  // The parameter encoding is the client's unless one is given for this request.
   HttpRequest unsignedRequestWithMethod(std::string_view method, std::string_view path,
-                                        const nlohmann::json& parameters = nullptr);
+                                        const nlohmann::json& parameters = nullptr,
+                                        std::optional<AFHTTPClientParameterEncoding> encoding = {});
+  // A request whose URL could not be built stays unsigned: it fails with -1000 without being sent.
   HttpRequest signedRequestWithMethod(std::string_view method, std::string_view path,
-                                      const nlohmann::json& parameters = nullptr);
+                                      const nlohmann::json& parameters = nullptr,
+                                      std::optional<AFHTTPClientParameterEncoding> encoding = {});
   // A fresh signature (new timestamp and nonce) over the method, the normalised URL of `path` and
-  // the OAuth and request parameters.
+  // the OAuth and request parameters. "" when `path` gives no URL with a host.
   std::string authorizationHeaderValueForMethod(std::string_view method, std::string_view path,
                                                 const nlohmann::json& parameters);
 

@@ -9,7 +9,9 @@ set(LECTERN_OAUTH_SOURCES
 # The HTTP layer every service client is built on.
 set(LECTERN_NET_SOURCES
   src/net/HttpHeaders.cpp
+  src/net/HttpRequest.cpp
   src/net/HttpResponse.cpp
+  src/net/Redaction.cpp
   src/net/Streams.cpp
   src/net/URLError.cpp
   src/net/TextEncoding.cpp

@@ -7,6 +7,8 @@
 #include "net/DefaultHeaders.h"
 #include "net/QKJSONRequestOperation.h"
 #include "net/QKXMLRequestOperation.h"
+#include "net/STLOAuthClient.h"
+#include "net/URLError.h"
 #include "support/TestSupport.h"
 
 namespace lectern {
@@ -33,7 +35,33 @@ TEST_F(HTTPClientRequest, BasePathGetsATrailingSlashSoRelativePathsResolveUnderI
             "https://feeds.example.org/rss");
   AFHTTPClient bare(net.session, "https://api.example.com");
   EXPECT_EQ(bare.baseURL(), "https://api.example.com");
-  EXPECT_THROW(AFHTTPClient(net.session, "api.example.com/v1"), InternalInconsistency);
+}
+
+TEST_F(HTTPClientRequest, BaseURLWithAQueryKeepsASingleSlashBeforeIt) {
+  // A self-hosted endpoint such as "https://host/fever/?api", typed with or without the slash.
+  struct Case {
+    std::string_view base, path;
+    nlohmann::json parameters;
+    std::string_view want;
+  };
+  const Case cases[] = {
+      {"https://host/fever/?api", "", nullptr, "https://host/fever/?api"},
+      {"https://host/fever?api", "", nullptr, "https://host/fever/?api"},
+      {"https://host/fever/?api", "", {{"x", "y"}}, "https://host/fever/?api&x=y"},
+      {"https://host/fever?api", "", {{"x", "y"}}, "https://host/fever/?api&x=y"},
+      {"https://host/fever/?api", "?api&groups", nullptr, "https://host/fever/?api&groups"},
+      {"https://host/fever?api", "?api&items", {{"since_id", 5}}, "https://host/fever/?api&items&since_id=5"},
+      {"https://host/fever/?api", "sub/x.json", {{"x", "y"}}, "https://host/fever/sub/x.json?x=y"},
+      {"https://host/fever/?api", "list#top", {{"x", "y"}}, "https://host/fever/list?x=y#top"},
+      {"https://host?api", "", {{"x", "y"}}, "https://host?api&x=y"},
+  };
+  for (const auto& c : cases) {
+    AFHTTPClient fever(net.session, c.base);
+    EXPECT_EQ(fever.requestWithMethod("GET", c.path, c.parameters).url, c.want) << c.base << " + " << c.path;
+  }
+  AFHTTPClient fever(net.session, "https://host/fever?api");
+  EXPECT_EQ(fever.baseURL(), "https://host/fever/?api");
+  EXPECT_EQ(fever.requestWithMethod("POST", "", {{"api_key", "k"}}).url, "https://host/fever/?api");
 }
 
 TEST_F(HTTPClientRequest, QueryMethodsAppendWithQuestionMarkOrAmpersand) {
@@ -61,8 +89,8 @@ TEST_F(HTTPClientRequest, BodyMethodsEncodeParametersByTheClientsEncoding) {
   const auto json = client.requestWithMethod("PUT", "add", parameters);
   EXPECT_EQ(nlohmann::json::parse(json.body), parameters);
   EXPECT_EQ(json.valueForHTTPHeaderField("Content-Type"), "application/json; charset=utf-8");
-  // Text that is not UTF-8 cannot become JSON: the request goes out with no body.
-  EXPECT_TRUE(client.requestWithMethod("POST", "add", {{"bad", "\xFF"}}).body.empty());
+  // Text that is not UTF-8 cannot become JSON as it is: the bad bytes become U+FFFD.
+  EXPECT_EQ(client.requestWithMethod("POST", "add", {{"bad", "a\xFF"}}).body, "{\"bad\":\"a\xEF\xBF\xBD\"}");
 
   client.setParameterEncoding(AFHTTPClientParameterEncoding::kPropertyListParameterEncoding);
   const auto plist = client.requestWithMethod("PATCH", "add", parameters);
@@ -94,6 +122,142 @@ TEST_F(HTTPClientRequest, DefaultAndAuthorizationHeadersAreCopiedIntoEveryReques
   EXPECT_EQ(headers.value("accept"), "text/json");
   client.setDefaultHeader("Accept", std::nullopt);
   EXPECT_FALSE(client.defaultValueForHeader("Accept"));
+}
+
+TEST_F(HTTPClientRequest, EncodingCanBeChosenPerCallWithoutChangingTheClients) {
+  // A JSON client whose token call is form-encoded.
+  client.setParameterEncoding(AFHTTPClientParameterEncoding::kJSONParameterEncoding);
+  const nlohmann::json parameters = {{"grant_type", "password"}, {"user", "jo"}};
+  const auto form = client.requestWithMethod("POST", "oauth/token", parameters,
+                                             AFHTTPClientParameterEncoding::kFormURLParameterEncoding);
+  EXPECT_EQ(form.body, "grant_type=password&user=jo");
+  EXPECT_EQ(form.valueForHTTPHeaderField("Content-Type"), "application/x-www-form-urlencoded; charset=utf-8");
+  const auto plist = client.requestWithMethod("PUT", "x", parameters,
+                                              AFHTTPClientParameterEncoding::kPropertyListParameterEncoding);
+  EXPECT_EQ(plist.valueForHTTPHeaderField("Content-Type"), "application/x-plist; charset=utf-8");
+  EXPECT_EQ(client.parameterEncoding(), AFHTTPClientParameterEncoding::kJSONParameterEncoding);
+  EXPECT_EQ(nlohmann::json::parse(client.requestWithMethod("POST", "oauth/token", parameters).body),
+            parameters);
+}
+
+TEST(ClientEncodingPerCall, ConveniencesBlockingCallsAndSignedRequestsHonourIt) {
+  auto canned =
+      std::make_unique<CannedTransport>([](const HttpRequest&) { return CannedTransport::Answer{}; });
+  CannedTransport& transport = *canned;
+  NetFixture net(std::move(canned), test::testSessionOptions());
+  AFHTTPClient client(net.session, "https://api.example.com/v1");
+  client.setParameterEncoding(AFHTTPClientParameterEncoding::kJSONParameterEncoding);
+  const auto form = AFHTTPClientParameterEncoding::kFormURLParameterEncoding;
+  bool done = false;
+  client.postPath(
+      "a", {{"k", "v"}}, [&](AFHTTPRequestOperation&, const ResponseObject&) { done = true; }, nullptr, form);
+  ASSERT_TRUE(net.runUntil([&] { return done; }));
+  ASSERT_FALSE(client.synchronouslyPutPath("b", {{"k", "v"}}, {}, form).error);
+  ASSERT_FALSE(client.synchronouslyPatchPath("c", {{"k", "v"}}).error);  // the client's own, JSON
+  STLOAuthClient signing(net.session, "https://api.example.com/v1", "ck", "cs", std::nullopt, std::nullopt);
+  signing.setParameterEncoding(AFHTTPClientParameterEncoding::kJSONParameterEncoding);
+  ASSERT_FALSE(signing.synchronouslyPostPath("d", {{"k", "v"}}, {}, form).error);
+
+  const auto requests = transport.requests();
+  ASSERT_EQ(requests.size(), 4u);
+  EXPECT_EQ(requests[0].body, "k=v");
+  EXPECT_EQ(requests[1].body, "k=v");
+  EXPECT_EQ(requests[2].body, R"({"k":"v"})");
+  EXPECT_EQ(requests[3].body, "k=v");
+  EXPECT_TRUE(requests[3].valueForHTTPHeaderField("Authorization").value_or("").starts_with("OAuth realm="));
+}
+
+TEST_F(HTTPClientRequest, UnusableBaseURLsMakeAClientWhoseEveryRequestFailsWithBadURL) {
+  for (std::string_view text : {"api.example.com/v1", "http://exa mple.com/", "http://host:99999/", "http://",
+                                "mailto:jo@example.com", "", "/relative/only"}) {
+    EXPECT_FALSE(AFHTTPClient::isUsableBaseURL(text)) << text;
+    AFHTTPClient broken(net.session, text);  // no throw
+    ASSERT_TRUE(broken.baseURLError()) << text;
+    EXPECT_EQ(broken.baseURLError()->code, URLErrorCode::kBadURL);
+    EXPECT_EQ(broken.baseURLError()->domain, kURLErrorDomain);
+    EXPECT_EQ(broken.baseURL(), text);
+    EXPECT_EQ(broken.requestWithMethod("GET", "https://elsewhere.example.com/x").url, "");
+    const auto reachable = broken.isNetworkEndpointReachable();
+    ASSERT_FALSE(reachable) << text;
+    EXPECT_EQ(reachable.error().code, URLErrorCode::kBadURL);
+  }
+  for (std::string_view text : {"https://api.example.com/v1", "http://127.0.0.1:8080", "HTTPS://Host/x?y"}) {
+    EXPECT_TRUE(AFHTTPClient::isUsableBaseURL(text)) << text;
+    EXPECT_FALSE(AFHTTPClient(net.session, text).baseURLError()) << text;
+  }
+}
+
+TEST(ClientBadURLs, UnusablePathsAndEndpointsFailThroughTheBlocksAndTheBlockingCalls) {
+  auto canned =
+      std::make_unique<CannedTransport>([](const HttpRequest&) { return CannedTransport::Answer{}; });
+  NetFixture net(std::move(canned), test::testSessionOptions());
+  AFHTTPClient client(net.session, "https://api.example.com/v1");
+  AFHTTPClient broken(net.session, "not a URL");
+  STLOAuthClient signing(net.session, "https://api.example.com/v1", "ck", "cs", "jo", "pw");
+  STLOAuthClient brokenSigning(net.session, "example.com", "ck", "cs", "jo", "pw");
+  const std::pair<AFHTTPClient*, std::string_view> cases[] = {
+      {&client, "a b"},    {&client, "http://[::1"},   {&client, "//"},   {&client, "http:x"},
+      {&broken, "x.json"}, {&broken, "https://a.b/c"}, {&signing, "a b"}, {&brokenSigning, "x"}};
+  for (const auto& [target, path] : cases) {
+    std::optional<Error> failed;
+    target->getPath(
+        path, {{"a", 1}}, [&](AFHTTPRequestOperation&, const ResponseObject&) { ADD_FAILURE() << path; },
+        [&](AFHTTPRequestOperation&, const Error& error) { failed = error; });
+    ASSERT_TRUE(net.runUntil([&] { return failed.has_value(); })) << path;
+    EXPECT_EQ(failed->code, URLErrorCode::kBadURL) << path;
+    EXPECT_EQ(failed->domain, kURLErrorDomain) << path;
+    const auto blocking = target->synchronouslyPostPath(path, {{"a", 1}});
+    ASSERT_TRUE(blocking.error) << path;
+    EXPECT_EQ(blocking.error->code, URLErrorCode::kBadURL) << path;
+  }
+  // Nothing to sign without a host, and nothing thrown.
+  EXPECT_FALSE(signing.signedRequestWithMethod("GET", "a b").headers.contains("Authorization"));
+  EXPECT_EQ(signing.authorizationHeaderValueForMethod("GET", "http:x", nullptr), "");
+}
+
+TEST_F(HTTPClientRequest, LongIdListsSplitIntoTheFewestBatchesThatKeepEachURLShortEnough) {
+  nlohmann::json ids = nlohmann::json::array();
+  for (int i = 0; i < 1000; ++i) ids.push_back(1'000'000'000 + i * 7919);
+  const nlohmann::json parameters = {{"unread_entries", ids}, {"mode", "all"}};
+  const std::string whole = client.requestWithMethod("DELETE", "unread_entries.json", parameters).url;
+  ASSERT_GT(whole.size(), 20'000u);
+
+  const auto batches =
+      client.batchesOfListParameter("DELETE", "unread_entries.json", parameters, "unread_entries");
+  ASSERT_TRUE(batches) << batches.error().message();
+  ASSERT_GT(batches->size(), 1u);
+  nlohmann::json sent = nlohmann::json::array();
+  for (size_t i = 0; i < batches->size(); ++i) {
+    const auto& batch = (*batches)[i];
+    EXPECT_EQ(batch["mode"], "all");
+    const std::string url = client.requestWithMethod("DELETE", "unread_entries.json", batch).url;
+    EXPECT_LE(url.size(), AFHTTPClient::kMaximumURLBytes);
+    for (const auto& id : batch["unread_entries"]) sent.push_back(id);
+    if (i + 1 < batches->size()) {
+      // As few as possible: the next id would not have fitted.
+      nlohmann::json fuller = batch;
+      fuller["unread_entries"].push_back((*batches)[i + 1]["unread_entries"][0]);
+      EXPECT_GT(client.requestWithMethod("DELETE", "unread_entries.json", fuller).url.size(),
+                AFHTTPClient::kMaximumURLBytes);
+    }
+  }
+  EXPECT_EQ(sent, ids);  // every id once, in order
+
+  const nlohmann::json few = {{"unread_entries", {1, 2, 3}}};
+  EXPECT_EQ(client.batchesOfListParameter("DELETE", "x", few, "unread_entries"),
+            std::vector<nlohmann::json>{few});
+  EXPECT_EQ(client.batchesOfListParameter("POST", "x", parameters, "unread_entries"),
+            std::vector<nlohmann::json>{parameters});
+  const auto tiny = client.batchesOfListParameter("GET", "x", few, "unread_entries", 50);
+  ASSERT_TRUE(tiny);
+  EXPECT_EQ(tiny->size(), 3u);  // "https://api.example.com/v1/x?unread_entries[]=1" is 47 bytes
+
+  const nlohmann::json huge = {{"unread_entries", {1, std::string(9000, '7'), 3}}};
+  const auto tooLong = client.batchesOfListParameter("DELETE", "x", huge, "unread_entries");
+  ASSERT_FALSE(tooLong);
+  EXPECT_EQ(tooLong.error().code, URLErrorCode::kBadURL);
+  EXPECT_FALSE(client.batchesOfListParameter("DELETE", "x", few, "starred_entries"));
+  EXPECT_FALSE(client.batchesOfListParameter("DELETE", "x", nlohmann::json::array({1}), "unread_entries"));
 }
 
 TEST(DefaultHeaders, AcceptLanguageStopsAfterTheFirstWeightOfOneHalf) {

@@ -158,8 +158,10 @@ TEST(QKXAuthClient, ExchangeSendsCredentialsInTheSignedHeaderThenSignsWithTheTok
   for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(exchange[i].first, order[i]);
   EXPECT_EQ(exchange[5].second, "jo@example.com");
 
-  // Signed with the token now; the credentials still travel while xAuth mode is on.
-  client.setXAuthWithAuthhenticationHeader(false);
+  // The token replaced the password: the client holds none, and later requests carry no x_auth_*.
+  EXPECT_FALSE(client.hasPassword());
+  EXPECT_FALSE(client.username());
+  EXPECT_FALSE(client.isXAuthWithAuthhenticationHeader());
   bool listed = false;
   client.postResourceWithUrl(
       "bookmarks/list", {{"limit", "500"}}, std::chrono::seconds(10),
@@ -191,6 +193,8 @@ TEST(QKXAuthClient, AnAnswerWithoutTheTokenPairPassesNothingOn) {
       nullptr);
   ASSERT_TRUE(net.runUntil([&] { return called; }));
   EXPECT_FALSE(client.tokenIdentifier());
+  EXPECT_TRUE(client.hasPassword());  // kept for another try
+  EXPECT_TRUE(client.isXAuthWithAuthhenticationHeader());
 }
 
 TEST(QKXAuthClient, OnlyTheLatestExchangesBlocksAreCalledProgramWide) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "NetTestSupport.h"
+#include "core/Log.h"
 #include "net/AFHTTPClient.h"
 #include "net/QKJSONRequestOperation.h"
 #include "net/URLError.h"
@@ -106,22 +107,39 @@ TEST_F(TransportTest, MethodsHeadersAndBodiesArriveAsBuilt) {
                       "PATCH /items/1 [application/json; charset=utf-8] {\"b\":\"x\"} " + agent}));
 }
 
-TEST_F(TransportTest, CookiesSetForOneClientTravelWithEveryClientOfTheSession) {
+TEST_F(TransportTest, EachClientKeepsItsOwnCookiesWhileConnectionsStayShared) {
+  // Two accounts of one cookie-session service on one host: each login cookie stays with its client.
   LocalServer server;
-  server.server().Post("/api/login", [](const httplib::Request&, httplib::Response& res) {
-    res.set_header("Set-Cookie", "newsblur_sessionid=abc123; Path=/; HttpOnly");
+  server.server().Post("/api/login", [](const httplib::Request& req, httplib::Response& res) {
+    res.set_header("Set-Cookie",
+                   "sessionid=" + req.get_param_value("username") + "-secret; Path=/; HttpOnly");
     res.set_content(R"({"authenticated":true})", "application/json");
   });
-  server.server().Get("/reader/feeds", [](const httplib::Request& req, httplib::Response& res) {
-    res.status =
-        req.get_header_value("Cookie").find("newsblur_sessionid=abc123") == std::string::npos ? 403 : 200;
+  server.server().Get("/reader/whoami", [](const httplib::Request& req, httplib::Response& res) {
+    res.set_content(req.get_header_value("Cookie"), "text/plain");
   });
   server.start();
-  AFHTTPClient login(net.session, server.url("/"));
-  AFHTTPClient reader(net.session, server.url("/"));
-  EXPECT_EQ(reader.synchronouslyGetPath("reader/feeds").statusCode(), 403);
-  ASSERT_FALSE(login.synchronouslyPostPath("api/login", {{"username", "jo"}}).error);
-  EXPECT_EQ(reader.synchronouslyGetPath("reader/feeds").statusCode(), 200);
+  std::vector<std::string> logged;
+  const int observer = Log::addObserver(
+      [&](LogLevel, std::string_view, std::string_view message) { logged.emplace_back(message); });
+  auto cookieOf = [](AFHTTPClient& client) {
+    const auto answer = client.synchronouslyGetPath("reader/whoami");
+    EXPECT_FALSE(answer.error);
+    return std::get<std::string>(answer.responseObject);
+  };
+  AFHTTPClient jo(net.session, server.url("/"));
+  AFHTTPClient al(net.session, server.url("/"));
+  AFHTTPClient neither(net.session, server.url("/"));
+  ASSERT_FALSE(jo.synchronouslyPostPath("api/login", {{"username", "jo"}}).error);
+  EXPECT_EQ(cookieOf(al), "");
+  ASSERT_FALSE(al.synchronouslyPostPath("api/login", {{"username", "al"}}).error);
+  EXPECT_EQ(cookieOf(jo), "sessionid=jo-secret");
+  EXPECT_EQ(cookieOf(al), "sessionid=al-secret");
+  EXPECT_EQ(cookieOf(neither), "");
+  EXPECT_EQ(cookieOf(jo), "sessionid=jo-secret");  // still, after the other's login
+  Log::removeObserver(observer);
+  EXPECT_EQ(server.connectionCount(), 1u);
+  for (const auto& line : logged) EXPECT_EQ(line.find("-secret"), std::string::npos) << line;
 }
 
 TEST_F(TransportTest, CompressedBodiesArriveDecoded) {
@@ -206,10 +224,12 @@ TEST_F(TransportTest, SilentServerTimesOutAndCancelStopsARunningTransfer) {
 }
 
 TEST_F(TransportTest, PauseKeepsWhatWasReadAndResumeAsksForTheRest) {
-  LocalServer server;
+  // Declared before the server: the paused transfer's answer may still be sending them when the
+  // test ends, until the server stops.
   const std::string body = pattern(512 * 1024);
   std::mutex mutex;
   std::vector<std::string> ranges;
+  LocalServer server;
   server.server().Get("/big", [&](const httplib::Request& req, httplib::Response& res) {
     {
       std::lock_guard lock(mutex);
