@@ -10,6 +10,9 @@ namespace lectern {
 
 // Error domains shared by more than one subsystem.
 inline constexpr std::string_view kLecternErrorDomain = "com.quillhq.Lectern";
+// User-info key of the HTTP status a server answered with, when a failure had an answer: it tells
+// a refusal (a 4xx) from a change that never reached the server.
+inline constexpr std::string_view kHTTPStatusCodeErrorKey = "HTTPStatusCode";
 
 // A failure the network, the disk, a server or the user can cause. Returned, never thrown.
 struct Error {

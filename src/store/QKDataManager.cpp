@@ -64,8 +64,12 @@ bool QKDataManager::isMigrationNeeded() const {
 }
 
 Result<void> QKDataManager::migrate(QKDataMigrationDelegate* delegate) {
+  if (mainContext_) {
+    // Replacing the file under an open connection would lose what it writes.
+    throw InternalInconsistency("The library is migrated before its main context opens");
+  }
   if (auto writable = isPersistentStoreWritable(storeURL()); !writable) return writable;
-  QKDataMigrationManager manager(environment_.paths().tempFolder);
+  QKDataMigrationManager manager;
   manager.setDelegate(delegate);
   auto migrated = manager.progressivelyMigrateURL(storeURL(), currentModelVersion());
   if (migrated) logInfo(kLogCategory, "migration complete");

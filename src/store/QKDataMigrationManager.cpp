@@ -1,12 +1,12 @@
 #include "store/QKDataMigrationManager.h"
 
 #include <fmt/format.h>
+#include <sqlite3.h>
 
-#include <array>
-#include <fstream>
 
 #include "core/Log.h"
 #include "core/Strings.h"
+#include "store/LibraryUpgradeLock.h"
 #include "store/MigrationPolicies.h"
 #include "store/SqliteDatabase.h"
 
@@ -25,17 +25,16 @@ void removeStoreFiles(const fs::path& store) {
   fs::remove(store.string() + "-journal", error);
 }
 
-// A rename, or a copy and a delete when the two paths are on different file systems.
-Result<void> moveFile(const fs::path& from, const fs::path& to) {
-  std::error_code error;
-  fs::rename(from, to, error);
-  if (!error) return {};
-  fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
-  if (!error) fs::remove(from, error);
-  if (error) {
-    return fail(kMigrationErrorDomain, 5, fmt::format("Failed to move {} to {}", from.string(), to.string()),
-                error.message());
-  }
+Result<void> fileError(std::string_view action, const fs::path& path, const std::error_code& error) {
+  return fail(kMigrationErrorDomain, 5, fmt::format("Failed to {} {}", action, path.string()), error.message());
+}
+
+// Everything the store's log holds goes into its main file, so that the file alone is complete
+// (the backup is that file) and the log left behind is empty.
+Result<void> checkpoint(const fs::path& store) {
+  auto db = SqliteDatabase::open(store, SqliteDatabase::OpenMode::kReadWrite, kBusyTimeout);
+  if (!db) return fail(db.error());
+  if (auto done = (*db)->selectOne("PRAGMA wal_checkpoint(TRUNCATE)"); !done) return fail(done.error());
   return {};
 }
 }  // namespace
@@ -48,8 +47,8 @@ std::optional<std::vector<MappingModel>> QKDataMigrationDelegate::migrationManag
   return std::nullopt;
 }
 
-QKDataMigrationManager::QKDataMigrationManager(fs::path tempFolder, std::vector<MappingModel> mappingModels)
-    : tempFolder_(std::move(tempFolder)), mappingModels_(std::move(mappingModels)) {}
+QKDataMigrationManager::QKDataMigrationManager(std::vector<MappingModel> mappingModels)
+    : mappingModels_(std::move(mappingModels)) {}
 
 std::vector<MappingModel> QKDataMigrationManager::builtInMappings() { return builtInMappingModels(); }
 
@@ -87,48 +86,58 @@ fs::path QKDataMigrationManager::destinationStoreURLWithSourceStoreURL(const fs:
   return fs::path(fmt::format("{}.{}{}", withoutExtension.string(), modelName, source.extension().string()));
 }
 
-Result<fs::path> QKDataMigrationManager::backupSourceStoreAtURL(const fs::path& source,
-                                                                const fs::path& destination) const {
+fs::path QKDataMigrationManager::backupStoreURL(const fs::path& source, std::string_view sourceModelName) {
+  return destinationStoreURLWithSourceStoreURL(source, fmt::format("{} backup", sourceModelName));
+}
+
+Result<fs::path> QKDataMigrationManager::backupSourceStoreAtURL(const fs::path& source, const fs::path& destination,
+                                                                std::string_view sourceModelName) const {
+  // The old file stays beside the library under a second name (a hard link, else a copy), and the
+  // new one takes its place in one rename: there is no moment without a complete library.
+  const fs::path backup = backupStoreURL(source, sourceModelName);
+  removeStoreFiles(backup);
   std::error_code error;
-  const fs::path folder = tempFolder_.empty() ? fs::temp_directory_path() : tempFolder_;
-  fs::create_directories(folder, error);
-  const fs::path backup = folder / (UUIDString() + source.extension().string());
-  if (auto moved = moveFile(source, backup); !moved) return fail(moved.error());
-  if (auto moved = moveFile(destination, source); !moved) {
-    // Put the old store back: the library must never be left without a store.
-    if (auto restored = moveFile(backup, source); !restored) {
-      logError(kLogCategory, "Failed to restore the library from {}: {}", backup.string(),
-               restored.error().message());
-    }
-    return fail(moved.error());
+  fs::create_hard_link(source, backup, error);
+  if (error) {
+    error.clear();
+    fs::copy_file(source, backup, fs::copy_options::overwrite_existing, error);
+    if (error) return fail(fileError("keep a copy of the library at", backup, error).error());
   }
+  fs::rename(destination, source, error);
+  if (error) return fail(fileError("put the upgraded library in place of", source, error).error());
+  // The old log was emptied by the checkpoint; the new file must not meet its index.
   fs::remove(source.string() + "-wal", error);
   fs::remove(source.string() + "-shm", error);
   return backup;
 }
 
 Result<StoreMetadata> QKDataMigrationManager::readMetadata(const fs::path& storeURL) {
+  auto lock = LibraryUpgradeLock::acquire(storeURL, LibraryUpgradeLock::Mode::kShared);
+  if (!lock) return fail(lock.error());
+  return readMetadataUnlocked(storeURL);
+}
+
+Result<StoreMetadata> QKDataMigrationManager::readMetadataUnlocked(const fs::path& storeURL) {
   std::error_code error;
   if (!fs::exists(storeURL, error)) return StoreMetadata{};
   if (fs::is_directory(storeURL, error)) {
     return fail(kLecternErrorDomain, 103,
                 fmt::format("Expected the library file, found a folder ({}).", storeURL.string()));
   }
-  std::array<char, 16> header{};
-  std::ifstream in(storeURL, std::ios::binary);
-  in.read(header.data(), header.size());
-  const auto got = in.gcount();
-  if (got > 0 &&
-      (got < 16 || std::string_view(header.data(), 16) != std::string_view("SQLite format 3\0", 16))) {
-    return fail(kLecternErrorDomain, 104,
-                fmt::format("The library file is not a Lectern library ({}).", storeURL.string()),
-                "It is not a SQLite database. Move it aside and Lectern will start a new library.");
-  }
+  // Only SQLite opens the file: reading it any other way and closing it would drop the SQLite
+  // locks this process holds on it, and another process could then reset the log under us.
   auto db = SqliteDatabase::open(storeURL, SqliteDatabase::OpenMode::kReadWrite, kBusyTimeout);
   if (!db) db = SqliteDatabase::open(storeURL, SqliteDatabase::OpenMode::kReadOnly, kBusyTimeout);
   if (!db) return fail(db.error());
   auto metadata = readStoreMetadata(**db);
-  if (!metadata) return metadata;
+  if (!metadata) {
+    if ((metadata.error().code & 0xff) == SQLITE_NOTADB) {
+      return fail(kLecternErrorDomain, 104,
+                  fmt::format("The library file is not a Lectern library ({}).", storeURL.string()),
+                  "It is not a SQLite database. Move it aside and Lectern will start a new library.");
+    }
+    return metadata;
+  }
   if (metadata->hasTables && metadata->applicationId != kLecternApplicationId) {
     return fail(kLecternErrorDomain, 104,
                 fmt::format("The library file is not a Lectern library ({}).", storeURL.string()),
@@ -139,19 +148,41 @@ Result<StoreMetadata> QKDataMigrationManager::readMetadata(const fs::path& store
 
 Result<void> QKDataMigrationManager::progressivelyMigrateURL(const fs::path& storeURL,
                                                              const ModelVersion& toModel) {
+  auto lock = LibraryUpgradeLock::acquire(storeURL, LibraryUpgradeLock::Mode::kExclusive);
+  if (!lock) return fail(lock.error());
+  auto original = readMetadataUnlocked(storeURL);
+  if (!original) return fail(original.error());
+  if (original->versionNumber == toModel.number) return {};  // another process got here first
+  if (auto emptied = checkpoint(storeURL); !emptied) return fail(stepFailed(emptied.error(), ""));
+
+  // Every step writes a new file from the previous one; the library itself is replaced once, at
+  // the end, so a crash at any point leaves it as it was and the next start begins again.
+  fs::path current = storeURL;
+  std::string originalModelName;
+  auto dropStepFile = [&](const fs::path& step) {
+    if (step != storeURL) removeStoreFiles(step);
+  };
   for (;;) {
-    auto metadata = readMetadata(storeURL);
-    if (!metadata) return fail(metadata.error());
-    if (metadata->versionNumber == toModel.number) return {};
+    auto metadata = readMetadataUnlocked(current);
+    if (!metadata) {
+      dropStepFile(current);
+      return fail(metadata.error());
+    }
+    if (metadata->versionNumber == toModel.number) break;
     const ModelVersion* source = sourceModelForSourceMetadata(*metadata);
     if (source == nullptr || metadata->versionNumber > toModel.number) {
+      dropStepFile(current);
       return fail(kMigrationErrorDomain, 3,
                   fmt::format("The library was written by a newer version of Lectern ({}).",
                               describeStoreVersion(*metadata)),
                   "Open it with the version of Lectern that wrote it.");
     }
+    if (originalModelName.empty()) originalModelName = source->name;
     auto destination = getDestinationModel(*source);
-    if (!destination) return fail(destination.error());
+    if (!destination) {
+      dropStepFile(current);
+      return fail(destination.error());
+    }
     if (delegate_ != nullptr) {
       if (auto models = delegate_->migrationManagerMappingModelsForSourceModel(*this, *source); models) {
         for (const auto& model : *models) {
@@ -161,62 +192,67 @@ Result<void> QKDataMigrationManager::progressivelyMigrateURL(const fs::path& sto
         }
       }
     }
-    if (auto stepped = migrateStep(storeURL, *source, *destination); !stepped) return stepped;
+    auto next = migrateStep(current, storeURL, *source, *destination);
+    dropStepFile(current);
+    if (!next) return fail(next.error());
+    current = *next;
   }
+  if (current == storeURL) return {};
+  auto backup = backupSourceStoreAtURL(storeURL, current, originalModelName);
+  if (!backup) {
+    removeStoreFiles(current);
+    return fail(stepFailed(backup.error(), toModel.name));
+  }
+  logInfo(kLogCategory, "The {} library was kept at {}", originalModelName, backup->string());
+  return {};
 }
 
-Result<void> QKDataMigrationManager::migrateStep(const fs::path& storeURL, const ModelVersion& source,
-                                                 const Destination& destination) {
+Error QKDataMigrationManager::stepFailed(const Error& cause, std::string_view modelName) {
+  Error error = Error::make(kMigrationErrorDomain, 4,
+                            modelName.empty() ? std::string("Failed to migrate the library")
+                                              : fmt::format("Failed to migrate the library to {}", modelName),
+                            cause.message());
+  logError(kLogCategory, "{}", error.message());
+  return error;
+}
+
+Result<fs::path> QKDataMigrationManager::migrateStep(const fs::path& sourceURL, const fs::path& storeURL,
+                                                     const ModelVersion& source, const Destination& destination) {
   const fs::path destinationURL = destinationStoreURLWithSourceStoreURL(storeURL, destination.modelName);
   logInfo(kLogCategory, "Migrating the library from {} to {} ({})", source.name, destination.modelName,
           destinationURL.string());
   if (delegate_ != nullptr)
     delegate_->migrationManagerWillMigrate(*this, source, *destination.model, destinationURL);
-  auto stepFailed = [&](const Error& cause) {
+  auto failed = [&](const Error& cause) {
     removeStoreFiles(destinationURL);
-    Error error = Error::make(kMigrationErrorDomain, 4,
-                              fmt::format("Failed to migrate the library to {}", destination.modelName),
-                              cause.message());
-    logError(kLogCategory, "{}", error.message());
-    return fail(std::move(error));
+    return fail(stepFailed(cause, destination.modelName));
   };
-
-  // Bring everything the old store's log holds into its main file first, so that the copy moved
-  // aside afterwards is complete on its own.
-  {
-    auto sourceDb = SqliteDatabase::open(storeURL, SqliteDatabase::OpenMode::kReadWrite, kBusyTimeout);
-    if (!sourceDb) return stepFailed(sourceDb.error());
-    if (auto checkpoint = (*sourceDb)->selectOne("PRAGMA wal_checkpoint(TRUNCATE)"); !checkpoint) {
-      return stepFailed(checkpoint.error());
-    }
-  }
 
   removeStoreFiles(destinationURL);  // what a crashed attempt may have left
   {
     auto db = SqliteDatabase::open(destinationURL, SqliteDatabase::OpenMode::kReadWriteCreate, kBusyTimeout);
-    if (!db) return stepFailed(db.error());
-    if (auto created = createSchema(**db, *destination.model); !created) return stepFailed(created.error());
-    if (auto keys = (*db)->execute("PRAGMA foreign_keys = ON"); !keys) return stepFailed(keys.error());
-    const SqlValue path[] = {storeURL.string()};
+    if (!db) return failed(db.error());
+    if (auto created = createSchema(**db, *destination.model); !created) return failed(created.error());
+    if (auto keys = (*db)->execute("PRAGMA foreign_keys = ON"); !keys) return failed(keys.error());
+    const SqlValue path[] = {sourceURL.string()};
     if (auto attached = (*db)->execute("ATTACH DATABASE ? AS src", path); !attached)
-      return stepFailed(attached.error());
+      return failed(attached.error());
     {
       auto transaction = Transaction::begin(**db, Transaction::Kind::kImmediate);
-      if (!transaction) return stepFailed(transaction.error());
+      if (!transaction) return failed(transaction.error());
       MigrationManager manager(source, *destination.model, **db);
       auto migrated = manager.migrate(destination.mappingModel, [&](double progress) {
         logDebugMessage(kLogCategory, "progress: {:f}", progress);
         if (delegate_ != nullptr) delegate_->migrationManagerProgress(*this, progress);
       });
-      if (!migrated) return stepFailed(migrated.error());
-      if (auto committed = transaction->commit(); !committed) return stepFailed(committed.error());
+      if (!migrated) return failed(migrated.error());
+      if (auto committed = transaction->commit(); !committed) return failed(committed.error());
     }
-    if (auto detached = (*db)->execute("DETACH DATABASE src"); !detached) return stepFailed(detached.error());
+    if (auto detached = (*db)->execute("DETACH DATABASE src"); !detached) return failed(detached.error());
+    if (auto emptied = (*db)->selectOne("PRAGMA wal_checkpoint(TRUNCATE)"); !emptied)
+      return failed(emptied.error());
   }
-  auto backup = backupSourceStoreAtURL(storeURL, destinationURL);
-  if (!backup) return stepFailed(backup.error());
-  logInfo(kLogCategory, "The {} library was kept at {}", source.name, backup->string());
-  return {};
+  return destinationURL;
 }
 
 }  // namespace lectern

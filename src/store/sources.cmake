@@ -19,6 +19,7 @@ set(LECTERN_STORE_SOURCES
   src/store/SmartFolder.cpp
   src/store/Bookmark.cpp
   src/store/BookmarkActions.cpp
+  src/store/ServiceDelivery.cpp
   src/store/FeedStory.cpp
   src/store/Content.cpp
   src/store/FeedEnclosure.cpp
@@ -29,6 +30,7 @@ set(LECTERN_STORE_SOURCES
   src/store/PredicateText.cpp
   src/store/MigrationManager.cpp
   src/store/MigrationPolicies.cpp
+  src/store/LibraryUpgradeLock.cpp
   src/store/QKDataMigrationManager.cpp
   src/store/QKDataManager.cpp
 )

@@ -3,6 +3,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
@@ -139,7 +140,33 @@ TEST_F(DataManagerTest, ANewLibraryIsCreatedAndReopenedWithoutMigration) {
   auto context = reopened.managedObjectContext();
   ASSERT_TRUE(context);
   EXPECT_NE(Account::localRSSAccount(**context).value(), nullptr);
-  EXPECT_TRUE(!std::filesystem::exists(paths_.tempFolder) || std::filesystem::is_empty(paths_.tempFolder));
+}
+
+// Whether some other process holds a read lock on the byte range SQLite's shared locks use.
+bool anotherProcessHoldsSqliteSharedLock(const std::filesystem::path& file) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int fd = ::open(file.c_str(), O_RDONLY);
+    struct flock probe {};
+    probe.l_type = F_WRLCK;
+    probe.l_whence = SEEK_SET;
+    probe.l_start = 0x40000002;  // SQLite's shared byte range starts two bytes after its pending byte
+    probe.l_len = 510;
+    const bool held = fd >= 0 && ::fcntl(fd, F_GETLK, &probe) == 0 && probe.l_type != F_UNLCK;
+    ::_exit(held ? 0 : 1);
+  }
+  int status = 0;
+  return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST_F(DataManagerTest, CheckingTheVersionKeepsTheLocksOfOpenConnections) {
+  // Regression (hardening issue): the version check read the library with a file stream and closed
+  // it, which dropped every SQLite lock the process held on the file. A command closing its own
+  // connection then took itself for the last user and reset the log under a running sync.
+  makeAccount("localrss");
+  ASSERT_TRUE(anotherProcessHoldsSqliteSharedLock(paths_.storeFile()));
+  EXPECT_FALSE(manager_->isMigrationNeeded());
+  EXPECT_TRUE(anotherProcessHoldsSqliteSharedLock(paths_.storeFile()));
 }
 
 TEST_F(DataManagerTest, SavingPostsItsOutcome) {

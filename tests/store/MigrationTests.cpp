@@ -1,7 +1,13 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <filesystem>
+#include <set>
+#include <thread>
 
 #include "StoreTestSupport.h"
 #include "store/Bookmark.h"
@@ -100,12 +106,14 @@ class RecordingDelegate : public QKDataMigrationDelegate {
 class MigrationTest : public StoreTest {
  protected:
   std::vector<std::string> rows(const std::string& sql) { return queryStore(paths_.storeFile(), sql); }
-  size_t tempFiles() {
-    return std::filesystem::exists(paths_.tempFolder)
-               ? static_cast<size_t>(
-                     std::distance(std::filesystem::directory_iterator(paths_.tempFolder), {}))
-               : 0;
+  std::set<std::string> libraryFolder() {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(paths_.applicationFolder))
+      names.insert(entry.path().filename().string());
+    return names;
   }
+  static constexpr std::string_view kBackup = "Lectern.Lectern 2.4 backup.storedata";
+  static constexpr std::string_view kLock = "Lectern.storedata.lock";
 };
 
 TEST_F(MigrationTest, ALibraryTwoVersionsBehindIsMigratedInTwoSteps) {
@@ -118,10 +126,11 @@ TEST_F(MigrationTest, ALibraryTwoVersionsBehindIsMigratedInTwoSteps) {
                                       "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata"}));
   ASSERT_FALSE(delegate.progress_.empty());
   EXPECT_EQ(delegate.progress_.back(), 1.0);
-  EXPECT_EQ(tempFiles(), 2u);  // each step's old store, moved aside
-  for (const auto& entry : std::filesystem::directory_iterator(paths_.applicationFolder)) {
-    EXPECT_EQ(entry.path().filename(), "Lectern.storedata");  // no step file or companion left
-  }
+  // The library as it was stays beside it (not in a temporary folder); no step file is left.
+  EXPECT_EQ(libraryFolder(), (std::set<std::string>{"Lectern.storedata", std::string(kBackup), std::string(kLock)}));
+  EXPECT_EQ(queryStore(paths_.applicationFolder / kBackup, "SELECT count(*) FROM Bookmark"),
+            std::vector<std::string>{"3"});
+  EXPECT_EQ(QKDataMigrationManager::readMetadata(paths_.applicationFolder / kBackup).value().versionNumber, 1);
   EXPECT_FALSE(manager_->isMigrationNeeded());
 
   // The HTML moved into Content; previews kept (bookmark) or computed (missing, or any story's).
@@ -166,7 +175,7 @@ TEST_F(MigrationTest, PoliciesOfOtherModelVersionsCopyAsTheDefaultMappingDoes) {
     }
     RecordingDelegate delegate;
     delegate.mappings_ = std::vector<MappingModel>{mapping};
-    QKDataMigrationManager migrator(folder / "tmp");
+    QKDataMigrationManager migrator;
     migrator.setDelegate(&delegate);
     EXPECT_TRUE(migrator.progressivelyMigrateURL(store, currentModelVersion()));
     std::vector<std::string> dump;
@@ -208,17 +217,70 @@ TEST_F(MigrationTest, AStepThatFailsHalfWayLeavesTheLibraryAsItWas) {
   EXPECT_EQ(migrated.error().description, "Failed to migrate the library to Lectern 2.41");
   EXPECT_EQ(migrated.error().recoverySuggestion, "row 21 cannot be carried over");
   EXPECT_EQ(readFile(paths_.storeFile()), before);
-  EXPECT_FALSE(std::filesystem::exists(paths_.applicationFolder / "Lectern.Lectern 2.41.storedata"));
-  EXPECT_EQ(tempFiles(), 0u);
+  EXPECT_EQ(libraryFolder(), (std::set<std::string>{"Lectern.storedata", std::string(kLock)}));
   // Opening tries again, without the faulty mapping, and succeeds.
   EXPECT_TRUE(manager_->managedObjectContext());
+}
+
+TEST_F(MigrationTest, TwoProcessesOpeningAnOldLibraryAtOnceUpgradeItOnce) {
+  // Regression (hardening issue): the daemon and a command opening an old library together deleted
+  // each other's step files and left a current library with no bookmarks.
+  writeStoreOfVersion(paths_.storeFile(), modelVersions()[0], kOldLibrary);
+  constexpr int kOpeners = 4;
+  std::vector<std::thread> openers;
+  std::atomic<int> failures{0};
+  for (int i = 0; i < kOpeners; ++i) {
+    openers.emplace_back([&] {
+      // A migrator of its own: a file lock is not shared between two opens of the lock file,
+      // whatever process makes them.
+      QKDataMigrationManager migrator;
+      if (!migrator.progressivelyMigrateURL(paths_.storeFile(), currentModelVersion())) ++failures;
+    });
+  }
+  for (auto& opener : openers) opener.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(rows("SELECT count(*) FROM Bookmark"), std::vector<std::string>{"3"});
+  EXPECT_EQ(rows("SELECT count(*) FROM Content"), std::vector<std::string>{"3"});
+  EXPECT_EQ(QKDataMigrationManager::readMetadata(paths_.storeFile()).value().versionNumber,
+            currentModelVersion().number);
+}
+
+TEST_F(MigrationTest, ACrashBetweenStepsLeavesTheOriginalAndTheNextStartUpgradesIt) {
+  writeStoreOfVersion(paths_.storeFile(), modelVersions()[0], kOldLibrary);
+  const std::string before = readFile(paths_.storeFile());
+  // The child dies as the second step begins: the first step's file is written, the library not.
+  class DyingDelegate : public QKDataMigrationDelegate {
+    void migrationManagerWillMigrate(QKDataMigrationManager&, const ModelVersion& source, const ModelVersion&,
+                                     const std::filesystem::path&) override {
+      if (source.name == "Lectern 2.41") ::_exit(9);
+    }
+  };
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    DyingDelegate dying;
+    QKDataMigrationManager migrator;
+    migrator.setDelegate(&dying);
+    (void)migrator.progressivelyMigrateURL(paths_.storeFile(), currentModelVersion());
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 9) << "the child should have died between the steps";
+  EXPECT_EQ(readFile(paths_.storeFile()), before);
+  EXPECT_TRUE(std::filesystem::exists(paths_.applicationFolder / "Lectern.Lectern 2.41.storedata"));
+
+  ASSERT_TRUE(manager_->managedObjectContext());
+  EXPECT_EQ(rows("SELECT count(*) FROM Bookmark"), std::vector<std::string>{"3"});
+  EXPECT_EQ(libraryFolder().count("Lectern.Lectern 2.41.storedata"), 0u);
 }
 
 TEST_F(MigrationTest, StepFileNamesAndTheMappingChain) {
   EXPECT_EQ(
       QKDataMigrationManager::destinationStoreURLWithSourceStoreURL("/a/b/Lectern.storedata", "Lectern 2.41"),
       std::filesystem::path("/a/b/Lectern.Lectern 2.41.storedata"));
-  QKDataMigrationManager chain(paths_.tempFolder);
+  QKDataMigrationManager chain;
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[0]).value().modelName, "Lectern 2.41");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[1]).value().modelName, "Lectern 2.5");
   auto none = chain.getDestinationModel(currentModelVersion());
