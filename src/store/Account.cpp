@@ -207,9 +207,25 @@ Result<void> Account::setTokenSecret(const std::optional<std::string>& secret) {
   return secrets->setPassword(kBundleIdentifier, uniqueIdentifier(), *secret);
 }
 
+std::filesystem::path Account::imageCacheFolderOfAccount(const std::filesystem::path& imageCache,
+                                                         std::int64_t row) {
+  return imageCache / fmt::format("account-{}", row);
+}
+
+std::filesystem::path Account::imageCacheFolder() const {
+  return imageCacheFolderOfAccount(managedObjectContext().environment().paths().imageCacheFolder(), objectID().row);
+}
+
 void Account::prepareForDeletion() {
   auto& context = managedObjectContext();
   if (!context.isMainContext()) return;
+  // The cache is only a cache: its pictures go now, even if the save that deletes the account
+  // fails (they are downloaded again).
+  std::error_code removed;
+  std::filesystem::remove_all(imageCacheFolder(), removed);
+  if (removed) {
+    logError(kLogCategory, "Failed to remove the cached pictures of {}: {}", uniqueIdentifier(), removed.message());
+  }
   if (auto* secrets = context.environment().secretStore()) {
     if (auto deleted = secrets->deletePassword(kBundleIdentifier, uniqueIdentifier()); !deleted) {
       logError(kLogCategory, "Failed to delete the password of {}: {}", uniqueIdentifier(),
@@ -237,6 +253,15 @@ Result<std::vector<std::shared_ptr<Bookmark>>> Account::findBookmarksWithIds(
   ObjectContext::FetchRequest request;
   request.where = "account = ? AND bookmark_id IN (SELECT value FROM json_each(?))";
   request.arguments = {objectID().row, jsonList(bookmarkIds)};
+  request.orderBy = "id";
+  return managedObjectContext().fetch<Bookmark>(std::move(request));
+}
+
+Result<std::vector<std::shared_ptr<Bookmark>>> Account::findBookmarksWithHashes(
+    const std::vector<std::string>& bookmarkHashes) {
+  ObjectContext::FetchRequest request;
+  request.where = "account = ? AND bookmark_hash IN (SELECT value FROM json_each(?))";
+  request.arguments = {objectID().row, jsonList(bookmarkHashes)};
   request.orderBy = "id";
   return managedObjectContext().fetch<Bookmark>(std::move(request));
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -98,6 +100,10 @@ class Account final : public ManagedObject {
   Result<std::shared_ptr<Bookmark>> findBookmarkWithId(std::string_view bookmarkId);
   Result<std::vector<std::shared_ptr<Bookmark>>> findBookmarksWithIds(
       const std::vector<std::string>& bookmarkIds);
+  // The account's bookmarks whose bookmark_hash is among `bookmarkHashes` (services that name
+  // items by hash).
+  Result<std::vector<std::shared_ptr<Bookmark>>> findBookmarksWithHashes(
+      const std::vector<std::string>& bookmarkHashes);
   Result<std::vector<std::shared_ptr<Bookmark>>> bookmarks(const BookmarkQuery& query = {});
   // The newest value among the account's bookmarks (ids compare as numbers when they are numbers).
   Result<std::optional<std::string>> lastBookmarkId();
@@ -146,6 +152,10 @@ class Account final : public ManagedObject {
   bool isKeepIndexChangedToLonger() const;
   // Cancels the service's requests under way.
   void clearAllRequest();
+  // Where the pictures of this account's items are cached: a folder of its own inside the image
+  // cache, so that deleting the account deletes them too.
+  std::filesystem::path imageCacheFolder() const;
+  static std::filesystem::path imageCacheFolderOfAccount(const std::filesystem::path& imageCache, std::int64_t row);
 
   // Offline operations. Queueing cancels a queued opposite (nothing is queued then) and skips a
   // duplicate; the caller saves. A nil feed id matches operations stored without one.
@@ -159,25 +169,40 @@ class Account final : public ManagedObject {
   Result<bool> removeOppositeOfflineOperationsForBookmark(std::string_view bookmarkId,
                                                           const std::optional<std::string>& feedId,
                                                           OfflineOperationType type);
+  // Deletes the queued changes of both codes of `type`'s pair (read and unread, or star and
+  // unstar) for the item: a change sent now supersedes them. The caller saves.
+  Result<void> removeSupersededOfflineOperationsForBookmark(std::string_view bookmarkId,
+                                                            const std::optional<std::string>& feedId,
+                                                            OfflineOperationType type);
   struct OperationEntry {
-    std::shared_ptr<Bookmark> bookmarkObject;
+    std::shared_ptr<Bookmark> bookmarkObject;  // none for a delete: the item went when it was queued
     std::shared_ptr<OfflineOperation> operationObject;
   };
   // The queued operations of `type` in ascending created_at with their bookmarks; an operation
-  // whose bookmark no longer exists is deleted on the way and left out.
+  // (other than a delete) whose bookmark no longer exists is deleted on the way and left out.
   Result<std::vector<OperationEntry>> arrayWithOperationsDictionariesForOperationType(
       OfflineOperationType type);
   void clearOfflineOperations(const std::vector<std::shared_ptr<OfflineOperation>>& operations);
 
-  // Replays the queue through the Bookmark class operations in the order read, unread, star,
-  // unstar, delete. Blocks the calling (sync) thread while read and unread changes complete, so
-  // it must not run on the main thread. Replayed operations are cleared whatever the outcome.
-  Result<void> processOfflineOperations();
-  Result<void> processOfflineReadOperations(const std::vector<OperationEntry>& entries);
-  Result<void> processOfflineUnreadOperations(const std::vector<OperationEntry>& entries);
-  Result<void> processOfflineStarOperations(const std::vector<OperationEntry>& entries);
-  Result<void> processOfflineUnstarOperations(const std::vector<OperationEntry>& entries);
-  Result<void> processOfflineDeleteOperations(const std::vector<OperationEntry>& entries);
+  // Asked while a replay waits for its service; true stops the replay.
+  using CancellationCheck = std::function<bool()>;
+  // Replays the queue through the account's service in the order read, unread, star, unstar,
+  // delete, waiting for each call (the completion comes on the main queue, so off the main thread
+  // the main queue must run meanwhile). An operation is cleared once its service took it or its
+  // server refused it; one that could not be sent stays queued and the replay stops there, so the
+  // order holds at the next sync. Saves the context after each kind.
+  Result<void> processOfflineOperations(const CancellationCheck& isCancelled = {});
+  // Each answers whether the replay goes on (false: something could not be sent, or cancelled).
+  Result<bool> processOfflineReadOperations(const std::vector<OperationEntry>& entries,
+                                            const CancellationCheck& isCancelled = {});
+  Result<bool> processOfflineUnreadOperations(const std::vector<OperationEntry>& entries,
+                                              const CancellationCheck& isCancelled = {});
+  Result<bool> processOfflineStarOperations(const std::vector<OperationEntry>& entries,
+                                            const CancellationCheck& isCancelled = {});
+  Result<bool> processOfflineUnstarOperations(const std::vector<OperationEntry>& entries,
+                                              const CancellationCheck& isCancelled = {});
+  Result<bool> processOfflineDeleteOperations(const std::vector<OperationEntry>& entries,
+                                              const CancellationCheck& isCancelled = {});
 
  protected:
   // On the main context: deletes the keychain secret and the preferences entry.
@@ -186,7 +211,13 @@ class Account final : public ManagedObject {
  private:
   void identifierChanged(const std::string& oldIdentifier);
   void createDefaultFolders();
-  Result<void> processOfflineMarkOperations(const std::vector<OperationEntry>& entries, bool archived);
+  Result<bool> processOfflineMarkOperations(const std::vector<OperationEntry>& entries, bool archived,
+                                            const CancellationCheck& isCancelled);
+  Result<bool> processOfflineFavoriteOperations(const std::vector<OperationEntry>& entries, bool favorited,
+                                                const CancellationCheck& isCancelled);
+  // Clears `operations` when `outcome` says the service took or refused them; false otherwise.
+  bool settleReplayed(const std::vector<std::shared_ptr<OfflineOperation>>& operations,
+                      const std::optional<std::optional<Error>>& outcome);
 
   std::shared_ptr<AccountService> service_;
   bool serviceMade_ = false;

@@ -9,14 +9,17 @@
 #include "store/Account.h"
 #include "store/Bookmark.h"
 #include "store/ObjectContext.h"
+#include "store/ServiceDelivery.h"
 #include "store/StoreEnvironment.h"
 
 namespace lectern {
 namespace {
 
 constexpr std::string_view kLogCategory = "Account";
-// A replayed read or unread change waits this long for its service before the sync moves on.
+// A replayed change waits at most this long for its service; unanswered, it stays queued.
 constexpr std::chrono::seconds kReplayWait{120};
+// How often a waiting replay looks at the cancellation check.
+constexpr std::chrono::milliseconds kCancellationPoll{50};
 
 std::vector<std::shared_ptr<OfflineOperation>> operationsOf(
     const std::vector<Account::OperationEntry>& entries) {
@@ -24,6 +27,40 @@ std::vector<std::shared_ptr<OfflineOperation>> operationsOf(
   operations.reserve(entries.size());
   for (const auto& entry : entries) operations.push_back(entry.operationObject);
   return operations;
+}
+
+// Starts one service call and waits for its completion: the call's outcome, or nothing when
+// cancelled or unanswered in time.
+std::optional<std::optional<Error>> waitForService(MainQueue& mainQueue,
+                                                   const std::function<void(ServiceCompletion)>& call,
+                                                   const Account::CancellationCheck& isCancelled) {
+  struct Wait {
+    std::mutex mutex;  // guards outcome
+    std::condition_variable changed;
+    std::optional<std::optional<Error>> outcome;
+  };
+  auto wait = std::make_shared<Wait>();
+  call([wait](std::optional<Error> error) {
+    std::lock_guard lock(wait->mutex);
+    wait->outcome = std::move(error);
+    wait->changed.notify_all();
+  });
+  const auto deadline = std::chrono::steady_clock::now() + kReplayWait;
+  auto answered = [&] {
+    std::lock_guard lock(wait->mutex);
+    return wait->outcome.has_value();
+  };
+  while (!answered()) {
+    if ((isCancelled && isCancelled()) || std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    if (mainQueue.isMainThread()) {
+      mainQueue.runUntil(answered, kCancellationPoll);
+    } else {
+      std::unique_lock lock(wait->mutex);
+      wait->changed.wait_for(lock, kCancellationPoll, [&] { return wait->outcome.has_value(); });
+    }
+  }
+  std::lock_guard lock(wait->mutex);
+  return wait->outcome;
 }
 
 }  // namespace
@@ -78,6 +115,18 @@ Result<bool> Account::removeOppositeOfflineOperationsForBookmark(std::string_vie
   return !opposites->empty();
 }
 
+Result<void> Account::removeSupersededOfflineOperationsForBookmark(std::string_view bookmarkId,
+                                                                   const std::optional<std::string>& feedId,
+                                                                   OfflineOperationType type) {
+  for (const auto code : {type, oppositeOfflineOperationType(type)}) {
+    if (code == OfflineOperationType::kNone) continue;
+    auto queued = offlineOperationsWithBookmarkId(bookmarkId, feedId, code);
+    if (!queued) return fail(queued.error());
+    for (auto& operation : *queued) managedObjectContext().deleteObject(*operation);
+  }
+  return {};
+}
+
 Result<std::vector<Account::OperationEntry>> Account::arrayWithOperationsDictionariesForOperationType(
     OfflineOperationType type) {
   auto operations = offlineOperationsWithType(type);
@@ -92,11 +141,13 @@ Result<std::vector<Account::OperationEntry>> Account::arrayWithOperationsDiction
   std::vector<OperationEntry> entries;
   for (auto& operation : *operations) {
     auto found = byId.find(operation->bookmark_id().value_or(""));
-    if (found == byId.end()) {
+    std::shared_ptr<Bookmark> bookmark = found == byId.end() ? nullptr : found->second;
+    // A delete carries what its service needs; every other change needs its item.
+    if (!bookmark && type != OfflineOperationType::kDelete) {
       managedObjectContext().deleteObject(*operation);  // its item is gone: nothing to replay
       continue;
     }
-    entries.push_back(OperationEntry{found->second, operation});
+    entries.push_back(OperationEntry{std::move(bookmark), operation});
   }
   return entries;
 }
@@ -105,99 +156,127 @@ void Account::clearOfflineOperations(const std::vector<std::shared_ptr<OfflineOp
   for (const auto& operation : operations) managedObjectContext().deleteObject(*operation);
 }
 
-Result<void> Account::processOfflineOperations() {
+Result<void> Account::processOfflineOperations(const CancellationCheck& isCancelled) {
   using enum OfflineOperationType;
   for (const auto type : {kMarkRead, kMarkUnread, kStar, kUnstar, kDelete}) {
     auto entries = arrayWithOperationsDictionariesForOperationType(type);
     if (!entries) return fail(entries.error());
     if (entries->empty()) continue;
-    Result<void> replayed;
+    Result<bool> goOn = true;
     switch (type) {
       case kMarkRead:
-        replayed = processOfflineReadOperations(*entries);
+        goOn = processOfflineReadOperations(*entries, isCancelled);
         break;
       case kMarkUnread:
-        replayed = processOfflineUnreadOperations(*entries);
+        goOn = processOfflineUnreadOperations(*entries, isCancelled);
         break;
       case kStar:
-        replayed = processOfflineStarOperations(*entries);
+        goOn = processOfflineStarOperations(*entries, isCancelled);
         break;
       case kUnstar:
-        replayed = processOfflineUnstarOperations(*entries);
+        goOn = processOfflineUnstarOperations(*entries, isCancelled);
         break;
       default:
-        replayed = processOfflineDeleteOperations(*entries);
+        goOn = processOfflineDeleteOperations(*entries, isCancelled);
         break;
     }
-    if (!replayed) return replayed;
+    // What was settled stays settled even if the program stops before the next kind.
+    if (auto saved = managedObjectContext().save(); !saved) return saved;
+    if (!goOn) return fail(goOn.error());
+    if (!*goOn) break;
   }
   return managedObjectContext().save();
 }
 
-Result<void> Account::processOfflineMarkOperations(const std::vector<OperationEntry>& entries,
-                                                   bool archived) {
+bool Account::settleReplayed(const std::vector<std::shared_ptr<OfflineOperation>>& operations,
+                             const std::optional<std::optional<Error>>& outcome) {
+  if (!outcome) {
+    logInfo(kLogCategory, "A queued change of {} got no answer; it stays queued", uniqueIdentifier());
+    return false;
+  }
+  switch (deliveryOf(*outcome)) {
+    case Delivery::kDelivered:
+      clearOfflineOperations(operations);
+      return true;
+    case Delivery::kRefused:
+      logError(kLogCategory, "The server refused a queued change of {}; it is dropped: {}", uniqueIdentifier(),
+               (*outcome)->message());
+      clearOfflineOperations(operations);
+      return true;
+    case Delivery::kNotDelivered:
+      logInfo(kLogCategory, "A queued change of {} could not be sent; it stays queued: {}", uniqueIdentifier(),
+              (*outcome)->message());
+      return false;
+  }
+  return false;
+}
+
+Result<bool> Account::processOfflineMarkOperations(const std::vector<OperationEntry>& entries, bool archived,
+                                                   const CancellationCheck& isCancelled) {
+  auto service = serviceObject();
+  if (!service) return false;
   std::vector<std::shared_ptr<Bookmark>> bookmarks;
   for (const auto& entry : entries) bookmarks.push_back(entry.bookmarkObject);
-
-  struct Wait {
-    std::mutex mutex;  // guards done
-    std::condition_variable changed;
-    bool done = false;
-  };
-  auto wait = std::make_shared<Wait>();
-  auto& mainQueue = managedObjectContext().environment().mainQueue();
-  Bookmark::markBookmarks(bookmarks, *this, archived, [wait](std::optional<Error> error) {
-    if (error) logError(kLogCategory, "Failed to replay a queued change: {}", error->message());
-    std::lock_guard lock(wait->mutex);
-    wait->done = true;
-    wait->changed.notify_all();
-  });
-  bool done = false;
-  if (mainQueue.isMainThread()) {
-    done = mainQueue.runUntil(
-        [&] {
-          std::lock_guard lock(wait->mutex);
-          return wait->done;
-        },
-        kReplayWait);
-  } else {
-    std::unique_lock lock(wait->mutex);
-    done = wait->changed.wait_for(lock, kReplayWait, [&] { return wait->done; });
-  }
-  if (!done) logError(kLogCategory, "A queued change got no answer from its service; it is not sent again");
-  // Cleared whatever the outcome: a failed replay is not retried.
-  clearOfflineOperations(operationsOf(entries));
-  return {};
+  auto outcome = waitForService(
+      managedObjectContext().environment().mainQueue(),
+      [&](ServiceCompletion done) { service->markBookmarks(bookmarks, *this, archived, std::move(done)); },
+      isCancelled);
+  return settleReplayed(operationsOf(entries), outcome);
 }
 
-Result<void> Account::processOfflineReadOperations(const std::vector<OperationEntry>& entries) {
-  return processOfflineMarkOperations(entries, /*archived=*/true);
-}
-
-Result<void> Account::processOfflineUnreadOperations(const std::vector<OperationEntry>& entries) {
-  return processOfflineMarkOperations(entries, /*archived=*/false);
-}
-
-Result<void> Account::processOfflineStarOperations(const std::vector<OperationEntry>& entries) {
-  for (const auto& entry : entries)
-    Bookmark::markBookmark(*entry.bookmarkObject, Bookmark::Favorited{true}, {});
-  clearOfflineOperations(operationsOf(entries));
-  return {};
-}
-
-Result<void> Account::processOfflineUnstarOperations(const std::vector<OperationEntry>& entries) {
-  for (const auto& entry : entries)
-    Bookmark::markBookmark(*entry.bookmarkObject, Bookmark::Favorited{false}, {});
-  clearOfflineOperations(operationsOf(entries));
-  return {};
-}
-
-Result<void> Account::processOfflineDeleteOperations(const std::vector<OperationEntry>& entries) {
+Result<bool> Account::processOfflineFavoriteOperations(const std::vector<OperationEntry>& entries,
+                                                       bool favorited, const CancellationCheck& isCancelled) {
+  auto service = serviceObject();
+  if (!service) return false;
   for (const auto& entry : entries) {
-    Bookmark::deleteBookmarkWithId(entry.operationObject->bookmark_id().value_or(""), *this, {});
+    auto outcome = waitForService(
+        managedObjectContext().environment().mainQueue(),
+        [&](ServiceCompletion done) {
+          service->markBookmarkFavorited(*entry.bookmarkObject, favorited, std::move(done));
+        },
+        isCancelled);
+    if (!settleReplayed({entry.operationObject}, outcome)) return false;
   }
-  clearOfflineOperations(operationsOf(entries));
-  return {};
+  return true;
+}
+
+Result<bool> Account::processOfflineReadOperations(const std::vector<OperationEntry>& entries,
+                                                   const CancellationCheck& isCancelled) {
+  return processOfflineMarkOperations(entries, /*archived=*/true, isCancelled);
+}
+
+Result<bool> Account::processOfflineUnreadOperations(const std::vector<OperationEntry>& entries,
+                                                     const CancellationCheck& isCancelled) {
+  return processOfflineMarkOperations(entries, /*archived=*/false, isCancelled);
+}
+
+Result<bool> Account::processOfflineStarOperations(const std::vector<OperationEntry>& entries,
+                                                   const CancellationCheck& isCancelled) {
+  return processOfflineFavoriteOperations(entries, /*favorited=*/true, isCancelled);
+}
+
+Result<bool> Account::processOfflineUnstarOperations(const std::vector<OperationEntry>& entries,
+                                                     const CancellationCheck& isCancelled) {
+  return processOfflineFavoriteOperations(entries, /*favorited=*/false, isCancelled);
+}
+
+Result<bool> Account::processOfflineDeleteOperations(const std::vector<OperationEntry>& entries,
+                                                     const CancellationCheck& isCancelled) {
+  auto service = serviceObject();
+  if (!service) return false;
+  for (const auto& entry : entries) {
+    // An item still here was queued for deletion by an older version, which kept it until replay.
+    if (entry.bookmarkObject) managedObjectContext().deleteObject(*entry.bookmarkObject);
+    const auto& operation = *entry.operationObject;
+    const std::string bookmarkId = operation.bookmark_id().value_or("");
+    const std::optional<std::string> feedId = operation.feed_id();
+    auto outcome = waitForService(
+        managedObjectContext().environment().mainQueue(),
+        [&](ServiceCompletion done) { service->deleteBookmark(*this, bookmarkId, feedId, std::move(done)); },
+        isCancelled);
+    if (!settleReplayed({entry.operationObject}, outcome)) return false;
+  }
+  return true;
 }
 
 }  // namespace lectern

@@ -191,20 +191,26 @@ Result<std::optional<std::string>> Bookmark::preview_text() const {
   return *found ? (*found)->preview_text() : std::nullopt;
 }
 
-void Bookmark::setHtml(std::optional<std::string> html) {
-  images_.reset();
+std::shared_ptr<Content> Bookmark::contentForWriting(std::string_view what) {
   auto found = content();
   if (!found) {
-    logError(kLogCategory, "Failed to store the article's HTML: {}", found.error().message());
-    return;
+    logError(kLogCategory, "Failed to store the article's {}: {}", what, found.error().message());
+    return nullptr;
   }
-  std::shared_ptr<Content> target = *found;
-  if (!target) {
-    target = managedObjectContext().insertNewObject<Content>();
-    target->setBookmarkRow(objectID().row);
-    content_ = target;
-    contentLooked_ = true;
-  }
+  if (*found) return *found;
+  auto target = managedObjectContext().insertNewObject<Content>();
+  target->setBookmarkRow(objectID().row);
+  content_ = target;
+  contentLooked_ = true;
+  // Other contexts holding this bookmark learned it had no content: the save tells them to look again.
+  managedObjectContext().noteRelatedChange(objectID());
+  return target;
+}
+
+void Bookmark::setHtml(std::optional<std::string> html) {
+  images_.reset();
+  auto target = contentForWriting("HTML");
+  if (!target) return;
   std::optional<std::string> preview;
   bool withPreview = false;
   if (auto owner = account(); owner && *owner) {
@@ -217,18 +223,8 @@ void Bookmark::setHtml(std::optional<std::string> html) {
 }
 
 void Bookmark::setPreview_text(std::optional<std::string> previewText) {
-  auto found = content();
-  if (!found) {
-    logError(kLogCategory, "Failed to store the article's preview: {}", found.error().message());
-    return;
-  }
-  std::shared_ptr<Content> target = *found;
-  if (!target) {
-    target = managedObjectContext().insertNewObject<Content>();
-    target->setBookmarkRow(objectID().row);
-    content_ = target;
-    contentLooked_ = true;
-  }
+  auto target = contentForWriting("preview");
+  if (!target) return;
   target->setPreview_text(std::move(previewText));
 }
 
@@ -363,8 +359,13 @@ const std::vector<BookmarkImage>& Bookmark::images() {
   return *images_;
 }
 
+std::filesystem::path Bookmark::imageCacheFolder() const {
+  return Account::imageCacheFolderOfAccount(managedObjectContext().environment().paths().imageCacheFolder(),
+                                            referenceValue(kAccount).value_or(0));
+}
+
 std::string Bookmark::replaceImagesWithCachedRepresentation(std::string_view html) const {
-  const auto folder = managedObjectContext().environment().paths().imageCacheFolder();
+  const auto folder = imageCacheFolder();
   return imagePattern().replaceAll(html, [&](const RegexMatch& match) {
     const auto& source = match.groups[1];
     const auto cached = BookmarkImage(source.text).cachedImagePath(folder);
@@ -377,7 +378,7 @@ std::string Bookmark::replaceImagesWithCachedRepresentation(std::string_view htm
 }
 
 void Bookmark::removeCachedImages() {
-  const auto folder = managedObjectContext().environment().paths().imageCacheFolder();
+  const auto folder = imageCacheFolder();
   std::error_code error;
   if (folder.empty() || !std::filesystem::is_directory(folder, error)) return;  // nothing was ever cached
   for (const auto& image : parseImages()) std::filesystem::remove(image.cachedImagePath(folder), error);

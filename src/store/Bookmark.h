@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -66,6 +67,10 @@ class Bookmark : public ManagedObject {
 
   // The Content row (created by setHtml when missing); nullptr when the bookmark has none.
   Result<std::shared_ptr<Content>> content() const;
+
+  // The feed id an offline operation records: the feed's folder_id for stories, else none.
+  virtual std::optional<std::string> offlineFeedId() const { return std::nullopt; }
+
   Result<std::optional<std::string>> html() const;
   // Stores the HTML in Content and, for feed and read-later accounts, its preview text.
   void setHtml(std::optional<std::string> html);
@@ -131,12 +136,14 @@ class Bookmark : public ManagedObject {
   void prepareForDeletion() override;
   void didRefresh() override;
 
-  // The feed id an offline operation records: the feed's folder_id for stories, else none.
-  virtual std::optional<std::string> offlineFeedId() const { return std::nullopt; }
 
  private:
   Result<std::shared_ptr<Folder>> builtInFolder(Account& account, std::string_view folderId) const;
   void archiveFoldersFollow(Account& account, bool archived);
+  // The account's folder in the image cache.
+  std::filesystem::path imageCacheFolder() const;
+  // The content row, made when missing; nullptr (logged) when it can't be read.
+  std::shared_ptr<Content> contentForWriting(std::string_view what);
 
   mutable std::shared_ptr<Content> content_;
   mutable bool contentLooked_ = false;

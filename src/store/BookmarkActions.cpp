@@ -1,18 +1,21 @@
 // The Bookmark class operations: every user change to an item goes through one of these.
 #include <fmt/format.h>
 
+#include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Reachability.h"
 #include "store/Account.h"
 #include "store/Bookmark.h"
 #include "store/Folder.h"
 #include "store/ObjectContext.h"
+#include "store/ServiceDelivery.h"
 #include "store/SqliteStatement.h"
 #include "store/StoreEnvironment.h"
 
 namespace lectern {
 namespace {
 
+constexpr std::string_view kLogCategory = "Bookmark";
 constexpr int kNotConnectedToInternet = -1009;
 
 void complete(StoreEnvironment& environment, const ServiceCompletion& onCompleted,
@@ -46,7 +49,7 @@ std::shared_ptr<Account> accountOrFail(Bookmark& bookmark, const ServiceCompleti
   return nullptr;
 }
 
-// Online: save first (never hold the write lock across a network call), then hand over.
+// Online: save first, then hand over.
 template <class Call>
 void sendToService(Account& account, const ServiceCompletion& onCompleted, Call&& call) {
   auto& context = account.managedObjectContext();
@@ -63,49 +66,127 @@ void sendToService(Account& account, const ServiceCompletion& onCompleted, Call&
   call(*service);
 }
 
-}  // namespace
+// A change the user made to one item, as the offline queue records it.
+struct QueuedChange {
+  std::string bookmarkId;
+  std::optional<std::string> feedId;
+  OfflineOperationType type;
+};
 
-void Bookmark::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account,
-                             bool archived, ServiceCompletion onCompleted) {
+QueuedChange changeOf(const Bookmark& bookmark, OfflineOperationType type) {
+  return QueuedChange{bookmark.bookmark_id().value_or(""), bookmark.offlineFeedId(), type};
+}
+
+Result<void> queueChanges(Account& account, const std::vector<QueuedChange>& changes) {
+  for (const auto& change : changes) {
+    if (auto queued = account.addOfflineOperationForBookmark(change.bookmarkId, change.feedId, change.type); !queued)
+      return queued;
+  }
+  return {};
+}
+
+// A change sent now supersedes whatever an earlier offline change queued for the same items.
+Result<void> dropSuperseded(Account& account, const std::vector<QueuedChange>& changes) {
+  for (const auto& change : changes) {
+    if (auto dropped =
+            account.removeSupersededOfflineOperationsForBookmark(change.bookmarkId, change.feedId, change.type);
+        !dropped) {
+      return dropped;
+    }
+  }
+  return {};
+}
+
+// Wraps the completion of a change sent online: when it never reached the service (no network,
+// a server in trouble, no client yet) it is queued for the next sync instead of being forgotten.
+// A refusal by the server reaches the caller as it is, and the local change stays.
+ServiceCompletion queueUnlessDelivered(Account& account, std::vector<QueuedChange> changes,
+                                       ServiceCompletion onCompleted) {
+  std::weak_ptr<ManagedObject> weakAccount = account.shared_from_this();
+  return [weakAccount, changes = std::move(changes), onCompleted](std::optional<Error> error) {
+    if (deliveryOf(error) == Delivery::kNotDelivered) {
+      // Completions run on the main queue: only the main context's objects may be touched here.
+      auto account = std::static_pointer_cast<Account>(weakAccount.lock());
+      if (account && account->hasContext() && !account->isDeleted() &&
+          account->managedObjectContext().isMainContext()) {
+        auto queued = queueChanges(*account, changes);
+        if (queued) queued = account->managedObjectContext().save();
+        if (queued) {
+          logInfo(kLogCategory, "A change could not reach {}; it is queued for the next sync: {}",
+                  account->uniqueIdentifier(), error->message());
+          error.reset();
+        } else {
+          logError(kLogCategory, "Failed to queue a change for the next sync: {}", queued.error().message());
+        }
+      }
+    }
+    if (onCompleted) onCompleted(std::move(error));
+  };
+}
+
+// The path of every change that has an offline code: a local account has nothing to send; offline,
+// the change is queued; online, it is sent (superseding what was queued) and queued if it can't be.
+template <class Send>
+void sendOrQueue(Account& account, std::vector<QueuedChange> changes, ServiceCompletion onCompleted, Send&& send) {
   auto& context = account.managedObjectContext();
   auto& environment = context.environment();
-  for (const auto& bookmark : bookmarks) bookmark->setIs_archived(archived);
+  if (!hasRemoteService(account.serviceType())) {
+    complete(environment, onCompleted, saveOf(context));
+    return;
+  }
   if (!environment.reachability().isReachable()) {
-    const auto type = archived ? OfflineOperationType::kMarkRead : OfflineOperationType::kMarkUnread;
-    for (const auto& bookmark : bookmarks) {
-      auto queued = account.addOfflineOperationForBookmark(bookmark->bookmark_id().value_or(""),
-                                                           bookmark->offlineFeedId(), type);
-      if (!queued) {
-        context.rollback();
-        complete(environment, onCompleted, queued.error());
-        return;
-      }
+    if (auto queued = queueChanges(account, changes); !queued) {
+      context.rollback();
+      complete(environment, onCompleted, queued.error());
+      return;
     }
     complete(environment, onCompleted, saveOf(context));
     return;
   }
-  sendToService(account, onCompleted, [&](AccountService& service) {
-    service.markBookmarks(bookmarks, account, archived, onCompleted);
+  if (auto dropped = dropSuperseded(account, changes); !dropped) {
+    context.rollback();
+    complete(environment, onCompleted, dropped.error());
+    return;
+  }
+  // Saved before the call: the change is in the library whatever the service answers.
+  if (auto error = saveOf(context)) {
+    complete(environment, onCompleted, std::move(error));
+    return;
+  }
+  auto done = queueUnlessDelivered(account, std::move(changes), std::move(onCompleted));
+  auto service = account.serviceObject();
+  if (!service) {
+    complete(environment, done, noServiceError(account));
+    return;
+  }
+  send(*service, std::move(done));
+}
+
+}  // namespace
+
+void Bookmark::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account& account,
+                             bool archived, ServiceCompletion onCompleted) {
+  const auto type = archived ? OfflineOperationType::kMarkRead : OfflineOperationType::kMarkUnread;
+  std::vector<QueuedChange> changes;
+  for (const auto& bookmark : bookmarks) {
+    bookmark->setIs_archived(archived);
+    changes.push_back(changeOf(*bookmark, type));
+  }
+  sendOrQueue(account, std::move(changes), std::move(onCompleted), [&](AccountService& service, ServiceCompletion done) {
+    service.markBookmarks(bookmarks, account, archived, std::move(done));
   });
 }
 
 void Bookmark::markBookmark(Bookmark& bookmark, Favorited favorited, ServiceCompletion onCompleted) {
-  auto& context = bookmark.managedObjectContext();
-  auto& environment = context.environment();
   auto owner = accountOrFail(bookmark, onCompleted);
   if (owner == nullptr) return;
   Account& account = *owner;
   bookmark.setIs_favorited(favorited.value);
-  if (!environment.reachability().isReachable()) {
-    auto queued = account.addOfflineOperationForBookmark(
-        bookmark.bookmark_id().value_or(""), bookmark.offlineFeedId(),
-        favorited.value ? OfflineOperationType::kStar : OfflineOperationType::kUnstar);
-    complete(environment, onCompleted, queued ? saveOf(context) : std::optional<Error>(queued.error()));
-    return;
-  }
-  sendToService(account, onCompleted, [&](AccountService& service) {
-    service.markBookmarkFavorited(bookmark, favorited.value, onCompleted);
-  });
+  const auto type = favorited.value ? OfflineOperationType::kStar : OfflineOperationType::kUnstar;
+  sendOrQueue(account, {changeOf(bookmark, type)}, std::move(onCompleted),
+              [&](AccountService& service, ServiceCompletion done) {
+                service.markBookmarkFavorited(bookmark, favorited.value, std::move(done));
+              });
 }
 
 void Bookmark::markBookmark(Bookmark& bookmark, Shared shared, ServiceCompletion onCompleted) {
@@ -125,23 +206,19 @@ void Bookmark::markBookmark(Bookmark& bookmark, Shared shared, ServiceCompletion
 void Bookmark::deleteBookmarkWithId(std::string_view bookmarkId, Account& account,
                                     ServiceCompletion handler) {
   auto& context = account.managedObjectContext();
-  auto& environment = context.environment();
   auto found = account.findBookmarkWithId(bookmarkId);
   if (!found) {
-    complete(environment, handler, found.error());
+    complete(context.environment(), handler, found.error());
     return;
   }
   const std::optional<std::string> feedId = *found ? (*found)->offlineFeedId() : std::nullopt;
-  if (!environment.reachability().isReachable()) {
-    // The bookmark stays: replaying the delete needs it.
-    auto queued = account.addOfflineOperationForBookmark(bookmarkId, feedId, OfflineOperationType::kDelete);
-    complete(environment, handler, queued ? saveOf(context) : std::optional<Error>(queued.error()));
-    return;
-  }
+  // The item goes at once, online or not: a queued delete carries what its service needs.
   if (*found) context.deleteObject(**found);
   const std::string id(bookmarkId);
-  sendToService(account, handler,
-                [&](AccountService& service) { service.deleteBookmark(account, id, feedId, handler); });
+  sendOrQueue(account, {QueuedChange{id, feedId, OfflineOperationType::kDelete}}, std::move(handler),
+              [&](AccountService& service, ServiceCompletion done) {
+                service.deleteBookmark(account, id, feedId, std::move(done));
+              });
 }
 
 void Bookmark::moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) {

@@ -39,7 +39,6 @@ class FeedStory final : public Bookmark {
   // becomes now; the HTML is the content, else the summary; unread and not starred.
   void mapFromRSSEntry(const RSSEntry& entry, const Clock& clock);
 
- protected:
   std::optional<std::string> offlineFeedId() const override;
 };
 

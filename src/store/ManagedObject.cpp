@@ -29,7 +29,6 @@ bool ManagedObject::setValue(int column, SqlValue value) {
   context_->checkThread();
   context_->objectWillChange(*this);
   values_[index] = std::move(value);
-  dirty_ |= 1u << column;
   changed_ |= 1u << column;
   return true;
 }

@@ -15,7 +15,7 @@ namespace lectern {
 class ObjectContext;
 
 // One stored row as a context holds it, the base of every entity class; setters mark columns that
-// the context writes at its next query or save. Used on its context's thread only.
+// the context writes at its next save. Used on its context's thread only.
 class ManagedObject : public std::enable_shared_from_this<ManagedObject> {
  public:
   // Only a context makes objects: entity constructors take this key.
@@ -81,12 +81,10 @@ class ManagedObject : public std::enable_shared_from_this<ManagedObject> {
   ObjectContext* context_ = nullptr;
   ObjectId id_;
   SqlRow values_;
-  std::uint32_t dirty_ = 0;    // columns the store has not seen yet
-  std::uint32_t changed_ = 0;  // columns changed since the last save
-  bool unflushedInsert_ = false;
+  std::uint32_t changed_ = 0;  // columns changed since the last save (written by the next one)
   bool insertedSinceSave_ = false;
   bool deleted_ = false;
-  bool deleteFlushed_ = false;
+  bool deleteFlushed_ = false;  // the store no longer has the row
   bool pendingListed_ = false;  // held by the context until the next save
   bool willSaveDone_ = false;
 };

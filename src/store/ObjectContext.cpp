@@ -28,6 +28,9 @@ constexpr std::string_view kLogCategory = "ObjectContext";
 // Writers wait this long for another connection's write lock. Transactions are kept short
 // (a batch of a sync, one user action), so reaching it means something is stuck.
 constexpr std::chrono::milliseconds kBusyTimeout{60'000};
+// Id blocks grow from the first size up to this, so a sync inserting thousands of stories
+// reserves rarely while a context that adds one folder wastes few ids.
+constexpr std::int64_t kLargestRowBlock = 1024;
 
 std::string selectColumns(EntityTable table) {
   std::string columns = fmt::format("{}.id", tableName(table));
@@ -132,7 +135,6 @@ ObjectContext::ObjectContext(std::unique_ptr<SqliteDatabase> db, Kind kind, Stor
       owner_(std::this_thread::get_id()) {}
 
 ObjectContext::~ObjectContext() {
-  if (inWrite_) db_->rollback();
   pending_.clear();
   for (auto& table : registered_) {
     for (auto& [row, weak] : table) {
@@ -153,37 +155,46 @@ void ObjectContext::recordError(Error error) {
   if (!pendingError_) pendingError_ = std::move(error);
 }
 
-bool ObjectContext::ensureWriteTransaction() {
-  if (inWrite_) return true;
-  if (pendingError_) return false;
-  if (auto begun = db_->beginImmediate(); !begun) {
-    recordError(begun.error());
-    return false;
+std::int64_t ObjectContext::allocateRow(EntityTable table) {
+  auto& block = rowBlocks_[static_cast<size_t>(table)];
+  if (block.next < block.end) return block.next++;
+  auto first = reserveRows(table, block.size);
+  if (!first) {
+    recordError(first.error());
+    return nextTemporaryRow_--;
   }
-  inWrite_ = true;
-  nextRow_.fill(0);
-  return true;
+  block.next = *first;
+  block.end = *first + block.size;
+  block.size = std::min(block.size * 2, kLargestRowBlock);
+  return block.next++;
 }
 
-std::int64_t ObjectContext::allocateRow(EntityTable table) {
-  if (!ensureWriteTransaction()) return nextTemporaryRow_--;
-  auto& next = nextRow_[static_cast<size_t>(table)];
-  if (next == 0) {
-    // The write lock is ours until the commit, so nobody else can take these ids meanwhile.
-    // sqlite_sequence keeps ids of deleted rows from coming back.
-    const SqlValue name[] = {std::string(tableName(table))};
-    auto row =
-        db_->selectOne(fmt::format("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name = ?), 0),"
-                                   " coalesce((SELECT max(id) FROM {}), 0))",
-                                   tableName(table)),
-                       name);
-    if (!row) {
-      recordError(row.error());
-      return nextTemporaryRow_--;
-    }
-    next = integerOf((**row)[0]).value_or(0) + 1;
+Result<std::int64_t> ObjectContext::reserveRows(EntityTable table, std::int64_t count) {
+  if (db_->isInTransaction()) {
+    // A reservation rolled back with a read's trial would hand the same ids out twice.
+    throw InternalInconsistency("Objects can't be inserted while the context writes");
   }
-  return next++;
+  // sqlite_sequence is what every context reads for the next id (and keeps ids of deleted rows
+  // from coming back), so raising it reserves the block for this context alone.
+  auto transaction = Transaction::begin(*db_, Transaction::Kind::kImmediate);
+  if (!transaction) return fail(transaction.error());
+  const SqlValue name[] = {std::string(tableName(table))};
+  auto row = db_->selectOne(fmt::format("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name = ?), 0),"
+                                        " coalesce((SELECT max(id) FROM {}), 0))",
+                                        tableName(table)),
+                            name);
+  if (!row) return fail(row.error());
+  const std::int64_t first = integerOf((**row)[0]).value_or(0) + 1;
+  const SqlValue sequence[] = {first + count - 1, std::string(tableName(table))};
+  if (auto raised = db_->execute("UPDATE sqlite_sequence SET seq = ? WHERE name = ?", sequence); !raised)
+    return fail(raised.error());
+  if (db_->changes() == 0) {
+    const SqlValue added[] = {std::string(tableName(table)), first + count - 1};
+    if (auto inserted = db_->execute("INSERT INTO sqlite_sequence (name, seq) VALUES (?, ?)", added); !inserted)
+      return fail(inserted.error());
+  }
+  if (auto committed = transaction->commit(); !committed) return fail(committed.error());
+  return first;
 }
 
 std::shared_ptr<ManagedObject> ObjectContext::insertNewObject(Entity entity) {
@@ -197,11 +208,9 @@ std::shared_ptr<ManagedObject> ObjectContext::insertNewObject(Entity entity) {
     if (columns[i].type == ColumnType::kBoolean) object->values_[i] = std::int64_t{0};
   }
   if (hasEntityColumn(table)) object->values_[0] = std::string(entityName(entity));
-  object->unflushedInsert_ = true;
   object->insertedSinceSave_ = true;
   object->pendingListed_ = true;
   pending_.push_back(object);
-  needsFlush_ = true;
   registered_[static_cast<size_t>(table)][id.row] = object;
   object->commonAwake();
   return object;
@@ -288,8 +297,6 @@ void ObjectContext::forget(const ObjectId& id) {
 }
 
 void ObjectContext::objectWillChange(ManagedObject& object) {
-  ensureWriteTransaction();
-  needsFlush_ = true;
   if (!object.pendingListed_) {
     object.pendingListed_ = true;
     pending_.push_back(object.shared_from_this());
@@ -307,17 +314,18 @@ void ObjectContext::deleteObject(ManagedObject& object) {
 void ObjectContext::writeRelationship(std::string_view sql, std::span<const SqlValue> arguments, ObjectId a,
                                       ObjectId b) {
   checkThread();
-  if (!ensureWriteTransaction()) return;
-  if (auto written = db_->execute(sql, arguments); !written) {
-    recordError(written.error());
-    return;
-  }
+  memberships_.push_back(Membership{std::string(sql), std::vector<SqlValue>(arguments.begin(), arguments.end())});
   touched_.insert(a);
   touched_.insert(b);
 }
 
+void ObjectContext::noteRelatedChange(ObjectId id) {
+  checkThread();
+  touched_.insert(id);
+}
+
 bool ObjectContext::hasChanges() const {
-  return !pending_.empty() || !touched_.empty() || pendingError_.has_value();
+  return hasPendingWrites() || !touched_.empty() || pendingError_.has_value();
 }
 
 Result<void> ObjectContext::writeInsert(ManagedObject& object) {
@@ -325,10 +333,7 @@ Result<void> ObjectContext::writeInsert(ManagedObject& object) {
   if (!statement) return fail(statement.error());
   (*statement)->bind(1, object.id_.row);
   (*statement)->bindAll(object.values_, 2);
-  if (auto done = (*statement)->run(); !done) return done;
-  object.unflushedInsert_ = false;
-  object.dirty_ = 0;
-  return {};
+  return (*statement)->run();
 }
 
 Result<void> ObjectContext::writeUpdate(ManagedObject& object) {
@@ -338,56 +343,40 @@ Result<void> ObjectContext::writeUpdate(ManagedObject& object) {
   std::string assignments;
   std::vector<SqlValue> arguments;
   for (size_t i = 0; i < columns.size(); ++i) {
-    if ((object.dirty_ & (1u << i)) == 0) continue;
+    if ((object.changed_ & (1u << i)) == 0) continue;
     assignments += fmt::format("{}{} = ?", assignments.empty() ? "" : ", ", columns[i].name);
     arguments.push_back(object.values_[i]);
   }
   arguments.push_back(object.id_.row);
-  if (auto done = db_->execute(fmt::format("UPDATE {} SET {} WHERE id = ?", tableName(table), assignments),
-                               arguments);
-      !done) {
-    return done;
-  }
-  object.dirty_ = 0;
-  return {};
+  return db_->execute(fmt::format("UPDATE {} SET {} WHERE id = ?", tableName(table), assignments), arguments);
 }
 
 Result<void> ObjectContext::writeDelete(ManagedObject& object) {
   const SqlValue row[] = {object.id_.row};
-  if (auto done =
-          db_->execute(fmt::format("DELETE FROM {} WHERE id = ?", tableName(object.id_.table())), row);
-      !done) {
-    return done;
-  }
-  object.deleteFlushed_ = true;
-  return {};
+  return db_->execute(fmt::format("DELETE FROM {} WHERE id = ?", tableName(object.id_.table())), row);
 }
 
-Result<void> ObjectContext::flush() {
-  checkThread();
-  if (pendingError_) return fail(*pendingError_);
-  if (!needsFlush_) return {};
-  bool deletedSomething = false;
+Result<void> ObjectContext::writePendingChanges() {
   // Inserts and updates first: a row inserted and deleted in the same save is written and then
-  // deleted, so the store's cascades remove whatever was attached to it meanwhile.
-  for (size_t i = 0; i < pending_.size(); ++i) {
-    auto& object = *pending_[i];
-    if (object.unflushedInsert_) {
+  // deleted, so the store's cascades remove whatever was attached to it meanwhile. Memberships come
+  // before the deletes for the same reason (their foreign keys are checked at the commit).
+  for (const auto& pending : pending_) {
+    auto& object = *pending;
+    if (object.insertedSinceSave_) {
       if (auto done = writeInsert(object); !done) return done;
-    } else if (object.dirty_ != 0 && !object.deleted_) {
+    } else if (object.changed_ != 0 && !object.deleted_) {
       if (auto done = writeUpdate(object); !done) return done;
     }
   }
-  for (size_t i = 0; i < pending_.size(); ++i) {
-    auto& object = *pending_[i];
+  for (const auto& membership : memberships_) {
+    if (auto done = db_->execute(membership.sql, membership.arguments); !done) return done;
+  }
+  for (const auto& pending : pending_) {
+    auto& object = *pending;
     if (object.deleted_ && !object.deleteFlushed_) {
       if (auto done = writeDelete(object); !done) return done;
-      deletedSomething = true;
     }
   }
-  needsFlush_ = false;
-  // Which held objects went with the deleted rows is worked out once, after the commit.
-  if (deletedSomething) cascadeCheckNeeded_ = true;
   return {};
 }
 
@@ -397,7 +386,7 @@ Result<void> ObjectContext::findCascadedDeletions() {
     std::vector<std::int64_t> rows;
     for (const auto& [row, weak] : registered_[static_cast<size_t>(t)]) {
       auto object = weak.lock();
-      if (object && !object->deleted_ && !object->unflushedInsert_) rows.push_back(row);
+      if (object && !object->deleted_) rows.push_back(row);
     }
     if (rows.empty()) continue;
     const SqlValue ids[] = {idArray(rows)};
@@ -432,18 +421,23 @@ Result<void> ObjectContext::save() {
     }
     if (!ranAny) break;
   }
-  auto flushed = flush();
-  if (flushed && inWrite_) flushed = db_->commit();
-  if (!flushed) {
-    Error error = flushed.error();
+  bool deletesSomething = false;
+  for (const auto& object : pending_) deletesSomething = deletesSomething || object->deleted_;
+  auto written = [&]() -> Result<void> {
+    if (pendingError_) return fail(*pendingError_);
+    auto transaction = Transaction::begin(*db_, Transaction::Kind::kImmediate);
+    if (!transaction) return fail(transaction.error());
+    if (auto done = writePendingChanges(); !done) return done;
+    return transaction->commit();
+  }();
+  if (!written) {
+    Error error = written.error();
     logError(kLogCategory, "Error while saving: {}", error.message());
-    pendingError_.reset();
     rollback();
     return fail(std::move(error));
   }
-  inWrite_ = false;
-  if (cascadeCheckNeeded_) {
-    cascadeCheckNeeded_ = false;
+  // Which held objects went with the deleted rows is worked out once, after the commit.
+  if (deletesSomething) {
     if (auto cascaded = findCascadedDeletions(); !cascaded) {
       logError(kLogCategory, "Failed to find the objects deleted with others: {}",
                cascaded.error().message());
@@ -463,9 +457,9 @@ Result<void> ObjectContext::save() {
     } else if (object->changed_ != 0) {
       changes.updated.push_back(object->id_);
     }
+    if (object->deleted_) object->deleteFlushed_ = true;
     reported.insert(object->id_);
     object->changed_ = 0;
-    object->dirty_ = 0;
     object->insertedSinceSave_ = false;
     object->pendingListed_ = false;
     object->willSaveDone_ = false;
@@ -477,9 +471,9 @@ Result<void> ObjectContext::save() {
     if (reported.insert(id).second) changes.updated.push_back(id);
   }
   pending_.clear();
+  memberships_.clear();
   touched_.clear();
   cascaded_.clear();
-  needsFlush_ = false;
   notifyObservers(changes);
   if (listener_ != nullptr && !changes.empty()) listener_->contextDidSave(*this, changes);
   return {};
@@ -487,8 +481,11 @@ Result<void> ObjectContext::save() {
 
 void ObjectContext::rollback() {
   checkThread();
+  discardUnsavedChanges();
+}
+
+void ObjectContext::discardUnsavedChanges() {
   db_->rollback();
-  inWrite_ = false;
   pendingError_.reset();
   auto pending = std::move(pending_);
   pending_.clear();
@@ -497,20 +494,17 @@ void ObjectContext::rollback() {
     object->willSaveDone_ = false;
     if (object->insertedSinceSave_) {
       object->insertedSinceSave_ = false;
-      object->unflushedInsert_ = false;
       markGone(*object);
       continue;
     }
     object->changed_ = 0;
-    object->dirty_ = 0;
     object->deleted_ = false;
     object->deleteFlushed_ = false;
     if (auto found = reread(*object); !found || !*found) markGone(*object);
   }
+  memberships_.clear();
   touched_.clear();
   cascaded_.clear();
-  needsFlush_ = false;
-  cascadeCheckNeeded_ = false;
 }
 
 std::vector<std::shared_ptr<ManagedObject>> ObjectContext::registeredObjects() const {
@@ -525,9 +519,8 @@ std::vector<std::shared_ptr<ManagedObject>> ObjectContext::registeredObjects() c
 
 Result<void> ObjectContext::refreshAllObjects() {
   checkThread();
-  if (auto flushed = flush(); !flushed) return flushed;
   for (auto& object : registeredObjects()) {
-    if (object->deleted_ || object->unflushedInsert_) continue;
+    if (object->deleted_ || object->insertedSinceSave_) continue;
     auto found = reread(*object);
     if (!found) return fail(found.error());
     if (!*found) markGone(*object);
@@ -607,8 +600,14 @@ Result<std::int64_t> ObjectContext::count(Entity entity, std::string_view where,
 
 Result<std::vector<SqlRow>> ObjectContext::select(std::string_view sql, std::span<const SqlValue> arguments) {
   checkThread();
-  if (auto flushed = flush(); !flushed) return fail(flushed.error());
-  return db_->selectAll(sql, arguments);
+  if (pendingError_) return fail(*pendingError_);
+  if (!hasPendingWrites()) return db_->selectAll(sql, arguments);
+  // The read must see what this context changed: write it, read, and roll it back again, so
+  // the lock is taken for the read alone and never kept between a change and its save.
+  auto transaction = Transaction::begin(*db_, Transaction::Kind::kImmediate);
+  if (!transaction) return fail(transaction.error());
+  if (auto written = writePendingChanges(); !written) return fail(written.error());
+  return db_->selectAll(sql, arguments);  // the transaction rolls back as it goes
 }
 
 }  // namespace lectern

@@ -33,8 +33,9 @@ struct ContextDidSave {
   bool empty() const { return inserted.empty() && updated.empty() && deleted.empty(); }
 };
 
-// A working view of the library over its own connection: one object per row, changes in a write
-// transaction from the first change to `save`. Owned by one thread (main queue's, or its opener's).
+// A working view of the library over its own connection: one object per row; changes stay in
+// memory until `save` writes them in one short transaction. Owned by one thread (main queue's, or
+// its opener's).
 class ObjectContext {
  public:
   enum class Kind { kMain, kBackground };
@@ -86,8 +87,9 @@ class ObjectContext {
   void deleteObject(ManagedObject& object);
 
   bool hasChanges() const;
-  // Runs willSave on the changed objects, writes them and commits. On failure everything since the
-  // last save is rolled back (the store keeps its last saved state) and the error is returned.
+  // Runs willSave on the changed objects, then writes them in one transaction: the library's write
+  // lock is held only while it runs. On failure everything since the last save is rolled back (the
+  // store keeps its last saved state) and the error is returned.
   Result<void> save();
   // Discards the changes since the last save.
   void rollback();
@@ -101,6 +103,8 @@ class ObjectContext {
 
   // A fetch of `entity` and its subentities. `where` and `orderBy` are SQL written in the code,
   // with "?" for every value; the values go in `arguments`. Objects deleted here are left out.
+  // Reads see this context's unsaved changes: while there are any, they are written in a
+  // transaction that is rolled back after the read, so the write lock is held only for the read.
   struct FetchRequest {
     Entity entity = Entity::kBookmark;
     std::string where = "1";
@@ -129,10 +133,12 @@ class ObjectContext {
   Result<std::int64_t> count(Entity entity, std::string_view where, std::vector<SqlValue> arguments = {});
   // A read of this context's view of the library (its unsaved changes included).
   Result<std::vector<SqlRow>> select(std::string_view sql, std::span<const SqlValue> arguments = {});
-  // Writes a membership row inside this context's transaction; `a` and `b` are reported updated.
+  // Records a change of membership rows, written at the next save (and seen by reads before it);
+  // `a` and `b` are reported updated.
   void writeRelationship(std::string_view sql, std::span<const SqlValue> arguments, ObjectId a, ObjectId b);
-  // processPendingChanges: writes what changed in memory (inside the open transaction).
-  Result<void> flush();
+  // Reports `id` updated at the next save without changing a column of it: a change that hangs off
+  // the object (a bookmark's new content row) makes other contexts re-read it.
+  void noteRelatedChange(ObjectId id);
 
   // The first failure since the last save; save() returns it.
   const std::optional<Error>& pendingError() const { return pendingError_; }
@@ -142,10 +148,24 @@ class ObjectContext {
   ObjectContext(std::unique_ptr<SqliteDatabase> db, Kind kind, StoreEnvironment& environment,
                 SaveListener* listener);
 
+  struct Membership {
+    std::string sql;
+    std::vector<SqlValue> arguments;
+  };
+  // Ids handed out to new objects: a block reserved in the store, so that no other context, in
+  // this process or another, can take them, without holding the write lock until the save.
+  struct RowBlock {
+    std::int64_t next = 0;
+    std::int64_t end = 0;  // one past the last reserved id
+    std::int64_t size = 16;
+  };
+
   void checkThread() const;
-  bool ensureWriteTransaction();
   void recordError(Error error);
+  bool hasPendingWrites() const { return !pending_.empty() || !memberships_.empty(); }
   std::int64_t allocateRow(EntityTable table);
+  Result<std::int64_t> reserveRows(EntityTable table, std::int64_t count);
+  Result<void> writePendingChanges();
   void objectWillChange(ManagedObject& object);
   void forget(const ObjectId& id);
   std::shared_ptr<ManagedObject> materialize(EntityTable table, const SqlRow& row);
@@ -156,6 +176,7 @@ class ObjectContext {
   Result<void> writeUpdate(ManagedObject& object);
   Result<void> writeDelete(ManagedObject& object);
   Result<void> findCascadedDeletions();
+  void discardUnsavedChanges();
   void notifyObservers(const ContextDidSave& changes);
   std::vector<std::shared_ptr<ManagedObject>> registeredObjects() const;
 
@@ -166,14 +187,12 @@ class ObjectContext {
   const std::thread::id owner_;
 
   std::array<std::unordered_map<std::int64_t, std::weak_ptr<ManagedObject>>, kEntityTableCount> registered_;
-  std::vector<std::shared_ptr<ManagedObject>> pending_;    // changed since the last save
-  std::unordered_set<ObjectId> touched_;                   // memberships changed since the last save
-  std::vector<ObjectId> cascaded_;                         // removed by the store with a deleted row
-  std::array<std::int64_t, kEntityTableCount> nextRow_{};  // 0: not read in this transaction
+  std::vector<std::shared_ptr<ManagedObject>> pending_;  // changed since the last save
+  std::vector<Membership> memberships_;                  // membership writes since the last save
+  std::unordered_set<ObjectId> touched_;                 // reported updated by the next save
+  std::vector<ObjectId> cascaded_;                       // removed by the store with a deleted row
+  std::array<RowBlock, kEntityTableCount> rowBlocks_{};
   std::int64_t nextTemporaryRow_ = -1;
-  bool inWrite_ = false;
-  bool needsFlush_ = false;
-  bool cascadeCheckNeeded_ = false;
   std::optional<Error> pendingError_;
   std::map<int, Observer> observers_;
   int nextObserverToken_ = 1;

@@ -111,4 +111,8 @@ std::span<const BuiltInFolder> builtInFolders(ServiceType type) {
   }
 }
 
+bool hasRemoteService(ServiceType type) {
+  return isKnownService(type) && type != ServiceType::kLocalRSS && type != ServiceType::kSmartFolders;
+}
+
 }  // namespace lectern

@@ -47,6 +47,9 @@ bool isTagAccount(ServiceType type);
 bool isSmartFolderAccount(ServiceType type);
 // A service that still exists (the table's types with a service class).
 bool isKnownService(ServiceType type);
+// Changes to the account's items must reach a server: a live service other than the built-in
+// reader (its items live here alone) and smart folders.
+bool hasRemoteService(ServiceType type);
 
 // Identifiers of the built-in folders.
 inline constexpr std::string_view kUnreadFolderId = "unread";

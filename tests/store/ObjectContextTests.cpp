@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "StoreTestSupport.h"
@@ -195,26 +196,53 @@ TEST_F(ObjectContextTest, ConcurrentChangesToDifferentColumnsBothSurvive) {
             std::vector<std::string>{"main's title|1"});
 }
 
-TEST_F(ObjectContextTest, AWriterWaitsForAnotherContextsTransactionInsteadOfFailing) {
+TEST_F(ObjectContextTest, UnsavedChangesNeverHoldTheWriteLock) {
+  // Regression (hardening issue): an unsaved change on the main context held SQLite's write lock,
+  // so a sync's save waited out the busy timeout and failed.
   auto account = makeAccount("localrss");
-  auto bookmark = addBookmark(*account, "held");  // the main context now holds the write lock
-  std::atomic<bool> started{false};
-  Result<void> backgroundSave;
-  std::thread worker([&] {
-    auto background = manager_->newBackgroundContext().value();
-    auto own = background->existingObject<Account>(account->objectID()).value();
-    started = true;
-    auto story = background->insertNewObject<Bookmark>();  // waits for the lock
+  ASSERT_TRUE(context().save());
+  auto held = addBookmark(*account, "held in memory");  // unsaved, and read back below
+  ASSERT_EQ(account->bookmarks().value().size(), 1u);  // reads see the unsaved insert
+
+  auto backgroundSave = std::async(std::launch::async, [&]() -> Result<void> {
+    auto background = manager_->newBackgroundContext();
+    if (!background) return fail(background.error());
+    auto own = (*background)->existingObject<Account>(account->objectID()).value();
+    auto story = (*background)->insertNewObject<Bookmark>();
     story->setAccount(*own);
     story->setBookmark_id("from background");
-    backgroundSave = background->save();
+    return (*background)->save();
   });
-  while (!started) std::this_thread::yield();
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  // The main context keeps its change unsaved until the background save is through.
+  ASSERT_EQ(backgroundSave.wait_for(std::chrono::seconds(20)), std::future_status::ready)
+      << "the background save waited for the main context's unsaved change";
+  auto saved = backgroundSave.get();
+  ASSERT_TRUE(saved) << saved.error().message();
+  EXPECT_EQ(rows("SELECT count(*) FROM Bookmark"), 1);
   ASSERT_TRUE(context().save());
-  worker.join();
-  ASSERT_TRUE(backgroundSave) << backgroundSave.error().message();
   EXPECT_EQ(rows("SELECT count(*) FROM Bookmark"), 2);
+  // Both contexts took ids at once and neither took the other's.
+  EXPECT_EQ(rows("SELECT count(DISTINCT id) FROM Bookmark"), 2);
+  EXPECT_FALSE(held->isInserted());
+}
+
+TEST_F(ObjectContextTest, ArticleTextStoredInTheBackgroundIsSeenAfterTheMerge) {
+  // Regression (hardening issue): the main context had looked for the content row before and kept
+  // answering "no HTML" after a background context stored one.
+  auto account = makeAccount("localrss");
+  auto bookmark = addBookmark(*account, "b1");
+  ASSERT_TRUE(context().save());
+  ASSERT_FALSE(bookmark->html().value().has_value());
+  int told = 0;
+  context().addObserver([&](const ContextDidSave&) { ++told; });
+  std::thread worker([&] {
+    auto background = manager_->newBackgroundContext().value();
+    background->existingObject<Bookmark>(bookmark->objectID()).value()->setHtml("<p>the article</p>");
+    ASSERT_TRUE(background->save());
+  });
+  worker.join();
+  ASSERT_TRUE(pumpUntil([&] { return told > 0; }));
+  EXPECT_EQ(bookmark->html().value(), std::optional<std::string>("<p>the article</p>"));
 }
 
 TEST_F(ObjectContextTest, BackgroundWritersAndTheMainContextNeverLockEachOtherOut) {

@@ -123,7 +123,10 @@ TEST_F(OfflineQueueTest, OfflineChangesAreQueuedWithTheStorysFeed) {
   EXPECT_EQ(pending(), (std::vector<std::string>{"3 s1 feed-7", "3 p1 -", "99 p1 -"}));
   EXPECT_TRUE(item->is_archived());
   EXPECT_FALSE(item->is_favorited());
-  EXPECT_FALSE(plain->isDeleted());  // replaying the delete needs it
+  // An offline delete hides the item at once, as an offline mark applies at once; the queued
+  // delete carries what the service needs.
+  EXPECT_TRUE(plain->isDeleted());
+  EXPECT_EQ(account_->findBookmarkWithId("p1").value(), nullptr);
   EXPECT_TRUE(service_->calls().empty());
   // Changes with nothing to queue fail and change nothing.
   auto error = run([&](auto done) { Bookmark::updateBookmark(*item, 0.5, done); });
@@ -147,7 +150,132 @@ TEST_F(OfflineQueueTest, OnlineChangesGoToTheServiceAndQueueNothing) {
   EXPECT_FALSE(context().hasChanges());  // saved before the service was called
 }
 
-TEST_F(OfflineQueueTest, ReplayRunsReadThenUnreadThenStarsThenDeletesAndClearsTheQueue) {
+TEST_F(OfflineQueueTest, AChangeMadeOnlineSupersedesAnOlderQueuedOne) {
+  // Regression (hardening issue): read offline, then unread online, left the queued read, and the
+  // next sync marked the item read again at the service.
+  auto item = story("s1");
+  ASSERT_TRUE(context().save());
+  goOffline();
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({item}, *account_, true, done); }), std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{true}, done); }),
+            std::nullopt);
+  ASSERT_EQ(pending(), (std::vector<std::string>{"3 s1 -", "1 s1 -"}));
+  reachability_.set(ReachabilityStatus::kReachableViaWiFi);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({item}, *account_, false, done); }), std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{false}, done); }),
+            std::nullopt);
+  EXPECT_TRUE(pending().empty());
+  EXPECT_EQ(service_->calls(), (std::vector<std::string>{"mark s1 unread", "unstar s1"}));
+}
+
+TEST_F(OfflineQueueTest, AnOnlineChangeThatCannotReachItsServiceIsQueuedAndARefusalIsNot) {
+  auto unreachable = story("s1");
+  auto refused = story("s2");
+  ASSERT_TRUE(context().save());
+  service_->setOutcome([](const std::string& call) -> std::optional<Error> {
+    if (call.find("s1") != std::string::npos) return networkFailure();
+    if (call.find("s2") != std::string::npos) return httpFailure(403);
+    return std::nullopt;
+  });
+  // Sent and failed for want of a network: queued, and the caller hears of no failure.
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({unreachable}, *account_, true, done); }), std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*unreachable, Bookmark::Favorited{true}, done); }),
+            std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::deleteBookmarkWithId("s1", *account_, done); }), std::nullopt);
+  // Refused by the server: the user sees the error, the local change stays, nothing is queued.
+  auto error = run([&](auto done) { Bookmark::markBookmarks({refused}, *account_, true, done); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->info(kHTTPStatusCodeErrorKey), "403");
+  EXPECT_TRUE(refused->is_archived());
+  EXPECT_EQ(pending(), (std::vector<std::string>{"3 s1 -", "1 s1 -", "99 s1 -"}));
+}
+
+TEST_F(OfflineQueueTest, TheBuiltInReaderNeverQueuesItsChanges) {
+  // Its items live in the library alone: an offline change is complete at once.
+  auto reader = makeAccount("localrss", std::nullopt);
+  auto item = context().insertNewObject<Bookmark>();
+  item->setAccount(*reader);
+  item->setBookmark_id("http://example.org/1");
+  ASSERT_TRUE(context().save());
+  goOffline();
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({item}, *reader, true, done); }), std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*item, Bookmark::Favorited{true}, done); }),
+            std::nullopt);
+  EXPECT_TRUE(item->is_archived());
+  EXPECT_TRUE(pending().empty());
+  EXPECT_TRUE(service_->calls().empty());
+}
+
+// Runs the account's replay on a thread of its own, as a sync operation does.
+class ReplayTest : public OfflineQueueTest {
+ protected:
+  Result<void> replay(std::function<bool()> isCancelled = {}) {
+    Result<void> replayed;
+    std::atomic<bool> finished{false};
+    std::thread sync([&] {
+      auto background = manager_->newBackgroundContext().value();
+      auto own = background->existingObject<Account>(account_->objectID()).value();
+      replayed = own->processOfflineOperations(isCancelled);
+      finished = true;
+    });
+    EXPECT_TRUE(pumpUntil([&] { return finished.load(); }));
+    sync.join();
+    pump();
+    return replayed;
+  }
+};
+
+TEST_F(ReplayTest, AQueuedChangeIsClearedOnlyOnceItsServiceTookOrRefusedIt) {
+  // Regression (hardening issue): replayed changes were cleared whatever became of them, and one
+  // that failed for want of a network was merged into the one being replayed and lost with it.
+  using enum OfflineOperationType;
+  story("b1");
+  story("b2");
+  ASSERT_TRUE(context().save());
+  queue("b1", std::nullopt, kMarkRead);
+  clock_.advance(std::chrono::seconds(1));
+  queue("b2", std::nullopt, kStar);
+  queue("b3", std::nullopt, kDelete);
+  ASSERT_TRUE(context().save());
+
+  service_->setOutcome([](const std::string&) -> std::optional<Error> { return networkFailure(); });
+  ASSERT_TRUE(replay());
+  // The first change could not be sent: it stays, and the replay stops so the order holds.
+  EXPECT_EQ(service_->calls(), std::vector<std::string>{"mark b1 read"});
+  EXPECT_EQ(pending(), (std::vector<std::string>{"3 b1 -", "1 b2 -", "99 b3 -"}));
+
+  service_->setOutcome([](const std::string& call) -> std::optional<Error> {
+    if (call.starts_with("star")) return httpFailure(404);  // refused: dropped, not retried
+    if (call.starts_with("delete")) return httpFailure(503);  // a server in trouble: kept
+    return std::nullopt;
+  });
+  ASSERT_TRUE(replay());
+  EXPECT_EQ(pending(), (std::vector<std::string>{"99 b3 -"}));
+  service_->setOutcome({});
+  ASSERT_TRUE(replay());
+  EXPECT_TRUE(pending().empty());
+  EXPECT_EQ(service_->calls(), (std::vector<std::string>{"mark b1 read", "mark b1 read", "star b2",
+                                                         "delete b3 -", "delete b3 -"}));
+}
+
+TEST_F(ReplayTest, ACancelledReplayStopsWaitingAndKeepsTheChange) {
+  story("b1");
+  ASSERT_TRUE(context().save());
+  queue("b1", std::nullopt, OfflineOperationType::kStar);
+  ASSERT_TRUE(context().save());
+  service_->holdAnswers(true);  // the server never answers
+  std::atomic<bool> cancelled{false};
+  std::thread canceller([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    cancelled = true;
+  });
+  ASSERT_TRUE(replay([&] { return cancelled.load(); }));
+  canceller.join();
+  EXPECT_EQ(service_->calls(), std::vector<std::string>{"star b1"});
+  EXPECT_EQ(pending(), std::vector<std::string>{"1 b1 -"});
+}
+
+TEST_F(ReplayTest, ReplayRunsReadThenUnreadThenStarsThenDeletesAndClearsTheQueue) {
   using enum OfflineOperationType;
   auto first = story("b1");
   auto second = story("b2");
@@ -161,18 +289,7 @@ TEST_F(OfflineQueueTest, ReplayRunsReadThenUnreadThenStarsThenDeletesAndClearsTh
   queue("vanished", std::nullopt, kMarkRead);
   ASSERT_TRUE(context().save());
 
-  // Replay blocks its thread on read and unread changes: run it as a sync operation would.
-  Result<void> replayed;
-  std::atomic<bool> finished{false};
-  std::thread sync([&] {
-    auto background = manager_->newBackgroundContext().value();
-    auto own = background->existingObject<Account>(account_->objectID()).value();
-    replayed = own->processOfflineOperations();
-    finished = true;
-  });
-  EXPECT_TRUE(pumpUntil([&] { return finished.load(); }));
-  sync.join();
-  pump();
+  auto replayed = replay();
   ASSERT_TRUE(replayed) << replayed.error().message();
   EXPECT_EQ(service_->calls(),
             (std::vector<std::string>{"mark b1 read", "mark b2 unread", "star b2", "delete b1 -"}));

@@ -56,7 +56,7 @@ TEST_F(PresentationTest, CachedImagesReplaceTheirSourcesAndGoWithTheStory) {
   const std::string html = "<img src=\"http://a.example/1.png\"><img src=\"http://a.example/2.png\">";
   story->setHtml(html);
   ASSERT_TRUE(context().save());
-  const auto cached = story->images()[0].cachedImagePath(paths_.imageCacheFolder());
+  const auto cached = story->images()[0].cachedImagePath(account_->imageCacheFolder());
   std::filesystem::create_directories(cached.parent_path());
   writeFile(cached, "png");
   EXPECT_EQ(story->replaceImagesWithCachedRepresentation(html),
@@ -64,6 +64,29 @@ TEST_F(PresentationTest, CachedImagesReplaceTheirSourcesAndGoWithTheStory) {
   context().deleteObject(*story);
   ASSERT_TRUE(context().save());
   EXPECT_FALSE(std::filesystem::exists(cached));
+}
+
+TEST_F(PresentationTest, DeletingAnAccountDeletesItsCachedImages) {
+  // Regression (hardening issue): the account's stories went with it but their pictures stayed.
+  auto other = makeAccount("pocket", "ann");
+  auto story = newStory();
+  story->setHtml("<img src=\"http://a.example/1.png\">");
+  auto kept = context().insertNewObject<Bookmark>();
+  kept->setAccount(*other);
+  kept->setHtml("<img src=\"http://a.example/1.png\">");
+  ASSERT_TRUE(context().save());
+  const auto mine = story->images()[0].cachedImagePath(account_->imageCacheFolder());
+  const auto theirs = kept->images()[0].cachedImagePath(other->imageCacheFolder());
+  ASSERT_NE(mine, theirs);  // the same picture, cached once for each account
+  for (const auto& file : {mine, theirs}) {
+    std::filesystem::create_directories(file.parent_path());
+    writeFile(file, "png");
+  }
+  context().deleteObject(*account_);
+  ASSERT_TRUE(context().save());
+  EXPECT_FALSE(std::filesystem::exists(mine));
+  EXPECT_FALSE(std::filesystem::exists(account_->imageCacheFolder()));
+  EXPECT_TRUE(std::filesystem::exists(theirs));
 }
 
 TEST_F(PresentationTest, SectionsAreDaysOrFolders) {

@@ -35,11 +35,36 @@ std::vector<std::string> RecordingSecretStore::deleted() const {
 }
 
 void RecordingService::record(std::string call, ServiceCompletion onCompleted) {
+  std::optional<Error> answer;
+  bool hold = false;
   {
     std::lock_guard lock(mutex_);
+    if (outcome_) answer = outcome_(call);
+    hold = hold_;
     calls_.push_back(std::move(call));
   }
-  if (onCompleted) mainQueue_.post([onCompleted] { onCompleted(std::nullopt); });
+  if (onCompleted && !hold) mainQueue_.post([onCompleted, answer] { onCompleted(answer); });
+}
+
+void RecordingService::setOutcome(std::function<std::optional<Error>(const std::string& call)> outcome) {
+  std::lock_guard lock(mutex_);
+  outcome_ = std::move(outcome);
+}
+
+void RecordingService::holdAnswers(bool hold) {
+  std::lock_guard lock(mutex_);
+  hold_ = hold;
+}
+
+Error networkFailure() {
+  return Error::make("NSURLErrorDomain", -1009, "Failed to mark entry", "The Internet connection appears to be offline.");
+}
+
+Error httpFailure(int status) {
+  Error error = Error::make("AFNetworkingErrorDomain", -1011, "Failed to mark entry",
+                            fmt::format("Expected status code in (200-299), got {}", status));
+  error.userInfo[std::string(kHTTPStatusCodeErrorKey)] = std::to_string(status);
+  return error;
 }
 
 void RecordingService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account&,

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -54,13 +55,24 @@ class RecordingService final : public AccountService {
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;
 
   std::vector<std::string> calls() const;
+  // What each call answers (by its recorded text); success when unset.
+  void setOutcome(std::function<std::optional<Error>(const std::string& call)> outcome);
+  // Held calls get no answer until released (or ever): a server that does not answer.
+  void holdAnswers(bool hold);
 
  private:
   void record(std::string call, ServiceCompletion onCompleted);
   MainQueue& mainQueue_;
-  mutable std::mutex mutex_;  // guards calls_
+  mutable std::mutex mutex_;  // guards calls_, outcome_, hold_
   std::vector<std::string> calls_;
+  std::function<std::optional<Error>(const std::string&)> outcome_;
+  bool hold_ = false;
 };
+
+// A failure of the kind a service call gets when the network is gone (no HTTP answer), and one
+// with an HTTP status the server answered.
+Error networkFailure();
+Error httpFailure(int status);
 
 // A fresh library in a temporary folder with a fixed clock, a switchable network and a service
 // that records calls. The test's thread is the main thread.
