@@ -28,17 +28,29 @@ ObjectContext& ServiceBase::managedObjectContext() const {
 }
 
 std::shared_ptr<AFHTTPClient> ServiceBase::apiClient() {
+  {
+    std::lock_guard lock(clientMutex_);
+    if (apiClientMade_) return apiClient_;
+  }
+  // Built outside the lock: making a client may ask the account (its endpoint, its secret).
+  auto made = makeApiClient();
+  std::lock_guard lock(clientMutex_);
   if (!apiClientMade_) {
-    apiClient_ = makeApiClient();
+    apiClient_ = std::move(made);
     apiClientMade_ = true;
   }
   return apiClient_;
 }
 
 void ServiceBase::resetApiClient() {
-  if (apiClient_) apiClient_->operationQueue().cancelAllOperations();
-  apiClient_.reset();
-  apiClientMade_ = false;
+  std::shared_ptr<AFHTTPClient> old;
+  {
+    std::lock_guard lock(clientMutex_);
+    old = std::move(apiClient_);
+    apiClient_.reset();
+    apiClientMade_ = false;
+  }
+  if (old) old->operationQueue().cancelAllOperations();
 }
 
 void ServiceBase::createDefaultFolders(Account& account) {
@@ -57,7 +69,12 @@ void ServiceBase::createDefaultFolders(Account& account) {
 
 void ServiceBase::cancelAllRequests() {
   // Only a client already made has requests; asking must not build one.
-  if (apiClient_) apiClient_->operationQueue().cancelAllOperations();
+  std::shared_ptr<AFHTTPClient> client;
+  {
+    std::lock_guard lock(clientMutex_);
+    client = apiClient_;
+  }
+  if (client) client->operationQueue().cancelAllOperations();
 }
 
 Error ServiceBase::clientUnavailableError(std::string_view action) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,7 +53,8 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
   // The service's built-in folders (title, folder_id) that the account lacks; never a second copy.
   void createDefaultFolders(Account& account) override;
 
-  // clearAllRequest: cancels what the client has queued or running.
+  // clearAllRequest: cancels what the client has queued or running. Any thread (a sync operation
+  // cancels its service's requests from the main thread while its own thread is blocked in one).
   void cancelAllRequests() override;
 
   // Item calls. Here they fail with kServiceClientUnavailable ("<service>: Failed to ..."), the
@@ -84,6 +86,7 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
  private:
   std::weak_ptr<Account> account_;
   ServiceDependencies dependencies_;
+  mutable std::mutex clientMutex_;  // guards apiClient_ and apiClientMade_
   std::shared_ptr<AFHTTPClient> apiClient_;
   bool apiClientMade_ = false;
 };

@@ -8,8 +8,15 @@
 namespace lectern {
 
 void Operation::cancel() {
-  std::lock_guard lock(mutex_);
-  cancelled_ = true;
+  std::function<void()> onCancel;
+  {
+    std::lock_guard lock(mutex_);
+    if (cancelled_) return;
+    cancelled_ = true;
+    onCancel = onCancel_;
+  }
+  // The queue starts a waiting operation now, so it finishes without waiting for room.
+  if (onCancel) onCancel();
 }
 
 bool Operation::isCancelled() const {
@@ -64,6 +71,7 @@ void Operation::start() {
     return;
   }
   main();
+  mainDidReturn();
   if (!isAsynchronous()) finish();
 }
 
@@ -76,6 +84,7 @@ void Operation::finish() {
     state_ = State::kFinished;
     completion = std::move(completion_);
     onFinish = std::move(onFinish_);
+    onCancel_ = nullptr;
     dependencies_.clear();
   }
   finished_.notify_all();
@@ -147,6 +156,9 @@ void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
       state->changed.notify_all();
       pump(state);
     };
+    operation->onCancel_ = [weakState] {
+      if (auto state = weakState.lock()) pump(state);
+    };
   }
   pump(state_);
 }
@@ -181,9 +193,10 @@ void OperationQueue::pump(const std::shared_ptr<State>& state) {
   {
     std::lock_guard lock(state->mutex);
     for (const auto& op : state->operations) {
-      if (state->running >= state->maxConcurrent) break;
       const bool started = std::find(state->started.begin(), state->started.end(), op.get()) != state->started.end();
       if (started || !op->isReady()) continue;
+      // A cancelled operation only finishes: it takes no room, so it never waits behind others.
+      if (state->running >= state->maxConcurrent && !op->isCancelled()) continue;
       state->started.push_back(op.get());
       ++state->running;
       ++state->liveThreads;
@@ -191,9 +204,12 @@ void OperationQueue::pump(const std::shared_ptr<State>& state) {
     }
   }
   for (auto& op : toStart) {
-    std::thread([state = state, op] {
+    std::thread([state = state, op]() mutable {
       pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
       op->start();
+      // The thread's reference goes before the queue hears the thread is done: an operation's
+      // destructor must not run after its queue (and what the queue's owner destroys next) is gone.
+      op.reset();
       {
         std::lock_guard lock(state->mutex);
         --state->liveThreads;

@@ -12,8 +12,8 @@ namespace lectern {
 class OperationQueue;
 
 // A unit of work run by an OperationQueue on a worker thread. States move ready -> executing ->
-// finished; a cancelled operation that has not started finishes without running `main`.
-// Cancellation is cooperative: `main` checks isCancelled().
+// finished; a cancelled operation that has not started finishes without running `main`, at once:
+// it never waits for room in its queue. Cancellation is cooperative: `main` checks isCancelled().
 class Operation : public std::enable_shared_from_this<Operation> {
  public:
   Operation() = default;
@@ -42,6 +42,8 @@ class Operation : public std::enable_shared_from_this<Operation> {
   virtual void main() = 0;
   // An asynchronous operation stays executing after `main` returns, until it calls finish().
   virtual bool isAsynchronous() const { return false; }
+  // Called on the operation's thread right after `main` returns.
+  virtual void mainDidReturn() {}
   void finish();
 
  private:
@@ -55,6 +57,7 @@ class Operation : public std::enable_shared_from_this<Operation> {
   std::function<void()> completion_;
   std::vector<std::shared_ptr<Operation>> dependencies_;
   std::function<void()> onFinish_;  // set by the queue that owns it
+  std::function<void()> onCancel_;  // set by the queue that owns it
 };
 
 // An operation made of one function.

@@ -1,5 +1,6 @@
 #include "sync/SyncOperation.h"
 
+#include <fmt/format.h>
 #include <pthread.h>
 
 #include <map>
@@ -31,11 +32,37 @@ SyncOperation::SyncOperation(std::shared_ptr<Account> originalAccount, const Syn
       serviceType_(originalAccount_->serviceType()),
       initialSync_(originalAccount_->isInitialSync() || !originalAccount_->last_sync()) {}
 
-SyncOperation::~SyncOperation() = default;
+SyncOperation::~SyncOperation() {
+  // The main context's objects live and die on the main thread; the last reference to an
+  // operation is often dropped by the sync queue's thread.
+  if (originalAccount_ && !environment_.mainQueue.isMainThread()) {
+    environment_.mainQueue.post([account = std::move(originalAccount_)] {});
+  }
+}
 
 void SyncOperation::cancel() {
   Operation::cancel();
+  cancelServiceRequests();
   cancelRequests();
+}
+
+std::shared_ptr<AccountService> SyncOperation::service() const {
+  std::lock_guard lock(serviceMutex_);
+  return service_;
+}
+
+void SyncOperation::cancelServiceRequests() {
+  if (auto held = service()) held->cancelAllRequests();
+}
+
+void SyncOperation::mainDidReturn() {
+  if (completed_) return;
+  Error error = Error::make(kLecternErrorDomain, kSyncOperationIncompleteErrorCode,
+                            fmt::format("Internal inconsistency: {} returned without completing", className()),
+                            "The sync ended early; it starts again at the next sync.");
+  logError(className(), "{}", error.message());
+  if (!this->error()) setError(std::move(error));
+  completeOperation();
 }
 
 std::optional<Error> SyncOperation::error() const {
@@ -73,13 +100,19 @@ bool SyncOperation::setupManagedObjectContext() {
   moc_ = std::move(*context);
   account_ = std::move(*found);
   account_->setIsInitialSync(initialSync_);
+  {
+    std::lock_guard lock(serviceMutex_);
+    service_ = account_->serviceObject();
+  }
+  // A cancel that came before the service was known must still stop its requests.
+  if (isCancelled()) cancelServiceRequests();
   return true;
 }
 
 bool SyncOperation::checkIsCancelled() {
   if (!isCancelled()) return false;
   logDebugMessage(className(), "Sync operation cancelled: {}", className());
-  if (account_) account_->clearAllRequest();
+  cancelServiceRequests();
   cancelRequests();
   return true;
 }
@@ -132,11 +165,14 @@ void SyncOperation::completeOperation() {
   moc_.reset();
   nameCurrentThread("");
   finish();
+  // The service object belonged to the context's account: it goes with it, on this thread.
+  std::lock_guard lock(serviceMutex_);
+  service_.reset();
 }
 
 void SyncOperation::processOfflineOperations() {
   if (!account_) return;
-  if (auto replayed = account_->processOfflineOperations(); !replayed) {
+  if (auto replayed = account_->processOfflineOperations([this] { return isCancelled(); }); !replayed) {
     logError(className(), "Failed to replay the offline changes of {}: {}", accountTitle_,
              replayed.error().message());
   }
@@ -157,9 +193,14 @@ void SyncOperation::downloadArticle(Bookmark& bookmark) {
   }
 }
 
-Result<std::vector<std::string>> SyncOperation::findExistingBookmarksForIds(const nlohmann::json& ids,
-                                                                            bool isUnread, bool isFavorited,
-                                                                            std::string_view idKey) {
+Result<SyncOperation::ExistingBookmarks> SyncOperation::findExistingBookmarksForIds(const nlohmann::json& ids,
+                                                                                  bool isUnread, bool isFavorited,
+                                                                                  std::string_view idKey) {
+  const bool byHash = idKey == "bookmark_hash";
+  if (!byHash && idKey != "bookmark_id") {
+    throw InternalInconsistency(fmt::format("Items are matched on bookmark_id or bookmark_hash, not {}", idKey));
+  }
+  ExistingBookmarks result;
   std::vector<std::string> wanted;
   if (ids.is_array()) {
     for (const auto& item : ids) {
@@ -167,22 +208,25 @@ Result<std::vector<std::string>> SyncOperation::findExistingBookmarksForIds(cons
       if (id) wanted.push_back(std::move(*id));
     }
   }
-  if (wanted.empty() || !account_) return wanted;
-  auto stored = account_->findBookmarksWithIds(wanted);
+  if (wanted.empty() || !account_) {
+    result.missing = std::move(wanted);
+    return result;
+  }
+  auto stored = byHash ? account_->findBookmarksWithHashes(wanted) : account_->findBookmarksWithIds(wanted);
   if (!stored) return fail(stored.error());
   std::set<std::string> known;
-  for (const auto& bookmark : *stored) {
+  for (auto& bookmark : *stored) {
     if (isUnread && bookmark->is_archived()) bookmark->setIs_archived(false);
     if (isFavorited && !bookmark->is_favorited()) bookmark->setIs_favorited(true);
-    known.insert(bookmark->bookmark_id().value_or(""));
+    known.insert((byHash ? bookmark->bookmark_hash() : bookmark->bookmark_id()).value_or(""));
+    result.existing.push_back(std::move(bookmark));
   }
-  std::vector<std::string> missing;
   std::set<std::string> seen;
   for (auto& id : wanted) {
     if (known.contains(id) || !seen.insert(id).second) continue;
-    missing.push_back(std::move(id));
+    result.missing.push_back(std::move(id));
   }
-  return missing;
+  return result;
 }
 
 std::vector<std::shared_ptr<Bookmark>> SyncOperation::findAndDeleteDuplicatesInContainer(

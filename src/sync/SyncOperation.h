@@ -20,11 +20,16 @@
 namespace lectern {
 
 class Account;
+class AccountService;
 class Bookmark;
 class ObjectContext;
 class QKSyncNotificationCenter;
 class SyncAppControllerDelegate;
 class SyncWindowControllerDelegate;
+
+// The code (domain "com.quillhq.Lectern") of the error an operation gets when its `main` returned
+// without completing.
+inline constexpr int kSyncOperationIncompleteErrorCode = 3002;
 
 // The base of every service's sync operation: background context, offline replay, saves, cancel.
 // Made on the main thread by the sync manager; runs on one thread of the sync queue.
@@ -37,7 +42,8 @@ class SyncOperation : public Operation {
   // The operation's class name, as the log lines show it ("FeedSyncOperation").
   virtual std::string_view className() const = 0;
 
-  // Also stops the requests under way, so that a blocked download ends now.
+  // Also stops the requests under way (the operation's own service client's and the subclass's),
+  // so that a blocked request ends now. Any thread.
   void cancel() override;
 
   // The main context's account. Main thread only.
@@ -64,10 +70,20 @@ class SyncOperation : public Operation {
   using UniqueId = std::function<std::optional<std::string>(const Bookmark&)>;
   static std::optional<std::string> bookmarkIdOf(const Bookmark& bookmark);
 
+  // What findExistingBookmarksForIds found: the stored items among the ids, and the ids not
+  // stored yet (in the order given, each once), which the caller downloads.
+  struct ExistingBookmarks {
+    std::vector<std::shared_ptr<Bookmark>> existing;
+    std::vector<std::string> missing;
+  };
+
  protected:
   // A subclass overrides `main` and ends every path through it with `completeOperation`: the
   // operation is finished only then. Between steps it asks `checkIsCancelled`.
   bool isAsynchronous() const override { return true; }
+  // A `main` that returned without completing is a programming error: the base logs it, makes it
+  // the operation's error and completes, so the pass never waits for it.
+  void mainDidReturn() override;
 
   // Names the current thread (the sync queue's threads are anonymous otherwise).
   void nameCurrentThread(std::string_view name);
@@ -84,7 +100,9 @@ class SyncOperation : public Operation {
   // closed, the operation finished. Call it once, last, on the operation's thread.
   void completeOperation();
 
-  // Replays the account's offline queue (read, unread, star, unstar, delete). Failures are logged.
+  // Replays the account's offline queue (read, unread, star, unstar, delete) through the account's
+  // service, waiting for each call and stopping when cancelled. Failures are logged; what could
+  // not be sent stays queued for the next sync.
   void processOfflineOperations();
 
   // Downloads the article text of each bookmark, unless cancelled on the way.
@@ -93,10 +111,11 @@ class SyncOperation : public Operation {
   virtual void downloadArticle(Bookmark& bookmark);
 
   // `ids` is an array of id strings or of objects holding the id at `idKey` (numbers become
-  // strings). Local bookmarks among them become unread (`isUnread`) or starred (`isFavorited`)
-  // where they are not; the answer is the ids not stored yet, in the order given.
-  Result<std::vector<std::string>> findExistingBookmarksForIds(const nlohmann::json& ids, bool isUnread,
-                                                               bool isFavorited, std::string_view idKey);
+  // strings). Stored items are matched on the column `idKey` names ("bookmark_id", or
+  // "bookmark_hash" for a service that identifies items by hash); among them, those that are
+  // not unread become unread (`isUnread`) and those not starred become starred (`isFavorited`).
+  Result<ExistingBookmarks> findExistingBookmarksForIds(const nlohmann::json& ids, bool isUnread,
+                                                        bool isFavorited, std::string_view idKey);
   // Keeps the first item of each value of `uniqueId` and deletes the rest from the context.
   // Answers the items kept, in order.
   std::vector<std::shared_ptr<Bookmark>> findAndDeleteDuplicatesInContainer(
@@ -105,6 +124,9 @@ class SyncOperation : public Operation {
   // Stops requests of the subclass that are under way; called by cancel and checkIsCancelled,
   // from any thread.
   virtual void cancelRequests() {}
+  // The account's service object in the operation's context, whose client the operation uses.
+  // Kept so that `cancel` can stop its requests from any thread.
+  std::shared_ptr<AccountService> service() const;
 
   void setError(Error error);
   // The operation's context and its account: valid between setupManagedObjectContext and
@@ -124,8 +146,10 @@ class SyncOperation : public Operation {
   // Saves the main context and tells the application controller, on the main queue (waiting).
   void saveParent(ParentSave which);
 
+  void cancelServiceRequests();
+
   const SyncEnvironment environment_;
-  const std::shared_ptr<Account> originalAccount_;  // main thread only
+  std::shared_ptr<Account> originalAccount_;  // main thread only (and released there)
   const ObjectId accountID_;
   const std::string accountTitle_;
   const ServiceType serviceType_;
@@ -142,6 +166,8 @@ class SyncOperation : public Operation {
 
   mutable std::mutex errorMutex_;  // guards error_
   std::optional<Error> error_;
+  mutable std::mutex serviceMutex_;  // guards service_
+  std::shared_ptr<AccountService> service_;
 };
 
 }  // namespace lectern

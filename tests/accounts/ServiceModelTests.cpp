@@ -176,8 +176,7 @@ TEST_F(ServiceModelTest, HostedServicesRefuseWhatNeedsTheirClient) {
     ServiceBase& service = serviceOf(*account);
 
     Outcomes outcomes;
-    // Through the store's entry point, as the user's change arrives.
-    Bookmark::markBookmarks({bookmark}, *account, /*archived=*/true, outcomes.add());
+    service.markBookmarks({bookmark}, *account, /*archived=*/true, outcomes.add());
     service.markBookmarkFavorited(*bookmark, true, outcomes.add());
     service.markBookmarkShared(*bookmark, true, outcomes.add());
     service.deleteBookmark(*account, "b1", std::nullopt, outcomes.add());
@@ -216,6 +215,18 @@ TEST_F(ServiceModelTest, HostedServicesRefuseWhatNeedsTheirClient) {
     }
     EXPECT_EQ(outcomes.errors.front()->description,
               fmt::format("{}: Failed to mark items read", service.descriptionName()));
+
+    // Through the store's entry point, as the user's change arrives, a change that could not be
+    // sent waits in the offline queue instead of being lost.
+    if (name == "smart-folders") continue;
+    std::optional<std::optional<Error>> marked;
+    Bookmark::markBookmarks({bookmark}, *account, /*archived=*/false,
+                            [&](std::optional<Error> error) { marked = std::move(error); });
+    ASSERT_TRUE(pumpUntil([&] { return marked.has_value(); }));
+    EXPECT_FALSE(marked->has_value());
+    auto queued = account->offlineOperationsWithType(OfflineOperationType::kMarkUnread);
+    ASSERT_TRUE(queued);
+    EXPECT_EQ(queued->size(), 1u);
   }
 }
 

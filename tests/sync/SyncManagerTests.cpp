@@ -212,5 +212,23 @@ TEST_F(SyncManagerTest, CancelAndWaitCallsBackOnceTheAccountsOperationHasComplet
   EXPECT_FALSE(account->isSyncing());
 }
 
+TEST_F(SyncManagerTest, CancelAndWaitForAQueuedAccountDoesNotWaitForTheRunningOne) {
+  // Regression (hardening issue): with the default width of 1 a cancelled operation still waited
+  // for room, so deleting an account waited for another account's whole sync.
+  ASSERT_EQ(manager_->concurrentOperationCount(), 1);
+  auto running = heldAccount();
+  auto queued = makeAccount("localrss", "", "Queued");
+  addFeed(*queued, "other");
+  server_.setFeed("other", {{"story", "http://example.com/other"}}, clock_.now());
+  ASSERT_EQ(manager_->syncAccounts({running, queued}), 2u);
+  ASSERT_TRUE(untilRequested());
+  EXPECT_TRUE(manager_->cancelAndWaitSyncOperationOfAccount(*queued, std::chrono::seconds(10)));
+  EXPECT_FALSE(queued->isSyncing());
+  EXPECT_TRUE(running->isSyncing());  // still held by the server
+  EXPECT_EQ(server_.requests("other"), 0);
+  server_.release();
+  ASSERT_TRUE(manager_->waitUntilSyncFinished(std::chrono::seconds(20)));
+}
+
 }  // namespace
 }  // namespace lectern::test

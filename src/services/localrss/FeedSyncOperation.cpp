@@ -33,7 +33,7 @@ FeedSyncOperation::FeedSyncOperation(std::shared_ptr<Account> account, const Syn
       fetches_(environment.session) {
   if (cacheImages_) {
     images_ = std::make_unique<StoryImageDownloader>(
-        environment.session, environment.dataManager.environment().paths().imageCacheFolder());
+        environment.session, account->imageCacheFolder());
   }
 }
 
@@ -55,9 +55,9 @@ void FeedSyncOperation::main() {
     completeOperation();
     return;
   }
-  // Changes made offline reach the library before the feeds do.
-  processOfflineOperations();
-  saveContext();
+  // The reader's changes are made in the library itself and never queued; a queue left by an
+  // older version has nowhere to go.
+  dropQueuedChanges();
 
   keepDate_ = Feed::calculateKeepDate(environment().defaults, environment().clock);
   {
@@ -81,6 +81,23 @@ void FeedSyncOperation::main() {
   account().setLast_sync_keep_index(Feed::daysKeepUnreadItems(environment().defaults));
   saveContext();
   finishOperation();
+}
+
+void FeedSyncOperation::dropQueuedChanges() {
+  size_t dropped = 0;
+  for (auto type : {OfflineOperationType::kMarkRead, OfflineOperationType::kMarkUnread, OfflineOperationType::kStar,
+                    OfflineOperationType::kUnstar, OfflineOperationType::kDelete}) {
+    auto queued = account().offlineOperationsWithType(type);
+    if (!queued) {
+      logError(kCategory, "Built-in RSS: failed to read the queued changes: {}", queued.error().message());
+      return;
+    }
+    account().clearOfflineOperations(*queued);
+    dropped += queued->size();
+  }
+  if (dropped == 0) return;
+  logDebugMessage(kCategory, "Built-in RSS: dropped {} queued changes, already made in the library", dropped);
+  saveContext();
 }
 
 void FeedSyncOperation::finishOperation() {

@@ -76,6 +76,7 @@ class FeedSyncOperation final : public SyncOperation {
   // Step 7; false when cancelled.
   bool removeObsoleteStories();
   void deleteObsoleteStoriesForFeed(Feed& feed, const std::vector<ObjectId>& selected);
+  void dropQueuedChanges();
   void finishOperation();
 
   const bool cacheImages_;
