@@ -17,7 +17,7 @@ export CCACHE_DIR ?= $(HOME)/.cache/ccache
 # Relative paths in the cache key, so checkouts in different folders share compiled objects.
 export CCACHE_BASEDIR ?= $(abspath $(CURDIR)/..)
 
-.PHONY: run test bench deps bench-deps build build-test build-bench clean
+.PHONY: run test tsan bench deps bench-deps build build-test build-tsan build-bench clean
 
 define install_missing
 	@missing=""; \
@@ -57,6 +57,19 @@ build-test: deps
 test: build-test
 	cd build-test && ctest --output-on-failure -j $(JOBS)
 
+# ThreadSanitizer over the tests of the parts that share threads: the store, the sync engine and
+# the network layer.
+TSAN_TESTS := store_tests sync_tests net_tests
+
+build-tsan: deps
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DLECTERN_TSAN=ON -DLECTERN_WERROR=ON \
+	  -DLECTERN_BUILD_TESTS=ON > /dev/null
+	@cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
+
+tsan: build-tsan
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/tsan.supp" \
+	  ctest --output-on-failure -j $(JOBS) -L '^($(shell echo $(TSAN_TESTS) | tr ' ' '|'))$$'
+
 build-bench: bench-deps
 	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLECTERN_BUILD_TESTS=OFF -DLECTERN_BUILD_BENCH=ON > /dev/null
 	@cmake --build build-bench -j $(JOBS)
@@ -65,4 +78,4 @@ bench: build-bench
 	./bench/run-all.sh build-bench
 
 clean:
-	rm -rf build build-test build-bench
+	rm -rf build build-test build-tsan build-bench
