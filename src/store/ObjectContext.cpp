@@ -230,9 +230,13 @@ std::shared_ptr<ManagedObject> ObjectContext::registeredObject(ObjectId id) cons
 Result<std::shared_ptr<ManagedObject>> ObjectContext::existingObject(ObjectId id) {
   checkThread();
   if (auto object = registeredObject(id)) return object->deleted_ ? nullptr : object;
+  // A row this context changed is registered (changed objects are held until the save), so this
+  // one is as the store has it: read it without writing the context's changes first, which would
+  // cost a write of everything pending for each lookup during a large merge.
   const EntityTable table = id.table();
   const SqlValue row[] = {id.row};
-  auto rows = select(
+  if (pendingError_) return fail(*pendingError_);
+  auto rows = db_->selectAll(
       fmt::format("SELECT {} FROM {} WHERE id = ?", selectColumnsCached(table), tableName(table)), row);
   if (!rows) return fail(rows.error());
   if (rows->empty()) return std::shared_ptr<ManagedObject>();
