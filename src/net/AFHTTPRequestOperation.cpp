@@ -130,6 +130,7 @@ std::optional<Error> AFHTTPRequestOperation::error() const {
     validation->userInfo[std::string(kFailingURLErrorKey)] = current->url;
     validation->userInfo[std::string(kFailingURLRequestErrorKey)] = request().description();
     validation->userInfo[std::string(kFailingURLResponseErrorKey)] = current->description();
+    validation->userInfo[std::string(kHTTPStatusCodeErrorKey)] = std::to_string(current->statusCode);
   }
   computedError_ = validation;
   return validation;

@@ -127,10 +127,19 @@ std::optional<std::string_view> QKKindURLErrorMessage::messageForHTTPStatusCode(
   return it->second;
 }
 
+namespace {
+// The status a server answered travels with the user's error: it tells a refusal from a change
+// that never arrived (the offline queue keeps the latter).
+Error withStatus(Error error, std::string status) {
+  if (!status.empty()) error.userInfo[std::string(kHTTPStatusCodeErrorKey)] = std::move(status);
+  return error;
+}
+}  // namespace
+
 Error QKKindURLErrorMessage::kindErrorFromNSURLError(const Error& error, std::string_view title) {
   const auto message = messageForURLErrorCode(error.code);
   if (!message) return error;
-  return Error::make(error.domain, error.code, title, *message);
+  return withStatus(Error::make(error.domain, error.code, title, *message), error.info(kHTTPStatusCodeErrorKey));
 }
 
 std::optional<Error> QKKindURLErrorMessage::kindErrorFromResponse(const std::optional<HttpResponse>& response,
@@ -138,7 +147,8 @@ std::optional<Error> QKKindURLErrorMessage::kindErrorFromResponse(const std::opt
                                                                   const std::optional<Error>& error) {
   if (response) {
     if (const auto message = messageForHTTPStatusCode(response->statusCode)) {
-      return Error::make(kQuillHQErrorDomain, error ? error->code : response->statusCode, title, *message);
+      return withStatus(Error::make(kQuillHQErrorDomain, error ? error->code : response->statusCode, title, *message),
+                        std::to_string(response->statusCode));
     }
   }
   if (!error) return std::nullopt;
