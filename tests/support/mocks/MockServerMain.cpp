@@ -1,0 +1,125 @@
+// `mock-server SERVICE [options]`: one of Lectern's local service stand-ins on 127.0.0.1 until
+// SIGINT or SIGTERM, for trying Lectern by hand and for benchmarks. One subcommand per service.
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "mocks/FeedbinMockServer.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+const CLI::Range kCount(0, std::numeric_limits<int>::max());
+
+sigset_t stopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
+void waitForStopSignal(const sigset_t& signals) {
+  int received = 0;
+  sigwait(&signals, &received);
+}
+
+struct FeedbinOptions {
+  int port = 0;
+  std::string username = "me@example.org";
+  std::string password = "secret";
+  int feeds = 20;
+  int entriesPerFeed = 25;
+  int unread = 100;
+  int starredEvery = 10;
+};
+
+void addFeedbinCommand(CLI::App& app, FeedbinOptions& options, std::function<int()>& run,
+                       const sigset_t& signals) {
+  auto* command = app.add_subcommand("feedbin", "Feedbin API v2 with a seeded account");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--username", options.username, "Account name for HTTP Basic")->capture_default_str();
+  command->add_option("--password", options.password, "Account password for HTTP Basic")
+      ->capture_default_str();
+  command->add_option("--feeds", options.feeds, "Subscriptions to create")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--entries-per-feed", options.entriesPerFeed, "Entries in each feed")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--unread", options.unread, "How many of the newest entries are unread")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--starred-every", options.starredEvery, "Star every Nth entry (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      std::unique_ptr<lectern::mock::FeedbinMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::FeedbinMockServer>(options.username, options.password,
+                                                                    options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->seed(options.feeds, options.entriesPerFeed, options.unread, options.starredEvery);
+      fmt::print("Feedbin mock at {} ({} feeds, {} entries, {} unread, {} starred); Ctrl-C stops it.\n",
+                 server->baseURL(), server->subscriptions().size(), server->entryCount(),
+                 server->unreadEntryIds().size(), server->starredEntryIds().size());
+      fmt::print(
+          "Add it to Lectern: lectern account add feedbin --username {} --password-stdin --endpoint {}"
+          "  (password: {})\n",
+          options.username, server->baseURL(), options.password);
+      std::fflush(stdout);  // scripts read the address while the server runs
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Runs a local stand-in for a sync service on 127.0.0.1 until SIGINT or SIGTERM.",
+               "mock-server"};
+  app.require_subcommand(1, 1);
+  const sigset_t signals = stopSignals();
+  std::function<int()> run;
+
+  FeedbinOptions feedbin;
+  addFeedbinCommand(app, feedbin, run, signals);
+
+  app.footer("Exit codes: 0 stopped by a signal, 1 failure, 2 usage error.");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    app.exit(e);
+    return kExitUsage;
+  }
+  // A shell starts background jobs with SIGINT ignored, and an ignored signal never reaches
+  // sigwait; scripts stop the server with it.
+  std::signal(SIGINT, SIG_DFL);
+  std::signal(SIGTERM, SIG_DFL);
+  // Blocked before any server thread starts, so that the threads inherit the mask and only
+  // sigwait receives the signals.
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return run ? run() : kExitUsage;
+}
