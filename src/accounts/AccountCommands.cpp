@@ -5,7 +5,9 @@
 #include <charconv>
 
 #include "accounts/AccountErrors.h"
+#include "accounts/ServiceBase.h"
 #include "accounts/ServiceFactory.h"
+#include "core/MainQueue.h"
 #include "core/Log.h"
 #include "core/SecretStore.h"
 #include "core/Strings.h"
@@ -128,6 +130,33 @@ Result<std::shared_ptr<Account>> createAccount(ObjectContext& mainContext, const
   }
   logInfo(kLogCategory, "Added the account {}", identifier);
   return account;
+}
+
+void addAccount(ObjectContext& mainContext, const NewAccount& request,
+                std::function<void(Result<std::shared_ptr<Account>>)> onCompleted) {
+  auto& mainQueue = mainContext.environment().mainQueue();
+  auto account = createAccount(mainContext, request);
+  if (!account) {
+    if (onCompleted) mainQueue.post([onCompleted, error = account.error()] { onCompleted(fail(error)); });
+    return;
+  }
+  auto service = serviceObjectOf<ServiceBase>(**account);
+  if (!service) {
+    if (onCompleted) mainQueue.post([onCompleted, added = *account] { onCompleted(added); });
+    return;
+  }
+  service->authenticate([added = *account, onCompleted](std::optional<Error> error) {
+    if (error) {
+      // A wrong password leaves nothing behind: no account, no stored password, no preferences.
+      if (auto removed = deleteAccount(*added); !removed) {
+        logError(kLogCategory, "Failed to remove the account {} again: {}", added->uniqueIdentifier(),
+                 removed.error().message());
+      }
+      if (onCompleted) onCompleted(fail(*error));
+      return;
+    }
+    if (onCompleted) onCompleted(added);
+  });
 }
 
 Result<std::vector<AccountSummary>> listAccounts(ObjectContext& context) {

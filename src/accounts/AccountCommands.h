@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -34,6 +35,13 @@ struct NewAccount {
 // without class, the smart-folders account, a missing or unwanted username, a password for a
 // service without login, an endpoint that is not http(s), or an identifier already in use.
 Result<std::shared_ptr<Account>> createAccount(ObjectContext& mainContext, const NewAccount& request);
+
+// createAccount, then the service checks the credentials with its server (authenticate). When it
+// refuses them, or cannot be reached, the account is deleted again (nothing is left in the
+// library, the secret store or the preferences) and `onCompleted` gets the service's error.
+// Completes on the main queue.
+void addAccount(ObjectContext& mainContext, const NewAccount& request,
+                std::function<void(Result<std::shared_ptr<Account>>)> onCompleted);
 
 struct AccountSummary {
   std::int64_t localId = 0;  // the account's row

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "accounts/FeedService.h"
+#include "accounts/Subscriptions.h"
 #include "core/Error.h"
 
 namespace lectern {
@@ -21,14 +22,9 @@ inline constexpr std::string_view kBuiltInReaderTitle = "Built-in RSS Reader";
 // The "localrss" account, created (titled "Built-in RSS Reader") and saved when missing.
 Result<std::shared_ptr<Account>> ensureLocalRSSAccount(ObjectContext& mainContext);
 
-// Subscribes the built-in reader to `url` (see LocalRSSService::addFeedWithUrl), inside the
-// FeedFolder titled `folderTitle` when one is given: it is created when missing, and removed again
-// when the subscription fails and left it empty. Needs the registered service factory.
+// Subscribes the built-in reader to `url` (see subscribeAccountToFeed), making its account when
+// missing. Needs the registered service factory.
 void subscribeToFeed(ObjectContext& mainContext, std::string url, std::optional<std::string> folderTitle,
                      FeedService::FeedCompletion onCompleted);
-
-// Deletes the built-in reader's feed whose local id (row) is `feedId`, with its stories.
-// kNoSuchFeed when the reader has no such feed.
-void unsubscribeFromFeed(ObjectContext& mainContext, std::int64_t feedId, ServiceCompletion onCompleted);
 
 }  // namespace lectern

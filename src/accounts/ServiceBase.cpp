@@ -5,10 +5,13 @@
 #include "accounts/AccountErrors.h"
 #include "core/Log.h"
 #include "core/MainQueue.h"
+#include "core/Strings.h"
+#include "core/UserDefaults.h"
 #include "net/AFHTTPClient.h"
 #include "store/Account.h"
 #include "store/Folder.h"
 #include "store/ObjectContext.h"
+#include "store/StoreEnvironment.h"
 
 namespace lectern {
 
@@ -75,6 +78,18 @@ void ServiceBase::cancelAllRequests() {
     client = apiClient_;
   }
   if (client) client->operationQueue().cancelAllOperations();
+}
+
+void ServiceBase::authenticate(ServiceCompletion onCompleted) { complete(std::move(onCompleted), std::nullopt); }
+
+std::string ServiceBase::serviceBaseURL(std::string_view defaultsKey, std::string_view builtIn) const {
+  auto owner = account();
+  if (owner) {
+    if (auto endpoint = owner->api_endpoint(); endpoint && !trim(*endpoint).empty()) return trim(*endpoint);
+    const std::string configured = owner->managedObjectContext().environment().defaults().stringForKey(defaultsKey);
+    if (!trim(configured).empty()) return trim(configured);
+  }
+  return std::string(builtIn);
 }
 
 Error ServiceBase::clientUnavailableError(std::string_view action) const {

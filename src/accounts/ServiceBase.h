@@ -69,6 +69,10 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
   void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;
 
+  // Checks the account's credentials with its server (when an account is added). Here: nothing
+  // to check, success. Completes on the main queue.
+  virtual void authenticate(ServiceCompletion onCompleted);
+
   // "<service>: Failed to <action>", with unavailableReason() as recovery suggestion.
   Error clientUnavailableError(std::string_view action) const;
   // Why calls that need a client fail: here, that this version has none for the service.
@@ -79,6 +83,9 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
   virtual std::shared_ptr<AFHTTPClient> makeApiClient() { return nullptr; }
 
   const ServiceDependencies& dependencies() const { return dependencies_; }
+  // Where the client connects: the account's api_endpoint, else the user default `defaultsKey`
+  // ("feedbinApiEndpoint"), else `builtIn`. Self-hosted servers and tests set the first two.
+  std::string serviceBaseURL(std::string_view defaultsKey, std::string_view builtIn) const;
   // Runs `onCompleted` with `error` on the main queue (never inline, even on the main thread).
   void complete(ServiceCompletion onCompleted, std::optional<Error> error) const;
   void completeWithoutClient(std::string_view action, ServiceCompletion onCompleted) const;

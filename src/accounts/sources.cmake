@@ -8,4 +8,5 @@ set(LECTERN_ACCOUNTS_SOURCES
   src/accounts/AccountLifecycle.cpp
   src/accounts/AccountCommands.cpp
   src/accounts/BuiltInReader.cpp
+  src/accounts/Subscriptions.cpp
 )

@@ -1,0 +1,129 @@
+#include "accounts/Subscriptions.h"
+
+#include <fmt/format.h>
+
+#include "accounts/AccountErrors.h"
+#include "accounts/ServiceFactory.h"
+#include "core/Log.h"
+#include "core/MainQueue.h"
+#include "core/Strings.h"
+#include "store/Account.h"
+#include "store/Feed.h"
+#include "store/FeedFolder.h"
+#include "store/ObjectContext.h"
+#include "store/StoreEnvironment.h"
+
+namespace lectern {
+namespace {
+
+constexpr std::string_view kLogCategory = "Subscriptions";
+
+Error subscriptionError(std::string_view reason) {
+  return Error::make(kAccountErrorDomain, kAddSubscriptionFailed, "Failed to add subscription", reason);
+}
+
+// A folder made for a change that failed goes again, unless something else joined it.
+void removeIfEmpty(Account& account, ObjectId folderId) {
+  if (!account.hasContext() || account.isDeleted()) return;
+  auto& context = account.managedObjectContext();
+  auto folder = context.existingObject<FeedFolder>(folderId);
+  if (!folder || !*folder) return;
+  auto feeds = (*folder)->feeds();
+  if (!feeds || !feeds->empty()) return;
+  context.deleteObject(**folder);
+  if (auto saved = context.save(); !saved) {
+    logError(kLogCategory, "Failed to remove the folder {}: {}", (*folder)->title().value_or(""),
+             saved.error().message());
+  }
+}
+
+// The account's FeedFolder titled `title` (none for no title), made and saved when missing; the
+// second member is set when it was made here.
+Result<std::pair<std::shared_ptr<FeedFolder>, std::optional<ObjectId>>> folderTitled(
+    ObjectContext& context, FeedService& service, const std::optional<std::string>& title) {
+  if (!title || trim(*title).empty()) return std::pair<std::shared_ptr<FeedFolder>, std::optional<ObjectId>>{};
+  auto found = service.createOrRenameLocalFolder(nullptr, trim(*title));
+  if (!found) return fail(found.error());
+  std::optional<ObjectId> made;
+  if ((*found)->isInserted()) {
+    made = (*found)->objectID();
+    if (auto saved = context.save(); !saved) return fail(saved.error());
+  }
+  return std::pair{*found, made};
+}
+
+// The feed service's feed whose row is `feedId`, with its account.
+struct FoundFeed {
+  std::shared_ptr<Account> account;
+  std::shared_ptr<FeedService> service;
+  std::shared_ptr<Feed> feed;
+};
+Result<FoundFeed> findFeed(ObjectContext& context, std::int64_t feedId, std::string_view action) {
+  auto found = context.existingObject<Feed>(ObjectId{Entity::kFeed, feedId});
+  if (!found) return fail(kAccountErrorDomain, kStoreFailed, action, found.error().message());
+  if (*found && !(*found)->isDeleted()) {
+    auto account = (*found)->account();
+    if (account && *account) {
+      if (auto service = serviceObjectOf<FeedService>(**account)) return FoundFeed{*account, service, *found};
+    }
+  }
+  return fail(kAccountErrorDomain, kNoSuchFeed, action,
+              fmt::format("There is no feed {}; `lectern feeds` lists them.", feedId));
+}
+
+}  // namespace
+
+void subscribeAccountToFeed(ObjectContext& mainContext, Account& account, std::string url,
+                            std::optional<std::string> folderTitle, FeedService::FeedCompletion onCompleted) {
+  MainQueue& mainQueue = mainContext.environment().mainQueue();
+  auto failLater = [&](Error error) {
+    if (onCompleted) mainQueue.post([onCompleted, error = std::move(error)] { onCompleted(fail(error)); });
+  };
+  auto service = serviceObjectOf<FeedService>(account);
+  if (!service) return failLater(subscriptionError("This account does not subscribe to feeds."));
+  auto folder = folderTitled(mainContext, *service, folderTitle);
+  if (!folder) return failLater(subscriptionError(folder.error().message()));
+  // The completion runs on the main queue and holds the account object (and so its service) until then.
+  service->addFeedWithUrl(
+      std::move(url), folder->first.get(),
+      [owner = std::static_pointer_cast<Account>(account.shared_from_this()), made = folder->second,
+       onCompleted](Result<std::shared_ptr<Feed>> added) {
+        if (!added && made) removeIfEmpty(*owner, *made);
+        if (onCompleted) onCompleted(std::move(added));
+      });
+}
+
+void unsubscribeFromFeed(ObjectContext& mainContext, std::int64_t feedId, ServiceCompletion onCompleted) {
+  auto found = findFeed(mainContext, feedId, "Failed to delete subscription");
+  if (!found) {
+    if (onCompleted) {
+      mainContext.environment().mainQueue().post([onCompleted, error = found.error()] { onCompleted(error); });
+    }
+    return;
+  }
+  found->service->deleteFeed(*found->feed, [owner = found->account, onCompleted](std::optional<Error> error) {
+    if (onCompleted) onCompleted(std::move(error));
+  });
+}
+
+void moveFeedToFolder(ObjectContext& mainContext, std::int64_t feedId, std::optional<std::string> folderTitle,
+                      ServiceCompletion onCompleted) {
+  MainQueue& mainQueue = mainContext.environment().mainQueue();
+  auto failLater = [&](Error error) {
+    if (onCompleted) mainQueue.post([onCompleted, error = std::move(error)] { onCompleted(error); });
+  };
+  auto found = findFeed(mainContext, feedId, "Failed to move subscription");
+  if (!found) return failLater(found.error());
+  auto folder = folderTitled(mainContext, *found->service, folderTitle);
+  if (!folder) {
+    return failLater(Error::make(kAccountErrorDomain, kStoreFailed, "Failed to move subscription",
+                                 folder.error().message()));
+  }
+  found->service->moveFeed(*found->feed, folder->first.get(),
+                           [owner = found->account, made = folder->second, onCompleted](std::optional<Error> error) {
+                             if (error && made) removeIfEmpty(*owner, *made);
+                             if (onCompleted) onCompleted(std::move(error));
+                           });
+}
+
+}  // namespace lectern
