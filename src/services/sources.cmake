@@ -1,6 +1,9 @@
 # One folder per service: its service object (and, as they arrive, its client and sync operation).
-# The hosted services' objects are header-only until their clients come. Built into lectern_core.
+# A hosted service's object is header-only until its client comes. Built into lectern_core.
 set(LECTERN_SERVICES_SOURCES
+  src/services/ServiceRequests.cpp
+  src/services/feedbin/QKFeedbinClient.cpp
+  src/services/feedbin/FeedbinService.cpp
   src/services/localrss/LocalRSSService.cpp
   src/services/smartfolders/SmartFolderService.cpp
 )

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +39,12 @@ class FeedStory final : public Bookmark {
   // Fills the story from the entry: its link is its bookmark_id; a missing or future date
   // becomes now; the HTML is the content, else the summary; unread and not starred.
   void mapFromRSSEntry(const RSSEntry& entry, const Clock& clock);
+
+  // A Feedbin entry can become a story when its "id", as text, is not empty.
+  static bool isValidForFeedbinMapping(const nlohmann::json& entry);
+  // Fills the story from a Feedbin entry whose published date is `date` (now when it lies in the
+  // future): the id is both bookmark_id and bookmark_hash, "created_at" the update date.
+  void mapFromFeedbinDictionary(const nlohmann::json& entry, Date date, const Clock& clock);
 
   std::optional<std::string> offlineFeedId() const override;
 };

@@ -21,6 +21,7 @@ set(LECTERN_STORE_SOURCES
   src/store/BookmarkActions.cpp
   src/store/ServiceDelivery.cpp
   src/store/FeedStory.cpp
+  src/store/FeedStoryMapping.cpp
   src/store/Content.cpp
   src/store/FeedEnclosure.cpp
   src/store/Token.cpp

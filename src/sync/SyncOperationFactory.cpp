@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "services/feedbin/FeedbinSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
 #include "store/Account.h"
 
@@ -13,6 +14,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
   switch (account->serviceType()) {
     case ServiceType::kLocalRSS:
       return std::make_shared<FeedSyncOperation>(std::move(account), environment);
+    case ServiceType::kFeedbin:
+      return std::make_shared<FeedbinSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -21,6 +24,7 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
 SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type) {
   switch (type) {
     case ServiceType::kLocalRSS:
+    case ServiceType::kFeedbin:
       return Support::kSupported;
     case ServiceType::kInstapaper:
     case ServiceType::kPocket:
@@ -28,7 +32,6 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kNewsBlur:
     case ServiceType::kFever:
     case ServiceType::kFeedWrangler:
-    case ServiceType::kFeedbin:
     case ServiceType::kFeedly:
       return Support::kNotInThisVersion;
     default:

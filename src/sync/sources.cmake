@@ -6,7 +6,9 @@ set(LECTERN_SYNC_SOURCES
   src/sync/FeedFetchGroup.cpp
   src/sync/StoryImageDownloader.cpp
   src/sync/SyncOperation.cpp
+  src/sync/AggregatorSyncOperation.cpp
   src/sync/SyncOperationFactory.cpp
   src/sync/QKSyncManager.cpp
   src/services/localrss/FeedSyncOperation.cpp
+  src/services/feedbin/FeedbinSyncOperation.cpp
 )

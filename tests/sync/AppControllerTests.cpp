@@ -58,7 +58,7 @@ TEST_F(AppControllerTest, SetupPreparesTheLibraryAndRemovesAccountsOfRetiredServ
 TEST_F(AppControllerTest, SchedulingLooksAtTheNetworkThenSyncsStartUpAccountsThenStartsTheTimer) {
   ASSERT_TRUE(controller_.setupApp());
   auto onStart = localAccount();
-  auto notOnStart = makeAccount("feedbin", "me", "Feedbin");
+  auto notOnStart = makeAccount("feedly", "me", "Feedly");
   ASSERT_TRUE(notOnStart->preferences().setValue("syncOnStart", false));
   addFeed(*onStart, "news");
   server_.setFeed("news", {}, clock_.now());
