@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <map>
 #include <thread>
 
 #include <fmt/format.h>
@@ -14,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "mocks/FeedbinMockServer.h"
 #include "store/SqliteDatabase.h"
 #include "support/TestSupport.h"
 #include "sync/SyncTestSupport.h"
@@ -126,19 +129,19 @@ TEST_F(CliTest, SyncReportsFailingFeedsWithoutFailingAndUnsyncableAccountsAsFail
   }
   EXPECT_EQ(failing, 1) << feeds.out;
 
-  ASSERT_EQ(run("account add feedbin --username me@example.org --password-stdin", "secret\n").exit, 0);
-  auto withFeedbin = run("sync --json");
-  EXPECT_EQ(withFeedbin.exit, 1);
-  bool feedbinFailed = false;
-  for (const auto& report : withFeedbin.parsed()) {
-    if (report["account"] == "feedbin:me@example.org") {
-      feedbinFailed = !report["ok"].get<bool>() && report["error"].get<std::string>().find("Feedbin") != std::string::npos;
+  ASSERT_EQ(run("account add feedly --username me@example.org --password-stdin", "secret\n").exit, 0);
+  auto withFeedly = run("sync --json");
+  EXPECT_EQ(withFeedly.exit, 1);
+  bool feedlyFailed = false;
+  for (const auto& report : withFeedly.parsed()) {
+    if (report["account"] == "feedly:me@example.org") {
+      feedlyFailed = !report["ok"].get<bool>() && report["error"].get<std::string>().find("Feedly") != std::string::npos;
     } else {
       EXPECT_TRUE(report["ok"].get<bool>());
       EXPECT_EQ(report["failed_feeds"].size(), 1u);
     }
   }
-  EXPECT_TRUE(feedbinFailed) << withFeedbin.out;
+  EXPECT_TRUE(feedlyFailed) << withFeedly.out;
 
   EXPECT_EQ(run("sync localrss").exit, 0);  // only the named account
   EXPECT_EQ(run("sync nosuchaccount").exit, 1);
@@ -266,6 +269,73 @@ TEST_F(CliTest, ASyncAndCommandsInOtherProcessesLeaveTheLibraryIntact) {
   }
   // Everything the rounds brought is there.
   EXPECT_EQ(run("list --json --limit 0").parsed().size(), static_cast<size_t>(kFeeds * 10 * (kRounds + 1)));
+}
+
+TEST_F(CliTest, AFeedbinAccountIsAddedSyncedReadAndOrganisedFromTheCommandLine) {
+  mock::FeedbinMockServer feedbin("me@example.org", "secret");
+  feedbin.addSubscription({501, 11, "Alpha", "https://a.example/feed", std::nullopt});
+  auto entry = [](std::int64_t id, std::string title) {
+    mock::FeedbinEntry made;
+    made.id = id;
+    made.feedId = 11;
+    made.title = std::move(title);
+    made.url = fmt::format("https://a.example/{}", id);
+    const std::time_t anHourAgo = std::time(nullptr) - 3600;
+    std::tm utc{};
+    gmtime_r(&anHourAgo, &utc);
+    made.published = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.000000Z", utc.tm_year + 1900, utc.tm_mon + 1,
+                                 utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+    made.createdAt = made.published;
+    return made;
+  };
+  feedbin.addEntry(entry(101, "Unread"), /*unread=*/true, /*starred=*/false);
+  feedbin.addEntry(entry(102, "Starred"), /*unread=*/true, /*starred=*/true);
+  feedbin.addDiscoverableFeed({"https://b.example/feed", "Beta", "https://b.example/"});
+
+  // A wrong password leaves nothing behind and says why.
+  auto refused = run("account add feedbin --username me@example.org --password-stdin --endpoint " + feedbin.baseURL(),
+                     "wrong\n");
+  EXPECT_EQ(refused.exit, 1);
+  EXPECT_THAT(refused.err, HasSubstr("Authentication failed"));
+  EXPECT_THAT(refused.err, HasSubstr("Authentication required"));
+  EXPECT_THAT(refused.err, Not(HasSubstr("wrong")));
+  EXPECT_EQ(run("account list --json").parsed().size(), 0u);
+
+  auto added = run("account add feedbin --username me@example.org --password-stdin --endpoint " + feedbin.baseURL(),
+                   "secret\n");
+  ASSERT_EQ(added.exit, 0) << added.err;
+  auto synced = run("sync");
+  ASSERT_EQ(synced.exit, 0) << synced.err;
+  auto list = run("list --json");
+  ASSERT_EQ(list.exit, 0) << list.err;
+  std::map<std::string, json> byId;
+  for (const auto& story : list.parsed()) byId[story["bookmark_id"].get<std::string>()] = story;
+  ASSERT_EQ(byId.size(), 2u) << list.out;
+  EXPECT_EQ(byId["101"]["is_archived"], false);
+  EXPECT_EQ(byId["102"]["is_favorited"], true);
+  EXPECT_EQ(byId["101"]["account"], "feedbin:me@example.org");
+
+  // A mark reaches the server.
+  const auto id = std::to_string(byId["101"]["id"].get<std::int64_t>());
+  ASSERT_EQ(run("mark read " + id).exit, 0);
+  EXPECT_FALSE(feedbin.unreadEntryIds().contains(101));
+
+  // Subscribe into a folder, move it, unsubscribe: each goes through Feedbin.
+  auto subscribed = run("subscribe https://b.example/feed --account feedbin --folder Reading");
+  ASSERT_EQ(subscribed.exit, 0) << subscribed.err;
+  ASSERT_EQ(feedbin.subscriptions().size(), 2u);
+  std::int64_t feedRow = 0;
+  for (const auto& feed : run("feeds --json").parsed()) {
+    if (feed["title"] == "Beta") feedRow = feed["id"].get<std::int64_t>();
+  }
+  ASSERT_NE(feedRow, 0);
+  ASSERT_EQ(run(fmt::format("move {} --folder Later", feedRow)).exit, 0);
+  std::vector<std::string> tags;
+  for (const auto& tagging : feedbin.taggings()) tags.push_back(tagging.name);
+  EXPECT_EQ(tags, std::vector<std::string>{"Later"});
+  EXPECT_EQ(run(fmt::format("move {}", feedRow)).exit, 2);  // a folder or --no-folder is needed
+  ASSERT_EQ(run(fmt::format("unsubscribe {}", feedRow)).exit, 0);
+  EXPECT_EQ(feedbin.subscriptions().size(), 1u);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Commands for accounts and the built-in reader's subscriptions: account add/list/remove/set,
-// subscribe, unsubscribe.
+// Commands for accounts and subscriptions: account add/list/remove/set, subscribe, unsubscribe, move.
 #include <iostream>
 
 #include <fmt/format.h>
@@ -8,6 +7,8 @@
 #include "accounts/AccountCommands.h"
 #include "accounts/AccountLifecycle.h"
 #include "accounts/BuiltInReader.h"
+#include "accounts/ServiceFactory.h"
+#include "accounts/Subscriptions.h"
 #include "app/cli/Cli.h"
 #include "app/cli/Presentation.h"
 #include "core/Strings.h"
@@ -49,12 +50,17 @@ int runAccountAdd(CliContext& cli, const AddOptions& options) {
     if (!password.empty() && password.back() == '\r') password.pop_back();
     request.password = password;
   }
-  auto account = createAccount(*library->context, request);
-  if (!account) {
-    printError(account.error());
+  // The service checks the password with its server first: a wrong one leaves no account behind.
+  std::optional<Result<std::shared_ptr<Account>>> outcome;
+  addAccount(*library->context, request,
+             [&outcome](Result<std::shared_ptr<Account>> added) { outcome = std::move(added); });
+  library->environment->mainQueue().runUntil([&] { return outcome.has_value(); });
+  if (!*outcome) {
+    printError(outcome->error());
     return kExitFailure;
   }
-  fmt::print("Added {} ({}).\n", (*account)->title().value_or(options.service), (*account)->uniqueIdentifier());
+  const auto& account = **outcome;
+  fmt::print("Added {} ({}).\n", account->title().value_or(options.service), account->uniqueIdentifier());
   return kExitOk;
 }
 
@@ -122,19 +128,37 @@ int runAccountSet(CliContext& cli, const std::string& name, const std::string& k
 struct SubscribeOptions {
   std::string url;
   std::string folder;
+  std::string account;
   int pick = 0;
 };
 
-// Subscribes the built-in reader to `url` and waits for the answer.
-int subscribeTo(Library& library, const std::string& url, const std::string& folder) {
-  auto account = ensureLocalRSSAccount(*library.context);
+std::optional<std::string> folderOption(const std::string& folder) {
+  return folder.empty() ? std::nullopt : std::optional<std::string>(folder);
+}
+
+// The account a subscription goes to: the one named, else the built-in reader (made when missing).
+Result<std::shared_ptr<Account>> subscribingAccount(Library& library, const std::string& name) {
+  if (name.empty()) return ensureLocalRSSAccount(*library.context);
+  auto account = findAccount(*library.context, name);
+  if (!account) return account;
+  if (!serviceObjectOf<FeedService>(**account)) {
+    return fail(kLecternErrorDomain, 2, "Failed to add subscription",
+                fmt::format("{} is not a feed reader's account.", (*account)->uniqueIdentifier()));
+  }
+  return account;
+}
+
+// Subscribes the account to `url` and waits for the answer.
+int subscribeTo(Library& library, const std::string& url, const SubscribeOptions& options) {
+  auto account = subscribingAccount(library, options.account);
   if (!account) {
     printError(account.error());
     return kExitFailure;
   }
+  const std::string& folder = options.folder;
   std::optional<Result<std::shared_ptr<Feed>>> outcome;
-  subscribeToFeed(*library.context, url, folder.empty() ? std::nullopt : std::optional<std::string>(folder),
-                  [&outcome](Result<std::shared_ptr<Feed>> result) { outcome = std::move(result); });
+  subscribeAccountToFeed(*library.context, **account, url, folderOption(folder),
+                         [&outcome](Result<std::shared_ptr<Feed>> result) { outcome = std::move(result); });
   library.environment->mainQueue().runUntil([&] { return outcome.has_value(); });
   if (!*outcome) {
     printError(outcome->error());
@@ -161,8 +185,10 @@ int runSubscribe(CliContext& cli, const SubscribeOptions& options) {
     // A feed served with an unexpected type ("text/plain", "application/octet-stream") is still a
     // feed: try the address itself before giving up.
     if (candidates.error().domain == "QKFeedLinkParserErrorDomain" && candidates.error().code == 2) {
-      return subscribeTo(*library, address, options.folder);
+      return subscribeTo(*library, address, options);
     }
+    // A hosted reader fetches and finds feeds itself, from where it stands: let it try.
+    if (!options.account.empty()) return subscribeTo(*library, address, options);
     printError(candidates.error());
     return kExitFailure;
   }
@@ -179,9 +205,9 @@ int runSubscribe(CliContext& cli, const SubscribeOptions& options) {
                              fmt::format("The page names {} feed(s).", candidates->size())));
       return kExitUsage;
     }
-    return subscribeTo(*library, (*candidates)[static_cast<size_t>(options.pick - 1)].URL, options.folder);
+    return subscribeTo(*library, (*candidates)[static_cast<size_t>(options.pick - 1)].URL, options);
   }
-  if (candidates->size() == 1) return subscribeTo(*library, candidates->front().URL, options.folder);
+  if (candidates->size() == 1) return subscribeTo(*library, candidates->front().URL, options);
   fmt::print("This page names {} feeds:\n", candidates->size());
   for (size_t i = 0; i < candidates->size(); ++i) {
     const auto& candidate = (*candidates)[i];
@@ -202,6 +228,31 @@ int runUnsubscribe(CliContext& cli, std::int64_t feedId) {
     return kExitFailure;
   }
   fmt::print("Unsubscribed; the feed's articles are gone.\n");
+  return kExitOk;
+}
+
+struct MoveOptions {
+  std::int64_t feedId = 0;
+  std::string folder;
+  bool noFolder = false;
+};
+
+int runMove(CliContext& cli, const MoveOptions& options) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  std::optional<std::optional<Error>> outcome;
+  moveFeedToFolder(*library->context, options.feedId, options.noFolder ? std::nullopt : folderOption(options.folder),
+                   [&outcome](std::optional<Error> error) { outcome = std::move(error); });
+  library->environment->mainQueue().runUntil([&] { return outcome.has_value(); });
+  if (*outcome) {
+    printError(**outcome);
+    return kExitFailure;
+  }
+  if (options.noFolder) {
+    fmt::print("Moved feed {} to the top level.\n", options.feedId);
+  } else {
+    fmt::print("Moved feed {} into {}.\n", options.feedId, options.folder);
+  }
   return kExitOk;
 }
 
@@ -247,10 +298,13 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
 
   auto subscribe = std::make_shared<SubscribeOptions>();
   auto* subscribeCommand =
-      app.add_subcommand("subscribe", "Subscribe the built-in reader to a feed, or to the feed a page names");
+      app.add_subcommand("subscribe", "Subscribe to a feed, or to the feed a page names");
   subscribeCommand->add_option("URL", subscribe->url, "A feed or a web page (\"https://\" is added when missing)")
       ->required();
   subscribeCommand->add_option("--folder", subscribe->folder, "Put the feed in this folder (made when missing)");
+  subscribeCommand->add_option("--account", subscribe->account,
+                               "Subscribe this feed reader's account (its identifier or service name); the "
+                               "built-in reader by default");
   subscribeCommand->add_option("--pick", subscribe->pick, "When the page names several feeds, take the Nth")
       ->check(CLI::PositiveNumber);
   context.onCommand(subscribeCommand, [&context, subscribe] { return runSubscribe(context, *subscribe); });
@@ -259,6 +313,19 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
   auto* unsubscribe = app.add_subcommand("unsubscribe", "Unsubscribe from a feed and delete its articles");
   unsubscribe->add_option("FEED_ID", *feedId, "The feed's id (from `lectern feeds`)")->required();
   context.onCommand(unsubscribe, [&context, feedId] { return runUnsubscribe(context, *feedId); });
+
+  auto move = std::make_shared<MoveOptions>();
+  auto* moveCommand = app.add_subcommand("move", "Move a feed into a folder, or to the top level");
+  moveCommand->add_option("FEED_ID", move->feedId, "The feed's id (from `lectern feeds`)")->required();
+  auto* folderOption = moveCommand->add_option("--folder", move->folder, "The folder (made when missing)");
+  auto* noFolder = moveCommand->add_flag("--no-folder", move->noFolder, "Take the feed out of its folders");
+  folderOption->excludes(noFolder);
+  moveCommand->callback([folderOption, noFolder] {
+    if (folderOption->count() == 0 && noFolder->count() == 0) {
+      throw CLI::RequiredError("--folder NAME or --no-folder");
+    }
+  });
+  context.onCommand(moveCommand, [&context, move] { return runMove(context, *move); });
 }
 
 }  // namespace lectern::cli
