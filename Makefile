@@ -57,9 +57,9 @@ build-test: deps
 test: build-test
 	cd build-test && ctest --output-on-failure -j $(JOBS)
 
-# ThreadSanitizer over the tests of the parts that share threads: the store, the sync engine and
-# the network layer.
-TSAN_TESTS := store_tests sync_tests net_tests
+# ThreadSanitizer over the tests of the parts that share threads: the store, the sync engine, the
+# network layer and the services against their mocks.
+TSAN_TESTS := store_tests sync_tests net_tests services_tests
 
 build-tsan: deps
 	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DLECTERN_TSAN=ON -DLECTERN_WERROR=ON \
