@@ -89,6 +89,14 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
   // Runs `onCompleted` with `error` on the main queue (never inline, even on the main thread).
   void complete(ServiceCompletion onCompleted, std::optional<Error> error) const;
   void completeWithoutClient(std::string_view action, ServiceCompletion onCompleted) const;
+  // The service's client as its own class; without one, `onCompleted` gets the error of
+  // clientUnavailableError(action) and the answer is nullptr.
+  template <class Client>
+  std::shared_ptr<Client> clientOrFail(std::string_view action, const ServiceCompletion& onCompleted) {
+    auto client = std::static_pointer_cast<Client>(apiClient());
+    if (!client) completeWithoutClient(action, onCompleted);
+    return client;
+  }
 
  private:
   std::weak_ptr<Account> account_;

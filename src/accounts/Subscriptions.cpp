@@ -41,7 +41,8 @@ void removeIfEmpty(Account& account, ObjectId folderId) {
 // second member is set when it was made here.
 Result<std::pair<std::shared_ptr<FeedFolder>, std::optional<ObjectId>>> folderTitled(
     ObjectContext& context, FeedService& service, const std::optional<std::string>& title) {
-  if (!title || trim(*title).empty()) return std::pair<std::shared_ptr<FeedFolder>, std::optional<ObjectId>>{};
+  if (!title || trim(*title).empty())
+    return std::pair<std::shared_ptr<FeedFolder>, std::optional<ObjectId>>{};
   auto found = service.createOrRenameLocalFolder(nullptr, trim(*title));
   if (!found) return fail(found.error());
   std::optional<ObjectId> made;
@@ -84,20 +85,20 @@ void subscribeAccountToFeed(ObjectContext& mainContext, Account& account, std::s
   auto folder = folderTitled(mainContext, *service, folderTitle);
   if (!folder) return failLater(subscriptionError(folder.error().message()));
   // The completion runs on the main queue and holds the account object (and so its service) until then.
-  service->addFeedWithUrl(
-      std::move(url), folder->first.get(),
-      [owner = std::static_pointer_cast<Account>(account.shared_from_this()), made = folder->second,
-       onCompleted](Result<std::shared_ptr<Feed>> added) {
-        if (!added && made) removeIfEmpty(*owner, *made);
-        if (onCompleted) onCompleted(std::move(added));
-      });
+  service->addFeedWithUrl(std::move(url), folder->first.get(),
+                          [owner = std::static_pointer_cast<Account>(account.shared_from_this()),
+                           made = folder->second, onCompleted](Result<std::shared_ptr<Feed>> added) {
+                            if (!added && made) removeIfEmpty(*owner, *made);
+                            if (onCompleted) onCompleted(std::move(added));
+                          });
 }
 
 void unsubscribeFromFeed(ObjectContext& mainContext, std::int64_t feedId, ServiceCompletion onCompleted) {
   auto found = findFeed(mainContext, feedId, "Failed to delete subscription");
   if (!found) {
     if (onCompleted) {
-      mainContext.environment().mainQueue().post([onCompleted, error = found.error()] { onCompleted(error); });
+      mainContext.environment().mainQueue().post(
+          [onCompleted, error = found.error()] { onCompleted(error); });
     }
     return;
   }
@@ -119,11 +120,12 @@ void moveFeedToFolder(ObjectContext& mainContext, std::int64_t feedId, std::opti
     return failLater(Error::make(kAccountErrorDomain, kStoreFailed, "Failed to move subscription",
                                  folder.error().message()));
   }
-  found->service->moveFeed(*found->feed, folder->first.get(),
-                           [owner = found->account, made = folder->second, onCompleted](std::optional<Error> error) {
-                             if (error && made) removeIfEmpty(*owner, *made);
-                             if (onCompleted) onCompleted(std::move(error));
-                           });
+  found->service->moveFeed(
+      *found->feed, folder->first.get(),
+      [owner = found->account, made = folder->second, onCompleted](std::optional<Error> error) {
+        if (error && made) removeIfEmpty(*owner, *made);
+        if (onCompleted) onCompleted(std::move(error));
+      });
 }
 
 }  // namespace lectern

@@ -27,7 +27,8 @@ void sendNext(const std::shared_ptr<Chain>& chain) {
   }
   auto client = chain->client.lock();
   if (!client) {
-    chain->complete(titledError(std::nullopt, makeURLError(URLErrorCode::kCancelled, "", "cancelled"), chain->title));
+    chain->complete(
+        titledError(std::nullopt, makeURLError(URLErrorCode::kCancelled, "", "cancelled"), chain->title));
     return;
   }
   auto operation = client->HTTPRequestOperationWithRequest(
@@ -51,9 +52,10 @@ Error titledError(const std::optional<HttpResponse>& response, const Error& erro
   return titled;
 }
 
-void sendInOrder(const std::shared_ptr<AFHTTPClient>& client, std::vector<HttpRequest> requests, std::string title,
-                 std::function<void(std::optional<Error>)> onCompleted) {
-  sendNext(std::make_shared<Chain>(Chain{client, std::move(requests), 0, std::move(title), std::move(onCompleted)}));
+void sendInOrder(const std::shared_ptr<AFHTTPClient>& client, std::vector<HttpRequest> requests,
+                 std::string title, std::function<void(std::optional<Error>)> onCompleted) {
+  sendNext(std::make_shared<Chain>(
+      Chain{client, std::move(requests), 0, std::move(title), std::move(onCompleted)}));
 }
 
 }  // namespace lectern

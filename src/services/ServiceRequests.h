@@ -25,7 +25,7 @@ Error titledError(const std::optional<HttpResponse>& response, const Error& erro
 // Sends `requests` on `client`, one after the other; the first failure (titled `title`) ends
 // them, and `onCompleted` runs once, on the main queue. The client is held weakly between
 // answers: dropped meanwhile, the call ends as cancelled.
-void sendInOrder(const std::shared_ptr<AFHTTPClient>& client, std::vector<HttpRequest> requests, std::string title,
-                 std::function<void(std::optional<Error>)> onCompleted);
+void sendInOrder(const std::shared_ptr<AFHTTPClient>& client, std::vector<HttpRequest> requests,
+                 std::string title, std::function<void(std::optional<Error>)> onCompleted);
 
 }  // namespace lectern

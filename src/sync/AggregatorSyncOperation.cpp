@@ -34,8 +34,8 @@ std::vector<std::string> slice(const std::vector<std::string>& ids, size_t first
 
 }  // namespace
 
-AggregatorSyncOperation::AggregatorSyncOperation(std::shared_ptr<Account> account, const SyncEnvironment& environment,
-                                                 std::string serviceName)
+AggregatorSyncOperation::AggregatorSyncOperation(std::shared_ptr<Account> account,
+                                                 const SyncEnvironment& environment, std::string serviceName)
     : SyncOperation(account, environment), serviceName_(std::move(serviceName)) {
   if (account->preferences().boolForKey("cacheImages")) {
     images_ = std::make_unique<StoryImageDownloader>(environment.session, account->imageCacheFolder());
@@ -86,8 +86,8 @@ void AggregatorSyncOperation::main() {
 
 bool AggregatorSyncOperation::runSteps() {
   auto goOn = [this] { return !error() && !checkIsCancelled(); };
-  return goOn() && prepareRun() && goOn() && syncFoldersAndFeeds() && goOn() && syncUnreadStories() && goOn() &&
-         syncStarredStories() && goOn() && syncReadStories() && goOn();
+  return goOn() && prepareRun() && goOn() && syncFoldersAndFeeds() && goOn() && syncUnreadStories() &&
+         goOn() && syncStarredStories() && goOn() && syncReadStories() && goOn();
 }
 
 bool AggregatorSyncOperation::failStep(const Error& error, const std::string& message) {
@@ -118,7 +118,8 @@ void AggregatorSyncOperation::setNewStoryFlags(FeedStory& story, const json&, co
   story.setIs_favorited(flags.favorited);
 }
 
-AggregatorSyncOperation::MergeResult AggregatorSyncOperation::mergeItems(json items, const MergeFlags& flags) {
+AggregatorSyncOperation::MergeResult AggregatorSyncOperation::mergeItems(json items,
+                                                                         const MergeFlags& flags) {
   MergeResult result;
   if (!items.is_array()) return result;
   // Both sides in the same order, ids compared as text, as the store sorts them.
@@ -140,8 +141,9 @@ AggregatorSyncOperation::MergeResult AggregatorSyncOperation::mergeItems(json it
     logError(className(), "{}: failed to read stored stories: {}", serviceName_, fetched.error().message());
     return result;
   }
-  const UniqueId keyOf = key == "bookmark_hash" ? UniqueId([](const Bookmark& b) { return b.bookmark_hash(); })
-                                                : UniqueId(&SyncOperation::bookmarkIdOf);
+  const UniqueId keyOf = key == "bookmark_hash"
+                             ? UniqueId([](const Bookmark& b) { return b.bookmark_hash(); })
+                             : UniqueId(&SyncOperation::bookmarkIdOf);
   const auto stored = findAndDeleteDuplicatesInContainer(*fetched, keyOf);
 
   std::vector<std::shared_ptr<Bookmark>> merged;
@@ -185,8 +187,11 @@ bool AggregatorSyncOperation::syncListedItems(std::vector<std::string> ids, cons
   std::vector<std::int64_t> collected;
   std::vector<std::string> missing;
   for (size_t first = 0; first < ids.size(); first += kLookupBatch) {
-    auto found = findExistingBookmarksForIds(json(slice(ids, first, kLookupBatch)), unread, starred, itemIdKey());
-    if (!found) return failStep(found.error(), fmt::format("failed reading stored stories: {}", found.error().message()));
+    auto found =
+        findExistingBookmarksForIds(json(slice(ids, first, kLookupBatch)), unread, starred, itemIdKey());
+    if (!found)
+      return failStep(found.error(),
+                      fmt::format("failed reading stored stories: {}", found.error().message()));
     for (const auto& story : found->existing) collected.push_back(story->objectID().row);
     for (auto& id : found->missing) missing.push_back(std::move(id));
   }
@@ -198,8 +203,8 @@ bool AggregatorSyncOperation::syncListedItems(std::vector<std::string> ids, cons
     const auto batch = slice(missing, first, pass.idsPerRequest);
     auto items = pass.fetchItems(batch);
     if (!items) {
-      return failStep(items.error(),
-                      fmt::format(fmt::runtime(pass.failedBatchLog), join(batch, ", "), items.error().message()));
+      return failStep(items.error(), fmt::format(fmt::runtime(pass.failedBatchLog), join(batch, ", "),
+                                                 items.error().message()));
     }
     const bool last = first + pass.idsPerRequest >= missing.size();
     if (auto merged = bufferItems(buffer, *items, last, flags)) {
@@ -213,9 +218,8 @@ bool AggregatorSyncOperation::syncListedItems(std::vector<std::string> ids, cons
   return saveAndGoOn();
 }
 
-std::optional<AggregatorSyncOperation::MergeResult> AggregatorSyncOperation::bufferItems(json& buffer,
-                                                                                       const json& page, bool last,
-                                                                                       const MergeFlags& flags) {
+std::optional<AggregatorSyncOperation::MergeResult> AggregatorSyncOperation::bufferItems(
+    json& buffer, const json& page, bool last, const MergeFlags& flags) {
   if (page.is_array()) {
     for (const auto& item : page) buffer.push_back(item);
   }
@@ -225,7 +229,8 @@ std::optional<AggregatorSyncOperation::MergeResult> AggregatorSyncOperation::buf
   return merged;
 }
 
-void AggregatorSyncOperation::unsetFlagOfStoriesNotIn(const std::vector<std::int64_t>& kept, ListedFlag flag) {
+void AggregatorSyncOperation::unsetFlagOfStoriesNotIn(const std::vector<std::int64_t>& kept,
+                                                      ListedFlag flag) {
   const bool unread = flag == ListedFlag::kUnread;
   log("{}", unread ? "mark read stories..." : "mark unstarred stories...");
   ObjectContext::FetchRequest request;
@@ -234,8 +239,8 @@ void AggregatorSyncOperation::unsetFlagOfStoriesNotIn(const std::vector<std::int
   request.arguments = {account().objectID().row, jsonList(kept)};
   auto stories = moc().fetch<Bookmark>(std::move(request));
   if (!stories) {
-    logError(className(), "{}: failed to {}: {}", serviceName_, unread ? "mark read stories" : "unstar stories",
-             stories.error().message());
+    logError(className(), "{}: failed to {}: {}", serviceName_,
+             unread ? "mark read stories" : "unstar stories", stories.error().message());
     return;
   }
   for (const auto& story : *stories) {
@@ -280,7 +285,8 @@ void AggregatorSyncOperation::deleteFeed(Feed& feed) {
   feedsByRemoteId_.reset();
 }
 
-void AggregatorSyncOperation::setFeedFolders(Feed& feed, const std::vector<std::shared_ptr<FeedFolder>>& folders) {
+void AggregatorSyncOperation::setFeedFolders(Feed& feed,
+                                             const std::vector<std::shared_ptr<FeedFolder>>& folders) {
   auto current = feed.feedFolders();
   if (!current) return;
   std::unordered_set<ObjectId> now, wanted;
@@ -324,7 +330,8 @@ void AggregatorSyncOperation::deleteObsoleteStories() {
     request.limit = kObsoleteStoriesPerBatch;
     auto obsolete = moc().fetch<FeedStory>(std::move(request));
     if (!obsolete) {
-      logError(className(), "{}: failed to find obsolete stories: {}", serviceName_, obsolete.error().message());
+      logError(className(), "{}: failed to find obsolete stories: {}", serviceName_,
+               obsolete.error().message());
       return;
     }
     // A batch seen before means its save failed: stop rather than try it forever.

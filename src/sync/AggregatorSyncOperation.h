@@ -1,16 +1,16 @@
 #pragma once
 
+#include <fmt/format.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "core/Clock.h"
 #include "core/Log.h"
@@ -111,7 +111,8 @@ class AggregatorSyncOperation : public SyncOperation {
     size_t idsPerRequest = 50;
     // The items of these ids, as a JSON list.
     std::function<Result<nlohmann::json>(const std::vector<std::string>& ids)> fetchItems;
-    // Logged when a batch fails, with the ids and the error: "failed fetching entries with ids. Ids: {}. Error: {}".
+    // Logged when a batch fails, with the ids and the error: "failed fetching entries with ids. Ids: {}.
+    // Error: {}".
     std::string failedBatchLog;
   };
   bool syncListedItems(std::vector<std::string> ids, const ListedItems& pass);

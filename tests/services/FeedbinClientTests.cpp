@@ -101,11 +101,13 @@ TEST_F(FeedbinClientTest, FailuresCarryTheCallsTitleAndTellARefusalFromAnAnswerT
 }
 
 TEST_F(FeedbinClientTest, ADroppedClientEndsItsCallInsteadOfLeavingItWaiting) {
-  server_.injectFault("DELETE", "/v2/unread_entries.json", mock::Fault::kSlow, 1, std::chrono::milliseconds(500));
+  server_.injectFault("DELETE", "/v2/unread_entries.json", mock::Fault::kSlow, 1,
+                      std::chrono::milliseconds(500));
   std::optional<std::optional<Error>> outcome;
   {
     auto held = client();
-    held->markStories({"1"}, /*readed=*/true, [&](std::optional<Error> error) { outcome = std::move(error); });
+    held->markStories({"1"}, /*readed=*/true,
+                      [&](std::optional<Error> error) { outcome = std::move(error); });
   }
   serviceObjectOf<FeedbinService>(*account_)->resetApiClient();
   ASSERT_TRUE(pumpUntil([&] { return outcome.has_value(); }));

@@ -55,20 +55,24 @@ TEST_F(FeedbinServiceTest, AWrongPasswordLeavesNoAccountBehind) {
   EXPECT_FALSE(secrets_.password(kPasswordServiceName, "feedbin:other@example.org").value());
   EXPECT_FALSE(defaults_.dictionaryForKey("Accounts").contains("feedbin:other@example.org"));
   // The password went to the secret store, never into the library.
-  EXPECT_EQ(secrets_.password(kPasswordServiceName, account_->uniqueIdentifier()).value(), std::string(kPassword));
+  EXPECT_EQ(secrets_.password(kPasswordServiceName, account_->uniqueIdentifier()).value(),
+            std::string(kPassword));
 }
 
 TEST_F(FeedbinServiceTest, ChangesMadeOnlineReachTheServerOrWaitInTheQueue) {
   syncSmallAccount();
-  EXPECT_FALSE(waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "101")}, *account_, true, done); }));
-  EXPECT_FALSE(waitFor([&](auto done) { Bookmark::markBookmark(*story(*account_, "102"), Bookmark::Favorited{true}, done); }));
+  EXPECT_FALSE(
+      waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "101")}, *account_, true, done); }));
+  EXPECT_FALSE(waitFor(
+      [&](auto done) { Bookmark::markBookmark(*story(*account_, "102"), Bookmark::Favorited{true}, done); }));
   EXPECT_FALSE(server_.unreadEntryIds().contains(101));
   EXPECT_TRUE(server_.starredEntryIds().contains(102));
   EXPECT_THAT(queued(*account_), IsEmpty());
 
   // The connection drops: the change waits in the queue, and the next sync sends it.
   server_.injectFault("DELETE", "/v2/unread_entries.json", mock::Fault::kDropConnection);
-  EXPECT_FALSE(waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "102")}, *account_, true, done); }));
+  EXPECT_FALSE(
+      waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "102")}, *account_, true, done); }));
   EXPECT_TRUE(story(*account_, "102")->is_archived());
   EXPECT_THAT(queued(*account_), ElementsAre("3 102"));
   ASSERT_FALSE(sync(account_).error);
@@ -84,7 +88,8 @@ TEST_F(FeedbinServiceTest, ChangesMadeOnlineReachTheServerOrWaitInTheQueue) {
   // The server refuses (the password changed there): the person sees it, the local change stays.
   secrets_.setPassword(kPasswordServiceName, account_->uniqueIdentifier(), "stale");
   serviceObjectOf<FeedbinService>(*account_)->resetApiClient();
-  auto refused = waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "102")}, *account_, false, done); });
+  auto refused =
+      waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "102")}, *account_, false, done); });
   ASSERT_TRUE(refused);
   EXPECT_EQ(refused->description, "Failed to mark entry");
   EXPECT_FALSE(story(*account_, "102")->is_archived());
@@ -133,8 +138,9 @@ TEST_F(FeedbinServiceTest, ASubscriptionTheServerCannotMakeSaysWhyAndLeavesNothi
   EXPECT_EQ(missing.error().description, "Failed to add subscription");
   EXPECT_THAT(folderTitles(), IsEmpty());  // the folder made for it went again
 
-  server_.addPageWithSeveralFeeds("https://page.example/", {{"https://page.example/a.xml", "A", std::nullopt},
-                                                            {"https://page.example/b.xml", "B", std::nullopt}});
+  server_.addPageWithSeveralFeeds(
+      "https://page.example/",
+      {{"https://page.example/a.xml", "A", std::nullopt}, {"https://page.example/b.xml", "B", std::nullopt}});
   auto several = subscribe("https://page.example/", std::nullopt);
   ASSERT_FALSE(several);
   EXPECT_EQ(several.error().description, "Failed to add subscription");

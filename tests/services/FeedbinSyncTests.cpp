@@ -8,9 +8,8 @@
 #include <ctime>
 #include <set>
 
-#include "core/Strings.h"
-
 #include "FeedbinTestSupport.h"
+#include "core/Strings.h"
 #include "store/Bookmark.h"
 #include "store/Feed.h"
 #include "store/FeedFolder.h"
@@ -73,8 +72,9 @@ TEST_F(FeedbinSyncTest, FirstSyncMirrorsTagsFeedsAndTheUnreadStarredAndRecentlyR
     EXPECT_EQ(query(request, "per_page"), "50");
     if (query(request, "read") == "true") {
       readPages.push_back(query(request, "page"));
-      EXPECT_THAT(query(request, "since"), MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}"
-                                                        "\\.[0-9]{7}Z"));
+      EXPECT_THAT(query(request, "since"),
+                  MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}"
+                               "\\.[0-9]{7}Z"));
     }
   }
   // One page of read entries, then the page past the last one, whose 404 ends paging quietly.
@@ -118,9 +118,13 @@ TEST_F(FeedbinSyncTest, OfflineChangesReachTheServerInOrderBeforeItsStateIsReadB
   server_.clearRequests();
 
   reachability_.set(ReachabilityStatus::kNotReachable);
-  EXPECT_FALSE(waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "101")}, *account_, true, done); }));
-  EXPECT_FALSE(waitFor([&](auto done) { Bookmark::markBookmark(*story(*account_, "102"), Bookmark::Favorited{false}, done); }));
-  EXPECT_FALSE(waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "104")}, *account_, false, done); }));
+  EXPECT_FALSE(
+      waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "101")}, *account_, true, done); }));
+  EXPECT_FALSE(waitFor([&](auto done) {
+    Bookmark::markBookmark(*story(*account_, "102"), Bookmark::Favorited{false}, done);
+  }));
+  EXPECT_FALSE(waitFor(
+      [&](auto done) { Bookmark::markBookmarks({story(*account_, "104")}, *account_, false, done); }));
   EXPECT_THAT(queued(*account_), ElementsAre("3 101", "4 104", "2 102"));
   EXPECT_THAT(server_.requests(), IsEmpty());
 
@@ -183,8 +187,8 @@ TEST_F(FeedbinSyncTest, MergedEntriesAreWalkedInTheStoresTextOrderOfIds) {
   // A longer keep period fetches the read entries of the whole window again, "10" with "9".
   defaults_.setInteger("DaysKeepFeedReadItemsIndex", 5);
   ASSERT_FALSE(sync(account_).error);
-  EXPECT_THAT(stories(*account_),
-              ElementsAre(StoredStory{"10", "Ten", true, false, "11"}, StoredStory{"9", "Nine", true, false, "11"}));
+  EXPECT_THAT(stories(*account_), ElementsAre(StoredStory{"10", "Ten", true, false, "11"},
+                                              StoredStory{"9", "Nine", true, false, "11"}));
 }
 
 TEST_F(FeedbinSyncTest, LocalFeedsWithoutSubscriptionAndSecondCopiesGo) {
@@ -248,7 +252,8 @@ TEST_F(FeedbinSyncTest, AnAccountWithNothingUnreadMarksEveryLocalStoryReadWithou
   server_.clearRequests();
   ASSERT_FALSE(sync(account_).error);
   for (const auto& story : stories(*account_)) EXPECT_TRUE(story.read) << story.id;
-  for (const auto& request : server_.requests("GET", "/v2/entries.json")) EXPECT_EQ(query(request, "ids"), "");
+  for (const auto& request : server_.requests("GET", "/v2/entries.json"))
+    EXPECT_EQ(query(request, "ids"), "");
 }
 
 TEST_F(FeedbinSyncTest, AnswersOfTheWrongShapeAreSkippedAndAnUnreachableServerChangesNothing) {

@@ -24,12 +24,12 @@ std::string FeedbinTest::serverDate(Date date) {
   const std::time_t time = std::chrono::system_clock::to_time_t(seconds);
   std::tm utc{};
   gmtime_r(&time, &utc);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
-                     utc.tm_hour, utc.tm_min, utc.tm_sec, micros);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", utc.tm_year + 1900, utc.tm_mon + 1,
+                     utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, micros);
 }
 
-void FeedbinTest::addEntry(std::int64_t id, std::int64_t feedId, const std::string& title, std::chrono::minutes age,
-                           bool unread, bool starred) {
+void FeedbinTest::addEntry(std::int64_t id, std::int64_t feedId, const std::string& title,
+                           std::chrono::minutes age, bool unread, bool starred) {
   mock::FeedbinEntry entry;
   entry.id = id;
   entry.feedId = feedId;
@@ -46,7 +46,8 @@ std::string FeedbinTest::query(const mock::RecordedRequest& request, const std::
   return found == request.query.end() ? std::string() : found->second;
 }
 
-std::vector<std::string> FeedbinTest::queryValues(const mock::RecordedRequest& request, const std::string& key) {
+std::vector<std::string> FeedbinTest::queryValues(const mock::RecordedRequest& request,
+                                                  const std::string& key) {
   std::vector<std::string> values;
   auto [first, last] = request.query.equal_range(key);
   for (auto it = first; it != last; ++it) values.push_back(it->second);

@@ -20,8 +20,8 @@ class FeedbinTest : public ServiceTest {
   void SetUp() override;
 
   // An entry published and first seen `age` ago.
-  void addEntry(std::int64_t id, std::int64_t feedId, const std::string& title, std::chrono::minutes age, bool unread,
-                bool starred = false);
+  void addEntry(std::int64_t id, std::int64_t feedId, const std::string& title, std::chrono::minutes age,
+                bool unread, bool starred = false);
   // The first value of a query parameter the request carried, "" when none.
   static std::string query(const mock::RecordedRequest& request, const std::string& key);
   // Every value of a query parameter, in order.

@@ -44,22 +44,26 @@ ObjectContext& ServiceTest::context() {
   return **opened;
 }
 
-Result<std::shared_ptr<Account>> ServiceTest::addAccount(const std::string& service, const std::string& username,
-                                                         const std::string& password, const std::string& endpoint) {
+Result<std::shared_ptr<Account>> ServiceTest::addAccount(const std::string& service,
+                                                         const std::string& username,
+                                                         const std::string& password,
+                                                         const std::string& endpoint) {
   NewAccount request;
   request.service = service;
   request.username = username;
   request.password = password;
   request.endpoint = endpoint;
   std::optional<Result<std::shared_ptr<Account>>> outcome;
-  lectern::addAccount(context(), request, [&](Result<std::shared_ptr<Account>> added) { outcome = std::move(added); });
+  lectern::addAccount(context(), request,
+                      [&](Result<std::shared_ptr<Account>> added) { outcome = std::move(added); });
   if (!pumpUntil([&] { return outcome.has_value(); })) throw std::runtime_error("account add got no answer");
   return std::move(*outcome);
 }
 
 AccountSyncReport ServiceTest::sync(const std::shared_ptr<Account>& account) {
   if (manager_->syncAccounts({account}) == 0) return manager_->lastPassReports().at(0);
-  if (!manager_->waitUntilSyncFinished(std::chrono::seconds(60))) throw std::runtime_error("the sync did not end");
+  if (!manager_->waitUntilSyncFinished(std::chrono::seconds(60)))
+    throw std::runtime_error("the sync did not end");
   return manager_->lastPassReports().at(0);
 }
 
@@ -79,8 +83,8 @@ std::vector<StoredStory> ServiceTest::stories(Account& account) {
   auto all = account.bookmarks();
   if (!all) throw std::runtime_error(all.error().message());
   for (const auto& bookmark : *all) {
-    StoredStory story{bookmark->bookmark_id().value_or(""), bookmark->title().value_or(""), bookmark->is_archived(),
-                      bookmark->is_favorited(), ""};
+    StoredStory story{bookmark->bookmark_id().value_or(""), bookmark->title().value_or(""),
+                      bookmark->is_archived(), bookmark->is_favorited(), ""};
     if (auto feedStory = std::dynamic_pointer_cast<FeedStory>(bookmark)) {
       if (auto feed = feedStory->feed(); feed && *feed) story.feed = (*feed)->folder_id().value_or("");
     }

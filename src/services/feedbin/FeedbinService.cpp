@@ -20,7 +20,8 @@ using nlohmann::json;
 constexpr std::string_view kLogCategory = "FeedbinService";
 
 Error notAFeedError() {
-  return Error::make(kLecternErrorDomain, 0, "Failed to fetch feed", "Feed not found or it isn't a valid feed");
+  return Error::make(kLecternErrorDomain, 0, "Failed to fetch feed",
+                     "Feed not found or it isn't a valid feed");
 }
 
 std::vector<std::string> bookmarkIds(const std::vector<std::shared_ptr<Bookmark>>& bookmarks) {
@@ -51,9 +52,9 @@ std::shared_ptr<AFHTTPClient> FeedbinService::makeApiClient() {
              password ? "none stored" : password.error().message());
     return nullptr;
   }
-  auto client = std::make_shared<QKFeedbinClient>(*dependencies().session,
-                                                  serviceBaseURL(kApiEndpointDefaultsKey, QKFeedbinClient::kDefaultBaseURL),
-                                                  owner->username().value_or(""), **password);
+  auto client = std::make_shared<QKFeedbinClient>(
+      *dependencies().session, serviceBaseURL(kApiEndpointDefaultsKey, QKFeedbinClient::kDefaultBaseURL),
+      owner->username().value_or(""), **password);
   // One request at a time per account: Feedbin sees the changes in the order they were made.
   client->operationQueue().setMaxConcurrentOperationCount(1);
   return client;
@@ -63,35 +64,32 @@ std::shared_ptr<QKFeedbinClient> FeedbinService::feedbinClient() {
   return std::static_pointer_cast<QKFeedbinClient>(apiClient());
 }
 
-std::shared_ptr<QKFeedbinClient> FeedbinService::clientOrFail(std::string_view action,
-                                                              const ServiceCompletion& onCompleted) {
-  auto client = feedbinClient();
-  if (!client) completeWithoutClient(action, onCompleted);
-  return client;
-}
-
 std::string FeedbinService::unavailableReason() const {
   return "Lectern has no Feedbin password for this account: remove the account and add it again.";
 }
 
 void FeedbinService::authenticate(ServiceCompletion onCompleted) {
-  if (auto client = clientOrFail("sign in", onCompleted)) client->authenticate(std::move(onCompleted));
+  if (auto client = clientOrFail<QKFeedbinClient>("sign in", onCompleted))
+    client->authenticate(std::move(onCompleted));
 }
 
-void FeedbinService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account&, bool archived,
-                                   ServiceCompletion onCompleted) {
-  auto client = clientOrFail(archived ? "mark items read" : "mark items unread", onCompleted);
+void FeedbinService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account&,
+                                   bool archived, ServiceCompletion onCompleted) {
+  auto client =
+      clientOrFail<QKFeedbinClient>(archived ? "mark items read" : "mark items unread", onCompleted);
   if (client) client->markStories(bookmarkIds(bookmarks), archived, std::move(onCompleted));
 }
 
-void FeedbinService::markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) {
-  auto client = clientOrFail(favorited ? "star item" : "unstar item", onCompleted);
-  if (client) client->markStoryStarred(bookmark.bookmark_id().value_or(""), favorited, std::move(onCompleted));
+void FeedbinService::markBookmarkFavorited(Bookmark& bookmark, bool favorited,
+                                           ServiceCompletion onCompleted) {
+  auto client = clientOrFail<QKFeedbinClient>(favorited ? "star item" : "unstar item", onCompleted);
+  if (client)
+    client->markStoryStarred(bookmark.bookmark_id().value_or(""), favorited, std::move(onCompleted));
 }
 
-void FeedbinService::deleteBookmark(Account&, const std::string& bookmarkId, const std::optional<std::string>&,
-                                    ServiceCompletion onCompleted) {
-  if (auto client = clientOrFail("delete item", onCompleted)) {
+void FeedbinService::deleteBookmark(Account&, const std::string& bookmarkId,
+                                    const std::optional<std::string>&, ServiceCompletion onCompleted) {
+  if (auto client = clientOrFail<QKFeedbinClient>("delete item", onCompleted)) {
     client->markStory(bookmarkId, /*readed=*/true, std::move(onCompleted));
   }
 }
@@ -120,7 +118,8 @@ void FeedbinService::addFeedWithUrl(std::string url, FeedFolder* folder, FeedCom
   });
 }
 
-void FeedbinService::insertSubscribedFeed(const json& subscription, FeedFolder* folder, FeedCompletion onCompleted) {
+void FeedbinService::insertSubscribedFeed(const json& subscription, FeedFolder* folder,
+                                          FeedCompletion onCompleted) {
   auto owner = account();
   if (!owner || owner->isDeleted()) {
     if (onCompleted) onCompleted(fail(notAFeedError()));
@@ -146,8 +145,8 @@ void FeedbinService::insertSubscribedFeed(const json& subscription, FeedFolder* 
   }
   std::shared_ptr<Feed> feed = *found;
   if (!feed) {
-    feed = owner->addFeedWithTitle(safeStringValue(subscription, "title"), safeStringValue(subscription, "feed_url"),
-                                   *feedId);
+    feed = owner->addFeedWithTitle(safeStringValue(subscription, "title"),
+                                   safeStringValue(subscription, "feed_url"), *feedId);
     feed->setExt_id(safeStringValue(subscription, "id"));
   }
   if (auto error = saveAfterServer(context, "the new subscription")) {
@@ -170,7 +169,7 @@ void FeedbinService::insertSubscribedFeed(const json& subscription, FeedFolder* 
 
 void FeedbinService::deleteFeed(Feed& feed, ServiceCompletion handler) {
   checkFeed(feed);
-  auto client = clientOrFail("delete subscription", handler);
+  auto client = clientOrFail<QKFeedbinClient>("delete subscription", handler);
   if (!client) return;
   auto held = std::static_pointer_cast<Feed>(feed.shared_from_this());
   client->deleteFeed(feed.ext_id().value_or(""),
@@ -187,7 +186,7 @@ void FeedbinService::deleteFeed(Feed& feed, ServiceCompletion handler) {
 void FeedbinService::moveFeed(Feed& feed, FeedFolder* folder, ServiceCompletion onComplete) {
   checkFeed(feed);
   checkFolder(folder);
-  auto client = clientOrFail("move subscription", onComplete);
+  auto client = clientOrFail<QKFeedbinClient>("move subscription", onComplete);
   if (!client) return;
   auto held = std::static_pointer_cast<Feed>(feed.shared_from_this());
   std::shared_ptr<FeedFolder> target =

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-
 #include <nlohmann/json_fwd.hpp>
 
 #include "accounts/FeedService.h"
@@ -33,15 +32,16 @@ class FeedbinService final : public FeedService {
                      ServiceCompletion onCompleted) override;
   void markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) override;
   // Feedbin keeps every entry: the item is marked read there, so it does not come back unread.
-  void deleteBookmark(Account& account, const std::string& bookmarkId, const std::optional<std::string>& feedId,
-                      ServiceCompletion onCompleted) override;
+  void deleteBookmark(Account& account, const std::string& bookmarkId,
+                      const std::optional<std::string>& feedId, ServiceCompletion onCompleted) override;
 
   void addFeedWithUrl(std::string url, FeedFolder* folder, FeedCompletion onCompleted) override;
   void deleteFeed(Feed& feed, ServiceCompletion handler) override;
   void moveFeed(Feed& feed, FeedFolder* folder, ServiceCompletion onComplete) override;
   // Feedbin's folders are the names of tags on feeds: a folder cannot be renamed on its own.
   // Nothing happens and the completion is never called.
-  void addOrRenameFolder(std::string title, FeedFolder* originalFolder, FolderCompletion onCompleted) override;
+  void addOrRenameFolder(std::string title, FeedFolder* originalFolder,
+                         FolderCompletion onCompleted) override;
 
   // Why there is no client: the password is missing from the secret store.
   std::string unavailableReason() const override;
@@ -50,9 +50,8 @@ class FeedbinService final : public FeedService {
   std::shared_ptr<AFHTTPClient> makeApiClient() override;
 
  private:
-  // The client, or the completion gets the reason there is none.
-  std::shared_ptr<QKFeedbinClient> clientOrFail(std::string_view action, const ServiceCompletion& onCompleted);
-  void insertSubscribedFeed(const nlohmann::json& subscription, FeedFolder* folder, FeedCompletion onCompleted);
+  void insertSubscribedFeed(const nlohmann::json& subscription, FeedFolder* folder,
+                            FeedCompletion onCompleted);
 };
 
 }  // namespace lectern

@@ -22,7 +22,8 @@ std::string lowered(const std::optional<std::string>& text) { return toLowerASCI
 
 }  // namespace
 
-FeedbinSyncOperation::FeedbinSyncOperation(std::shared_ptr<Account> account, const SyncEnvironment& environment)
+FeedbinSyncOperation::FeedbinSyncOperation(std::shared_ptr<Account> account,
+                                           const SyncEnvironment& environment)
     : AggregatorSyncOperation(std::move(account), environment, "Feedbin") {}
 
 QKFeedbinClient& FeedbinSyncOperation::client() const { return static_cast<QKFeedbinClient&>(*apiClient()); }
@@ -64,10 +65,13 @@ Result<FeedbinSyncOperation::LocalLists> FeedbinSyncOperation::fetchLocalLists()
 
 bool FeedbinSyncOperation::syncFoldersAndFeeds() {
   auto lists = fetchLocalLists();
-  if (!lists) return failStep(lists.error(), fmt::format("failed reading the local feeds: {}", lists.error().message()));
+  if (!lists)
+    return failStep(lists.error(),
+                    fmt::format("failed reading the local feeds: {}", lists.error().message()));
   auto taggings = client().getTags();
   if (!taggings) {
-    return failStep(taggings.error(), fmt::format("failed fetching tags. Error: {}", taggings.error().message()));
+    return failStep(taggings.error(),
+                    fmt::format("failed fetching tags. Error: {}", taggings.error().message()));
   }
   // An answer that is no list says nothing: what is stored stays as it is (a server's odd answer
   // must not empty the library of its folders, feeds and stories).
@@ -112,7 +116,8 @@ void FeedbinSyncOperation::processTags(const json& taggings, LocalLists& lists) 
 void FeedbinSyncOperation::deleteObsoleteTags(LocalLists& lists) {
   log("removing obsolete folders...");
   for (const auto& folder : lists.tags) {
-    if (std::find(lists.currentTags.begin(), lists.currentTags.end(), folder) != lists.currentTags.end()) continue;
+    if (std::find(lists.currentTags.begin(), lists.currentTags.end(), folder) != lists.currentTags.end())
+      continue;
     if (!folder->isDeleted()) moc().deleteObject(*folder);
   }
   saveContext();
@@ -131,7 +136,8 @@ void FeedbinSyncOperation::processFeeds(const json& subscriptions, const json* t
         const auto name = safeStringValue(tagging, "name");
         auto last = std::find_if(lists.currentTags.rbegin(), lists.currentTags.rend(),
                                  [&](const auto& folder) { return folder->title() == name; });
-        if (last != lists.currentTags.rend() && std::find(folders.begin(), folders.end(), *last) == folders.end()) {
+        if (last != lists.currentTags.rend() &&
+            std::find(folders.begin(), folders.end(), *last) == folders.end()) {
           folders.push_back(*last);
         }
       }
@@ -186,7 +192,8 @@ void FeedbinSyncOperation::deleteObsoleteFeeds(LocalLists& lists) {
 bool FeedbinSyncOperation::syncUnreadStories() {
   log("fetching unread stories...");
   auto ids = client().getUnreadEntryIds();
-  if (!ids) return failStep(ids.error(), fmt::format("failed fetching unread ids. Error: {}", ids.error().message()));
+  if (!ids)
+    return failStep(ids.error(), fmt::format("failed fetching unread ids. Error: {}", ids.error().message()));
   return syncEntries(idsOf(*ids), ListedFlag::kUnread);
 }
 
@@ -194,7 +201,8 @@ bool FeedbinSyncOperation::syncStarredStories() {
   log("fetching starred stories...");
   auto ids = client().getStarredEntryIds();
   if (!ids) {
-    return failStep(ids.error(), fmt::format("failed fetching starred entry ids. Error: {}", ids.error().message()));
+    return failStep(ids.error(),
+                    fmt::format("failed fetching starred entry ids. Error: {}", ids.error().message()));
   }
   return syncEntries(idsOf(*ids), ListedFlag::kStarred);
 }
@@ -203,7 +211,9 @@ bool FeedbinSyncOperation::syncEntries(std::vector<std::string> ids, ListedFlag 
   ListedItems pass;
   pass.flag = flag;
   pass.idsPerRequest = QKFeedbinClient::kEntriesPerPage;
-  pass.fetchItems = [this](const std::vector<std::string>& batch) { return client().getEntriesWithIds(batch, 1); };
+  pass.fetchItems = [this](const std::vector<std::string>& batch) {
+    return client().getEntriesWithIds(batch, 1);
+  };
   pass.failedBatchLog = "failed fetching entries with ids. Ids: {}. Error: {}";
   return syncListedItems(std::move(ids), pass);
 }
@@ -240,7 +250,9 @@ std::optional<Date> FeedbinSyncOperation::itemDate(const json& entry) const {
   return published ? dateFromISO8601String(*published) : std::nullopt;
 }
 
-bool FeedbinSyncOperation::isValidItem(const json& entry) const { return FeedStory::isValidForFeedbinMapping(entry); }
+bool FeedbinSyncOperation::isValidItem(const json& entry) const {
+  return FeedStory::isValidForFeedbinMapping(entry);
+}
 
 void FeedbinSyncOperation::mapItem(FeedStory& story, const json& entry, Date date) const {
   story.mapFromFeedbinDictionary(entry, date, environment().clock);

@@ -37,8 +37,8 @@ class FeedbinSyncOperation final : public AggregatorSyncOperation {
   // The account's feeds and folders while the subscriptions are matched. Local to that step:
   // nothing of a context may outlive it.
   struct LocalLists {
-    std::vector<std::shared_ptr<Feed>> feeds;             // not matched by a subscription yet
-    std::vector<std::shared_ptr<FeedFolder>> tags;        // the account's folders
+    std::vector<std::shared_ptr<Feed>> feeds;              // not matched by a subscription yet
+    std::vector<std::shared_ptr<FeedFolder>> tags;         // the account's folders
     std::vector<std::shared_ptr<FeedFolder>> currentTags;  // confirmed by this run's taggings
   };
   Result<LocalLists> fetchLocalLists();

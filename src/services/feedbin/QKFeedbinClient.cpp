@@ -65,12 +65,13 @@ std::string QKFeedbinClient::sinceString(Date date) {
   const auto sinceEpoch = date.time_since_epoch();
   auto seconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
   const auto tenthsOfMicroseconds =
-      std::chrono::duration_cast<std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>>(sinceEpoch - seconds);
+      std::chrono::duration_cast<std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>>(sinceEpoch -
+                                                                                                 seconds);
   const std::time_t time = seconds.count();
   std::tm utc{};
   gmtime_r(&time, &utc);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:07}Z", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
-                     utc.tm_hour, utc.tm_min, utc.tm_sec, tenthsOfMicroseconds.count());
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:07}Z", utc.tm_year + 1900, utc.tm_mon + 1,
+                     utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, tenthsOfMicroseconds.count());
 }
 
 void QKFeedbinClient::authenticate(Completion onCompleted) {
@@ -84,14 +85,14 @@ void QKFeedbinClient::authenticate(Completion onCompleted) {
       });
 }
 
-Result<json> QKFeedbinClient::blockingGet(std::string_view resource, const json& parameters, std::string_view title,
-                                          bool notFoundEndsPaging) {
+Result<json> QKFeedbinClient::blockingGet(std::string_view resource, const json& parameters,
+                                          std::string_view title, bool notFoundEndsPaging) {
   auto response = synchronouslyGetPath(path(resource), parameters);
   const json* body = response.json();
   if (response.error) {
     if (notFoundEndsPaging && response.statusCode() == 404) return body ? *body : json();
-    return fail(titledError(response.operation ? response.operation->response() : std::nullopt, *response.error,
-                            title));
+    return fail(titledError(response.operation ? response.operation->response() : std::nullopt,
+                            *response.error, title));
   }
   return body ? *body : json();
 }
@@ -100,7 +101,9 @@ Result<json> QKFeedbinClient::getFeeds() {
   return blockingGet("subscriptions.json", nullptr, kFetchSubscriptionsFailed, false);
 }
 
-Result<json> QKFeedbinClient::getTags() { return blockingGet("taggings.json", nullptr, kFetchTagsFailed, false); }
+Result<json> QKFeedbinClient::getTags() {
+  return blockingGet("taggings.json", nullptr, kFetchTagsFailed, false);
+}
 
 Result<json> QKFeedbinClient::getUnreadEntryIds() {
   return blockingGet("unread_entries.json", nullptr, kFetchEntriesFailed, false);
@@ -123,7 +126,8 @@ Result<json> QKFeedbinClient::getReadEntriesSince(std::optional<Date> since, int
   return blockingGet("entries.json", parameters, kFetchEntriesFailed, true);
 }
 
-Result<std::vector<HttpRequest>> QKFeedbinClient::markRequests(std::string_view method, std::string_view resource,
+Result<std::vector<HttpRequest>> QKFeedbinClient::markRequests(std::string_view method,
+                                                               std::string_view resource,
                                                                std::string_view key,
                                                                const std::vector<std::string>& ids) {
   std::vector<HttpRequest> requests;
@@ -131,7 +135,8 @@ Result<std::vector<HttpRequest>> QKFeedbinClient::markRequests(std::string_view 
     // The ids travel in the query string; a long list is split so that every URL stays short.
     auto batches = batchesOfListParameter(method, path(resource), json{{key, wireIds(ids)}}, key);
     if (!batches) return fail(batches.error());
-    for (const auto& parameters : *batches) requests.push_back(requestWithMethod(method, path(resource), parameters));
+    for (const auto& parameters : *batches)
+      requests.push_back(requestWithMethod(method, path(resource), parameters));
     return requests;
   }
   for (size_t first = 0; first < ids.size(); first += kMaximumIdsPerMark) {
@@ -189,7 +194,8 @@ void QKFeedbinClient::deleteFeed(const std::string& subscriptionId, Completion o
 
 void QKFeedbinClient::createTaggingWithFeedId(const std::string& feedId, const std::string& folderName,
                                               Completion onCompleted) {
-  auto request = requestWithMethod("POST", path("taggings.json"), json{{"feed_id", wireId(feedId)}, {"name", folderName}});
+  auto request = requestWithMethod("POST", path("taggings.json"),
+                                   json{{"feed_id", wireId(feedId)}, {"name", folderName}});
   sendInOrder({std::move(request)}, kMoveFeedFailed, std::move(onCompleted));
 }
 
@@ -200,7 +206,7 @@ void QKFeedbinClient::moveFeed(const std::string& feedId, const std::optional<st
   auto operation = HTTPRequestOperationWithRequest(
       std::move(request),
       [weakClient = weak_from_this(), feedId, folderName, onCompleted](AFHTTPRequestOperation&,
-                                                                        const ResponseObject& object) {
+                                                                       const ResponseObject& object) {
         auto client = weakClient.lock();
         if (!client) {
           if (onCompleted) {
@@ -216,14 +222,16 @@ void QKFeedbinClient::moveFeed(const std::string& feedId, const std::optional<st
             if (safeStringValue(tagging, "feed_id") != feedId) continue;
             const auto id = safeStringValue(tagging, "id");
             if (!id) continue;
-            auto untag = client->requestWithMethod("DELETE", client->path(fmt::format("taggings/{}.json", *id)));
+            auto untag =
+                client->requestWithMethod("DELETE", client->path(fmt::format("taggings/{}.json", *id)));
             untag.timeoutInterval = kTaggingTimeout;
             requests.push_back(std::move(untag));
           }
         }
         if (folderName) {
-          requests.push_back(client->requestWithMethod("POST", client->path("taggings.json"),
-                                                       json{{"feed_id", wireId(feedId)}, {"name", *folderName}}));
+          requests.push_back(
+              client->requestWithMethod("POST", client->path("taggings.json"),
+                                        json{{"feed_id", wireId(feedId)}, {"name", *folderName}}));
         }
         client->sendInOrder(std::move(requests), kMoveFeedFailed, onCompleted);
       },

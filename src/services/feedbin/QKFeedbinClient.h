@@ -2,12 +2,11 @@
 
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "core/Clock.h"
 #include "core/Error.h"
@@ -32,7 +31,8 @@ class QKFeedbinClient final : public AFHTTPClient, public std::enable_shared_fro
   using SubscriptionCompletion = std::function<void(Result<nlohmann::json>)>;
 
   // Paths are relative ("v2/..."), so a server under a path ("https://host/feedbin/") works too.
-  QKFeedbinClient(NetworkSession& session, std::string_view baseURL, std::string username, std::string password);
+  QKFeedbinClient(NetworkSession& session, std::string_view baseURL, std::string username,
+                  std::string password);
 
   const std::string& username() const { return username_; }
 
@@ -61,8 +61,10 @@ class QKFeedbinClient final : public AFHTTPClient, public std::enable_shared_fro
   void deleteFeed(const std::string& subscriptionId, Completion onCompleted);
   // Untags the feed (by its feed id) everywhere, then tags it `folderName` when one is given, so
   // that it sits in at most one folder.
-  void moveFeed(const std::string& feedId, const std::optional<std::string>& folderName, Completion onCompleted);
-  void createTaggingWithFeedId(const std::string& feedId, const std::string& folderName, Completion onCompleted);
+  void moveFeed(const std::string& feedId, const std::optional<std::string>& folderName,
+                Completion onCompleted);
+  void createTaggingWithFeedId(const std::string& feedId, const std::string& folderName,
+                               Completion onCompleted);
 
   // "2013-02-04T01:00:19.1278930Z": the `since` of a read-entries request (seven digits).
   static std::string sinceString(Date date);

@@ -1,22 +1,21 @@
 // A stateful stand-in for the Feedbin API v2 on loopback; speaks only the wire protocol.
 #include "mocks/FeedbinMockServer.h"
 
-#include "mocks/MockWire.h"
-
+#include <fmt/format.h>
+#include <httplib.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <condition_variable>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 
-#include <fmt/format.h>
-#include <httplib.h>
-#include <nlohmann/json.hpp>
+#include "mocks/MockWire.h"
 
 namespace lectern::mock {
 namespace {

@@ -22,13 +22,13 @@ namespace lectern::mock {
 // One request as the mock received it, for tests that assert what reached the server.
 struct RecordedRequest {
   std::string method;
-  std::string path;                                   // "/v2/entries.json"
-  std::multimap<std::string, std::string> query;      // decoded query parameters, in order
+  std::string path;                               // "/v2/entries.json"
+  std::multimap<std::string, std::string> query;  // decoded query parameters, in order
   std::string body;
   std::string contentType;
-  std::string authorization;                          // the Authorization header as sent
+  std::string authorization;  // the Authorization header as sent
   std::string accept;
-  int status = 0;                                     // what the mock answered
+  int status = 0;  // what the mock answered
 };
 
 // A failure the mock plays instead of answering one chosen request.
@@ -41,8 +41,8 @@ enum class Fault {
 };
 
 struct FeedbinSubscription {
-  std::int64_t id = 0;       // the subscription id (unsubscribe uses it)
-  std::int64_t feedId = 0;   // the feed id (entries and taggings refer to it)
+  std::int64_t id = 0;      // the subscription id (unsubscribe uses it)
+  std::int64_t feedId = 0;  // the feed id (entries and taggings refer to it)
   std::string title;
   std::string feedUrl;
   std::optional<std::string> siteUrl;  // null on the wire when absent

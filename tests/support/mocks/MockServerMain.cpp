@@ -1,7 +1,9 @@
 // `mock-server SERVICE [options]`: one of Lectern's local service stand-ins on 127.0.0.1 until
 // SIGINT or SIGTERM, for trying Lectern by hand and for benchmarks. One subcommand per service.
+#include <fmt/format.h>
 #include <pthread.h>
 
+#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <functional>
@@ -9,9 +11,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-
-#include <CLI/CLI.hpp>
-#include <fmt/format.h>
 
 #include "mocks/FeedbinMockServer.h"
 

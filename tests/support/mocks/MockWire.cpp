@@ -2,17 +2,16 @@
 // answers.
 #include "mocks/MockWire.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <chrono>
 
-#include <fmt/format.h>
-
 namespace lectern::mock {
 
 // ---- time ----
-
 
 namespace {
 
@@ -218,7 +217,6 @@ std::string urlKey(std::string_view url) {
 }
 
 // ---- answers ----
-
 
 std::string jsonText(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
