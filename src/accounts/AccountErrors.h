@@ -22,6 +22,8 @@ enum AccountErrorCode : int {
   kNoSuchFeed = 9,              // no subscription with that local id
   kStoreFailed = 10,            // the library refused a read or a save
   kInvalidFolderName = 11,      // a folder without a name
+  kChangeNotOffered = 12,       // the service does not offer that change of subscriptions or folders
+  kNoSuchFolder = 13,           // no folder of feeds with that local id
 };
 
 }  // namespace lectern

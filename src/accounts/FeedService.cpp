@@ -1,13 +1,32 @@
 #include "accounts/FeedService.h"
 
+#include <fmt/format.h>
+
+#include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Strings.h"
 #include "store/Account.h"
+#include "store/Bookmark.h"
 #include "store/Feed.h"
 #include "store/FeedFolder.h"
 #include "store/ObjectContext.h"
 
 namespace lectern {
+
+std::string FeedService::changeNotOfferedReason(SubscriptionChange change) const {
+  switch (change) {
+    case SubscriptionChange::kSubscribe:
+    case SubscriptionChange::kUnsubscribe:
+    case SubscriptionChange::kMoveFeed:
+      return fmt::format("{} manages its subscriptions on the server: change them there (its web page), then "
+                         "`lectern sync`.",
+                         descriptionName());
+    case SubscriptionChange::kRenameFolder:
+      return fmt::format("{} folders cannot be renamed from here: rename it on the server, then `lectern sync`.",
+                         descriptionName());
+  }
+  return {};
+}
 
 void FeedService::addFeedWithUrl(std::string, FeedFolder* folder, FeedCompletion onCompleted) {
   checkFolder(folder);
@@ -70,6 +89,63 @@ Result<void> FeedService::moveFeedInLocalStore(Feed& feed, FeedFolder* folder) {
   }
   if (folder != nullptr) folder->addFeed(feed);
   return {};
+}
+
+Result<std::shared_ptr<Feed>> FeedService::feedForSubscription(const std::string& remoteId,
+                                                               std::optional<std::string> title,
+                                                               std::optional<std::string> feedLink,
+                                                               std::optional<std::string> extId) {
+  auto owner = account();
+  if (!owner || owner->isDeleted()) return fail(notAFeedError());
+  auto& context = owner->managedObjectContext();
+  ObjectContext::FetchRequest request;
+  request.where = "account = ? AND entity = 'Feed' AND folder_id = ? AND id NOT IN (SELECT feed FROM FeedFolder_feeds)";
+  request.arguments = {owner->objectID().row, remoteId};
+  auto found = context.fetchFirst<Feed>(std::move(request));
+  if (!found) return fail(found.error());
+  std::shared_ptr<Feed> feed = *found;
+  if (!feed) {
+    feed = owner->addFeedWithTitle(std::move(title), std::move(feedLink), remoteId);
+    if (extId) feed->setExt_id(std::move(extId));
+  }
+  if (auto saved = context.save(); !saved) {
+    logError(descriptionName(), "Failed to save the new subscription: {}", saved.error().message());
+    return fail(saved.error());
+  }
+  return feed;
+}
+
+std::optional<Error> FeedService::deleteFeedAfterServer(Feed& feed) {
+  if (feed.isDeleted()) return std::nullopt;
+  auto& context = feed.managedObjectContext();
+  deleteFeedFromLocalStore(feed);
+  if (auto saved = context.save(); !saved) {
+    logError(descriptionName(), "Failed to save the deleted subscription: {}", saved.error().message());
+    return saved.error();
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> FeedService::moveFeedAfterServer(Feed& feed, FeedFolder* folder) {
+  if (feed.isDeleted()) return std::nullopt;
+  if (auto moved = moveFeedInLocalStore(feed, folder); !moved) return moved.error();
+  if (auto saved = feed.managedObjectContext().save(); !saved) {
+    logError(descriptionName(), "Failed to save the moved subscription: {}", saved.error().message());
+    return saved.error();
+  }
+  return std::nullopt;
+}
+
+Error FeedService::notAFeedError() {
+  return Error::make(kLecternErrorDomain, 0, "Failed to fetch feed", "Feed not found or it isn't a valid feed");
+}
+
+std::vector<std::string> FeedService::bookmarkIdsOf(const std::vector<std::shared_ptr<Bookmark>>& bookmarks) {
+  std::vector<std::string> ids;
+  for (const auto& bookmark : bookmarks) {
+    if (auto id = bookmark->bookmark_id()) ids.push_back(*id);
+  }
+  return ids;
 }
 
 void FeedService::checkFolder(const FeedFolder* folder) const {

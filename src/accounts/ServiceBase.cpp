@@ -65,7 +65,13 @@ void ServiceBase::createDefaultFolders(Account& account) {
                found.error().message());
       return;
     }
-    if (!*found) account.addFolderWithTitle(std::string(folder.title), pos, std::string(folder.folderId));
+    if (!*found) {
+      if (isFeedService()) {
+        account.addFeedFolderWithTitle(std::string(folder.title), pos, std::string(folder.folderId));
+      } else {
+        account.addFolderWithTitle(std::string(folder.title), pos, std::string(folder.folderId));
+      }
+    }
     ++pos;
   }
 }
@@ -90,6 +96,18 @@ std::string ServiceBase::serviceBaseURL(std::string_view defaultsKey, std::strin
     if (!trim(configured).empty()) return trim(configured);
   }
   return std::string(builtIn);
+}
+
+std::optional<std::string> ServiceBase::storedSecret() const {
+  auto owner = account();
+  if (!owner) return std::nullopt;
+  auto secret = owner->tokenSecret();
+  if (!secret || !*secret || (*secret)->empty()) {
+    logError(kLogCategory, "{}: no secret stored for {}: {}", descriptionName(), owner->uniqueIdentifier(),
+             secret ? "none" : secret.error().message());
+    return std::nullopt;
+  }
+  return **secret;
 }
 
 Error ServiceBase::clientUnavailableError(std::string_view action) const {

@@ -86,6 +86,9 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
   // Where the client connects: the account's api_endpoint, else the user default `defaultsKey`
   // ("feedbinApiEndpoint"), else `builtIn`. Self-hosted servers and tests set the first two.
   std::string serviceBaseURL(std::string_view defaultsKey, std::string_view builtIn) const;
+  // The account's secret (password or token) from the secret store; nothing (logged) when there is
+  // none or it cannot be read, and then no client can be made.
+  std::optional<std::string> storedSecret() const;
   // Runs `onCompleted` with `error` on the main queue (never inline, even on the main thread).
   void complete(ServiceCompletion onCompleted, std::optional<Error> error) const;
   void completeWithoutClient(std::string_view action, ServiceCompletion onCompleted) const;

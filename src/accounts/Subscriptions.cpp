@@ -72,6 +72,15 @@ Result<FoundFeed> findFeed(ObjectContext& context, std::int64_t feedId, std::str
               fmt::format("There is no feed {}; `lectern feeds` lists them.", feedId));
 }
 
+// The error of a change the account's service does not offer, or nothing when it does.
+std::optional<Error> notOffered(const FeedService& service, FeedService::SubscriptionChange change,
+                                std::string_view action) {
+  if (service.offers(change)) return std::nullopt;
+  return Error::make(kAccountErrorDomain, kChangeNotOffered,
+                     fmt::format("{}: Failed to {}", service.descriptionName(), action),
+                     service.changeNotOfferedReason(change));
+}
+
 }  // namespace
 
 void subscribeAccountToFeed(ObjectContext& mainContext, Account& account, std::string url,
@@ -82,6 +91,9 @@ void subscribeAccountToFeed(ObjectContext& mainContext, Account& account, std::s
   };
   auto service = serviceObjectOf<FeedService>(account);
   if (!service) return failLater(subscriptionError("This account does not subscribe to feeds."));
+  if (auto refused = notOffered(*service, FeedService::SubscriptionChange::kSubscribe, "add subscription")) {
+    return failLater(*refused);
+  }
   auto folder = folderTitled(mainContext, *service, folderTitle);
   if (!folder) return failLater(subscriptionError(folder.error().message()));
   // The completion runs on the main queue and holds the account object (and so its service) until then.
@@ -95,10 +107,13 @@ void subscribeAccountToFeed(ObjectContext& mainContext, Account& account, std::s
 
 void unsubscribeFromFeed(ObjectContext& mainContext, std::int64_t feedId, ServiceCompletion onCompleted) {
   auto found = findFeed(mainContext, feedId, "Failed to delete subscription");
-  if (!found) {
+  std::optional<Error> refused =
+      found
+          ? notOffered(*found->service, FeedService::SubscriptionChange::kUnsubscribe, "delete subscription")
+          : std::optional<Error>(found.error());
+  if (refused) {
     if (onCompleted) {
-      mainContext.environment().mainQueue().post(
-          [onCompleted, error = found.error()] { onCompleted(error); });
+      mainContext.environment().mainQueue().post([onCompleted, error = *refused] { onCompleted(error); });
     }
     return;
   }
@@ -115,6 +130,10 @@ void moveFeedToFolder(ObjectContext& mainContext, std::int64_t feedId, std::opti
   };
   auto found = findFeed(mainContext, feedId, "Failed to move subscription");
   if (!found) return failLater(found.error());
+  if (auto refused =
+          notOffered(*found->service, FeedService::SubscriptionChange::kMoveFeed, "move subscription")) {
+    return failLater(*refused);
+  }
   auto folder = folderTitled(mainContext, *found->service, folderTitle);
   if (!folder) {
     return failLater(Error::make(kAccountErrorDomain, kStoreFailed, "Failed to move subscription",
@@ -126,6 +145,43 @@ void moveFeedToFolder(ObjectContext& mainContext, std::int64_t feedId, std::opti
         if (error && made) removeIfEmpty(*owner, *made);
         if (onCompleted) onCompleted(std::move(error));
       });
+}
+
+void renameFolder(ObjectContext& mainContext, std::int64_t folderId, std::string title,
+                  ServiceCompletion onCompleted) {
+  MainQueue& mainQueue = mainContext.environment().mainQueue();
+  auto failLater = [&](Error error) {
+    if (onCompleted) mainQueue.post([onCompleted, error = std::move(error)] { onCompleted(error); });
+  };
+  constexpr std::string_view kAction = "Failed to rename folder";
+  auto found = mainContext.existingObject<FeedFolder>(ObjectId{Entity::kFeedFolder, folderId});
+  if (!found)
+    return failLater(Error::make(kAccountErrorDomain, kStoreFailed, kAction, found.error().message()));
+  std::shared_ptr<FeedFolder> folder = *found;
+  std::shared_ptr<Account> account;
+  std::shared_ptr<FeedService> service;
+  if (folder && !folder->isDeleted() && folder->entity() == Entity::kFeedFolder) {
+    if (auto owner = folder->account(); owner && *owner) {
+      account = *owner;
+      service = serviceObjectOf<FeedService>(*account);
+    }
+  }
+  if (!service) {
+    return failLater(
+        Error::make(kAccountErrorDomain, kNoSuchFolder, kAction,
+                    fmt::format("There is no folder of feeds {}; `lectern folders` lists them.", folderId)));
+  }
+  if (trim(title).empty()) {
+    return failLater(Error::make(kAccountErrorDomain, kInvalidFolderName, kAction, "A folder needs a name."));
+  }
+  if (auto refused = notOffered(*service, FeedService::SubscriptionChange::kRenameFolder, "rename folder")) {
+    return failLater(*refused);
+  }
+  service->addOrRenameFolder(trim(title), folder.get(),
+                             [account, onCompleted](Result<std::shared_ptr<FeedFolder>> renamed) {
+                               if (onCompleted)
+                                 onCompleted(renamed ? std::nullopt : std::optional<Error>(renamed.error()));
+                             });
 }
 
 }  // namespace lectern

@@ -31,4 +31,12 @@ void unsubscribeFromFeed(ObjectContext& mainContext, std::int64_t feedId, Servic
 void moveFeedToFolder(ObjectContext& mainContext, std::int64_t feedId, std::optional<std::string> folderTitle,
                       ServiceCompletion onCompleted);
 
+// Renames the feed account's FeedFolder whose local id is `folderId`. kNoSuchFolder when no feed
+// service has that folder.
+void renameFolder(ObjectContext& mainContext, std::int64_t folderId, std::string title, ServiceCompletion onCompleted);
+
+// Every call above first asks whether the account's service offers the change (FeedService::offers):
+// when it does not, it fails with kChangeNotOffered and the service's reason, and the service is
+// not called.
+
 }  // namespace lectern

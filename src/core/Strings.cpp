@@ -5,6 +5,7 @@
 #include <openssl/rand.h>
 
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -33,6 +34,25 @@ std::optional<std::string> safeStringValue(const nlohmann::json& object, std::st
   auto it = object.find(key);
   if (it == object.end()) return std::nullopt;
   return safeStringValue(*it);
+}
+
+bool safeBoolValue(const nlohmann::json& value) {
+  if (value.is_boolean()) return value.get<bool>();
+  if (value.is_number()) return value.get<double>() != 0;
+  if (value.is_string()) {
+    const std::string text = toLowerASCII(trim(value.get<std::string>()));
+    if (text == "true" || text == "yes") return true;
+    double number = 0;
+    const auto* end = text.data() + text.size();
+    return !text.empty() && std::from_chars(text.data(), end, number).ptr == end && number != 0;
+  }
+  return false;
+}
+
+bool safeBoolValue(const nlohmann::json& object, std::string_view key) {
+  if (!object.is_object()) return false;
+  auto it = object.find(key);
+  return it != object.end() && safeBoolValue(*it);
 }
 
 std::string hexEncode(std::string_view bytes) {

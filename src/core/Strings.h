@@ -16,6 +16,11 @@ std::optional<std::string> safeStringValue(const nlohmann::json& value);
 // The same, looked up by key in an object (anything else gives nothing).
 std::optional<std::string> safeStringValue(const nlohmann::json& object, std::string_view key);
 
+// A flag as services write it: true, a number other than 0, or the text "1", "true" or "yes"
+// (any case). Anything else, a missing key included, is false.
+bool safeBoolValue(const nlohmann::json& value);
+bool safeBoolValue(const nlohmann::json& object, std::string_view key);
+
 // 32 lower-case hexadecimal digits of the MD5 of the bytes.
 std::string MD5Hash(std::string_view text);
 // Standard alphabet with "=" padding.

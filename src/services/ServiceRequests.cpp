@@ -13,6 +13,7 @@ struct Chain {
   size_t next = 0;
   std::string title;
   std::function<void(std::optional<Error>)> onCompleted;
+  RequestErrorReader readError;
 
   void complete(std::optional<Error> error) {
     auto done = std::move(onCompleted);
@@ -35,7 +36,8 @@ void sendNext(const std::shared_ptr<Chain>& chain) {
       std::move(chain->requests[chain->next++]),
       [chain](AFHTTPRequestOperation&, const ResponseObject&) { sendNext(chain); },
       [chain](AFHTTPRequestOperation& operation, const Error& error) {
-        chain->complete(titledError(operation.response(), error, chain->title));
+        chain->complete(chain->readError ? chain->readError(operation, error, chain->title)
+                                         : titledError(operation.response(), error, chain->title));
       });
   client->enqueueHTTPRequestOperation(std::move(operation));
 }
@@ -53,9 +55,10 @@ Error titledError(const std::optional<HttpResponse>& response, const Error& erro
 }
 
 void sendInOrder(const std::shared_ptr<AFHTTPClient>& client, std::vector<HttpRequest> requests,
-                 std::string title, std::function<void(std::optional<Error>)> onCompleted) {
+                 std::string title, std::function<void(std::optional<Error>)> onCompleted,
+                 RequestErrorReader readError) {
   sendNext(std::make_shared<Chain>(
-      Chain{client, std::move(requests), 0, std::move(title), std::move(onCompleted)}));
+      Chain{client, std::move(requests), 0, std::move(title), std::move(onCompleted), std::move(readError)}));
 }
 
 }  // namespace lectern

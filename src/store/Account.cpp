@@ -172,7 +172,14 @@ void Account::createDefaultFolders() {
       logError(kLogCategory, "Failed to create the default folders: {}", found.error().message());
       return;
     }
-    if (!*found) addFolderWithTitle(std::string(folder.title), pos, std::string(folder.folderId));
+    if (!*found) {
+      // A feed service's built-in folder ("Sparks") holds feeds.
+      if (isFeedService(serviceType())) {
+        addFeedFolderWithTitle(std::string(folder.title), pos, std::string(folder.folderId));
+      } else {
+        addFolderWithTitle(std::string(folder.title), pos, std::string(folder.folderId));
+      }
+    }
     ++pos;
   }
   if (auto service = serviceObject()) service->createDefaultFolders(*this);

@@ -200,6 +200,7 @@ bool AggregatorSyncOperation::syncListedItems(std::vector<std::string> ids, cons
   const MergeFlags flags{unread, starred, std::nullopt};
   json buffer = json::array();
   for (size_t first = 0; first < missing.size(); first += pass.idsPerRequest) {
+    if (!pass.batchLog.empty()) log("{}", fmt::format(fmt::runtime(pass.batchLog), missing.size() - first));
     const auto batch = slice(missing, first, pass.idsPerRequest);
     auto items = pass.fetchItems(batch);
     if (!items) {

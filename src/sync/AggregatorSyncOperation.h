@@ -114,6 +114,9 @@ class AggregatorSyncOperation : public SyncOperation {
     // Logged when a batch fails, with the ids and the error: "failed fetching entries with ids. Ids: {}.
     // Error: {}".
     std::string failedBatchLog;
+    // Logged before each request with the number of ids not fetched yet ("fetching missing unread
+    // items: {} remaining"); nothing when empty.
+    std::string batchLog;
   };
   bool syncListedItems(std::vector<std::string> ids, const ListedItems& pass);
 

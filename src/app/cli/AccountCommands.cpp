@@ -1,4 +1,5 @@
-// Commands for accounts and subscriptions: account add/list/remove/set, subscribe, unsubscribe, move.
+// Commands for accounts and subscriptions: account add/list/remove/set, subscribe, unsubscribe, move,
+// rename.
 #include <iostream>
 
 #include <fmt/format.h>
@@ -231,6 +232,20 @@ int runUnsubscribe(CliContext& cli, std::int64_t feedId) {
   return kExitOk;
 }
 
+int runRename(CliContext& cli, std::int64_t folderId, const std::string& title) {
+  auto library = openLibrary(cli);
+  if (!library) return kExitFailure;
+  std::optional<std::optional<Error>> outcome;
+  renameFolder(*library->context, folderId, title, [&outcome](std::optional<Error> error) { outcome = std::move(error); });
+  library->environment->mainQueue().runUntil([&] { return outcome.has_value(); });
+  if (*outcome) {
+    printError(**outcome);
+    return kExitFailure;
+  }
+  fmt::print("Renamed folder {} to {}.\n", folderId, title);
+  return kExitOk;
+}
+
 struct MoveOptions {
   std::int64_t feedId = 0;
   std::string folder;
@@ -326,6 +341,13 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
     }
   });
   context.onCommand(moveCommand, [&context, move] { return runMove(context, *move); });
+
+  auto renameArgs = std::make_shared<std::pair<std::int64_t, std::string>>();
+  auto* rename = app.add_subcommand("rename", "Rename a folder of feeds");
+  rename->add_option("FOLDER_ID", renameArgs->first, "The folder's id (from `lectern folders`)")->required();
+  rename->add_option("NAME", renameArgs->second, "Its new name")->required();
+  context.onCommand(rename,
+                    [&context, renameArgs] { return runRename(context, renameArgs->first, renameArgs->second); });
 }
 
 }  // namespace lectern::cli

@@ -13,48 +13,15 @@
 #include "store/ObjectContext.h"
 
 namespace lectern {
-namespace {
-
 using nlohmann::json;
-
-constexpr std::string_view kLogCategory = "FeedbinService";
-
-Error notAFeedError() {
-  return Error::make(kLecternErrorDomain, 0, "Failed to fetch feed",
-                     "Feed not found or it isn't a valid feed");
-}
-
-std::vector<std::string> bookmarkIds(const std::vector<std::shared_ptr<Bookmark>>& bookmarks) {
-  std::vector<std::string> ids;
-  for (const auto& bookmark : bookmarks) {
-    if (auto id = bookmark->bookmark_id()) ids.push_back(*id);
-  }
-  return ids;
-}
-
-// Saves after a change the server agreed to; a failure is the caller's error.
-std::optional<Error> saveAfterServer(ObjectContext& context, std::string_view what) {
-  if (auto saved = context.save(); !saved) {
-    logError(kLogCategory, "Failed to save {}: {}", what, saved.error().message());
-    return saved.error();
-  }
-  return std::nullopt;
-}
-
-}  // namespace
 
 std::shared_ptr<AFHTTPClient> FeedbinService::makeApiClient() {
   auto owner = account();
-  if (!owner || dependencies().session == nullptr) return nullptr;
-  auto password = owner->tokenSecret();
-  if (!password || !*password) {
-    logError(kLogCategory, "No password for {}: {}", owner->uniqueIdentifier(),
-             password ? "none stored" : password.error().message());
-    return nullptr;
-  }
+  auto password = storedSecret();
+  if (!owner || !password || dependencies().session == nullptr) return nullptr;
   auto client = std::make_shared<QKFeedbinClient>(
       *dependencies().session, serviceBaseURL(kApiEndpointDefaultsKey, QKFeedbinClient::kDefaultBaseURL),
-      owner->username().value_or(""), **password);
+      owner->username().value_or(""), *password);
   // One request at a time per account: Feedbin sees the changes in the order they were made.
   client->operationQueue().setMaxConcurrentOperationCount(1);
   return client;
@@ -62,6 +29,12 @@ std::shared_ptr<AFHTTPClient> FeedbinService::makeApiClient() {
 
 std::shared_ptr<QKFeedbinClient> FeedbinService::feedbinClient() {
   return std::static_pointer_cast<QKFeedbinClient>(apiClient());
+}
+
+std::string FeedbinService::changeNotOfferedReason(SubscriptionChange change) const {
+  if (change != SubscriptionChange::kRenameFolder) return FeedService::changeNotOfferedReason(change);
+  return "A Feedbin folder is the name of a tag on its feeds: move the feeds into a folder of the new name "
+         "(`lectern move FEED_ID --folder NAME`).";
 }
 
 std::string FeedbinService::unavailableReason() const {
@@ -77,7 +50,7 @@ void FeedbinService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>&
                                    bool archived, ServiceCompletion onCompleted) {
   auto client =
       clientOrFail<QKFeedbinClient>(archived ? "mark items read" : "mark items unread", onCompleted);
-  if (client) client->markStories(bookmarkIds(bookmarks), archived, std::move(onCompleted));
+  if (client) client->markStories(bookmarkIdsOf(bookmarks), archived, std::move(onCompleted));
 }
 
 void FeedbinService::markBookmarkFavorited(Bookmark& bookmark, bool favorited,
@@ -120,39 +93,16 @@ void FeedbinService::addFeedWithUrl(std::string url, FeedFolder* folder, FeedCom
 
 void FeedbinService::insertSubscribedFeed(const json& subscription, FeedFolder* folder,
                                           FeedCompletion onCompleted) {
-  auto owner = account();
-  if (!owner || owner->isDeleted()) {
-    if (onCompleted) onCompleted(fail(notAFeedError()));
-    return;
-  }
-  auto& context = owner->managedObjectContext();
   const auto feedId = safeStringValue(subscription, "feed_id");
-  if (!feedId) {
-    if (onCompleted) onCompleted(fail(notAFeedError()));
+  auto subscribed = feedId ? feedForSubscription(*feedId, safeStringValue(subscription, "title"),
+                                                 safeStringValue(subscription, "feed_url"),
+                                                 safeStringValue(subscription, "id"))
+                           : Result<std::shared_ptr<Feed>>(fail(notAFeedError()));
+  if (!subscribed) {
+    if (onCompleted) onCompleted(fail(subscribed.error()));
     return;
   }
-  // A feed of that id already at the top level is the one subscribed; otherwise a new one comes
-  // (a copy of a feed that sits in a folder goes again at the next sync).
-  ObjectContext::FetchRequest request;
-  request.where =
-      "account = ? AND entity = 'Feed' AND folder_id = ?"
-      " AND id NOT IN (SELECT feed FROM FeedFolder_feeds)";
-  request.arguments = {owner->objectID().row, *feedId};
-  auto found = context.fetchFirst<Feed>(std::move(request));
-  if (!found) {
-    if (onCompleted) onCompleted(fail(found.error()));
-    return;
-  }
-  std::shared_ptr<Feed> feed = *found;
-  if (!feed) {
-    feed = owner->addFeedWithTitle(safeStringValue(subscription, "title"),
-                                   safeStringValue(subscription, "feed_url"), *feedId);
-    feed->setExt_id(safeStringValue(subscription, "id"));
-  }
-  if (auto error = saveAfterServer(context, "the new subscription")) {
-    if (onCompleted) onCompleted(fail(*error));
-    return;
-  }
+  auto feed = *subscribed;
   if (folder == nullptr) {
     if (onCompleted) onCompleted(feed);
     return;
@@ -175,10 +125,7 @@ void FeedbinService::deleteFeed(Feed& feed, ServiceCompletion handler) {
   client->deleteFeed(feed.ext_id().value_or(""),
                      [self = std::static_pointer_cast<FeedbinService>(shared_from_this()), held,
                       handler](std::optional<Error> error) {
-                       if (!error && !held->isDeleted()) {
-                         self->deleteFeedFromLocalStore(*held);
-                         error = saveAfterServer(held->managedObjectContext(), "the deleted subscription");
-                       }
+                       if (!error) error = self->deleteFeedAfterServer(*held);
                        if (handler) handler(std::move(error));
                      });
 }
@@ -195,13 +142,7 @@ void FeedbinService::moveFeed(Feed& feed, FeedFolder* folder, ServiceCompletion 
   client->moveFeed(feed.folder_id().value_or(""), folderName,
                    [self = std::static_pointer_cast<FeedbinService>(shared_from_this()), held, target,
                     onComplete](std::optional<Error> error) {
-                     if (!error && !held->isDeleted()) {
-                       if (auto moved = self->moveFeedInLocalStore(*held, target.get()); !moved) {
-                         error = moved.error();
-                       } else {
-                         error = saveAfterServer(held->managedObjectContext(), "the moved subscription");
-                       }
-                     }
+                     if (!error) error = self->moveFeedAfterServer(*held, target.get());
                      if (onComplete) onComplete(std::move(error));
                    });
 }

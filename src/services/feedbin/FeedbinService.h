@@ -43,6 +43,10 @@ class FeedbinService final : public FeedService {
   void addOrRenameFolder(std::string title, FeedFolder* originalFolder,
                          FolderCompletion onCompleted) override;
 
+  // A folder is the name of a tag on feeds: it is renamed by moving its feeds.
+  bool offers(SubscriptionChange change) const override { return change != SubscriptionChange::kRenameFolder; }
+  std::string changeNotOfferedReason(SubscriptionChange change) const override;
+
   // Why there is no client: the password is missing from the secret store.
   std::string unavailableReason() const override;
 
