@@ -4,6 +4,10 @@ set(LECTERN_SERVICES_SOURCES
   src/services/ServiceRequests.cpp
   src/services/feedbin/QKFeedbinClient.cpp
   src/services/feedbin/FeedbinService.cpp
+  src/services/fever/QKFeverClient.cpp
+  src/services/fever/FeverService.cpp
+  src/services/feedwrangler/QKFeedWranglerClient.cpp
+  src/services/feedwrangler/FeedWranglerService.cpp
   src/services/localrss/LocalRSSService.cpp
   src/services/smartfolders/SmartFolderService.cpp
 )

@@ -46,6 +46,17 @@ class FeedStory final : public Bookmark {
   // future): the id is both bookmark_id and bookmark_hash, "created_at" the update date.
   void mapFromFeedbinDictionary(const nlohmann::json& entry, Date date, const Clock& clock);
 
+  // A Fever item can become a story when its "id", as text, is not empty.
+  static bool isValidForFeverMapping(const nlohmann::json& item);
+  // Fills the story from a Fever item created at `date` (now when it lies in the future),
+  // its read and saved flags included.
+  void mapFromFeverDictionary(const nlohmann::json& item, Date date, const Clock& clock);
+  // A Feed Wrangler item can become a story when its "feed_item_id", as text, is not empty.
+  static bool isValidForFeedWranglerMapping(const nlohmann::json& item);
+  // Fills the story from a Feed Wrangler item published at `date` (now when it lies in the
+  // future), its read and starred flags included.
+  void mapFromFeedWranglerDictionary(const nlohmann::json& item, Date date, const Clock& clock);
+
   std::optional<std::string> offlineFeedId() const override;
 };
 

@@ -29,4 +29,67 @@ void FeedStory::mapFromFeedbinDictionary(const nlohmann::json& entry, Date date,
   setAuthor(safeStringValue(entry, "author"));
 }
 
+// Fever writes times as seconds since 1970, ids as numbers or text, flags as 0/1 or text.
+bool FeedStory::isValidForFeverMapping(const nlohmann::json& item) {
+  const auto id = safeStringValue(item, "id");
+  return id && !id->empty();
+}
+
+void FeedStory::mapFromFeverDictionary(const nlohmann::json& item, Date date, const Clock& clock) {
+  if (isInFuture(date, clock)) date = clock.now();
+  const auto id = safeStringValue(item, "id");
+  setTitle(safeStringValue(item, "title"));
+  setBookmark_id(id);
+  setBookmark_hash(id);
+  setDate_added(date);
+  setHtml(safeStringValue(item, "html"));
+  const auto url = safeStringValue(item, "url");
+  setUrl(url);
+  setPermalink(url);
+  setAuthor(safeStringValue(item, "author"));
+  setIs_archived(safeBoolValue(item, "is_read"));
+  setIs_favorited(safeBoolValue(item, "is_saved"));
+}
+
+// Feed Wrangler names items by "feed_item_id", writes times as seconds since 1970 and its flags
+// as booleans.
+namespace {
+std::optional<Date> feedWranglerTime(const nlohmann::json& item, std::string_view key) {
+  const auto text = safeStringValue(item, key);
+  if (!text) return std::nullopt;
+  const auto seconds = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
+  if (!seconds.is_number()) return std::nullopt;
+  return dateFromSecondsSince1970(seconds.get<double>());
+}
+
+bool hasFeedWranglerValue(const nlohmann::json& item, std::string_view key) {
+  const auto found = item.find(key);
+  return found != item.end() && !found->is_null();
+}
+}  // namespace
+
+bool FeedStory::isValidForFeedWranglerMapping(const nlohmann::json& item) {
+  const auto id = safeStringValue(item, "feed_item_id");
+  return id && !id->empty();
+}
+
+void FeedStory::mapFromFeedWranglerDictionary(const nlohmann::json& item, Date date, const Clock& clock) {
+  if (isInFuture(date, clock)) date = clock.now();
+  const auto id = safeStringValue(item, "feed_item_id");
+  setTitle(safeStringValue(item, "title"));
+  setBookmark_id(id);
+  setBookmark_hash(id);
+  setDate_added(date);
+  setDate_updated(feedWranglerTime(item, "created_at"));
+  setHtml(safeStringValue(item, "body"));
+  const auto url = safeStringValue(item, "url");
+  setUrl(url);
+  setPermalink(url);
+  setAuthor(safeStringValue(item, "author"));
+  // A flag the item leaves out is the caller's to set.
+  if (!item.is_object()) return;
+  if (hasFeedWranglerValue(item, "read")) setIs_archived(safeBoolValue(item, "read"));
+  if (hasFeedWranglerValue(item, "starred")) setIs_favorited(safeBoolValue(item, "starred"));
+}
+
 }  // namespace lectern

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include "services/feedbin/FeedbinSyncOperation.h"
+#include "services/feedwrangler/FeedWranglerSyncOperation.h"
+#include "services/fever/FeverSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
 #include "store/Account.h"
 
@@ -16,6 +18,10 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<FeedSyncOperation>(std::move(account), environment);
     case ServiceType::kFeedbin:
       return std::make_shared<FeedbinSyncOperation>(std::move(account), environment);
+    case ServiceType::kFeedWrangler:
+      return std::make_shared<FeedWranglerSyncOperation>(std::move(account), environment);
+    case ServiceType::kFever:
+      return std::make_shared<FeverSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -25,13 +31,13 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
   switch (type) {
     case ServiceType::kLocalRSS:
     case ServiceType::kFeedbin:
+    case ServiceType::kFever:
+    case ServiceType::kFeedWrangler:
       return Support::kSupported;
     case ServiceType::kInstapaper:
     case ServiceType::kPocket:
     case ServiceType::kPinboard:
     case ServiceType::kNewsBlur:
-    case ServiceType::kFever:
-    case ServiceType::kFeedWrangler:
     case ServiceType::kFeedly:
       return Support::kNotInThisVersion;
     default:

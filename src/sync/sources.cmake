@@ -11,4 +11,6 @@ set(LECTERN_SYNC_SOURCES
   src/sync/QKSyncManager.cpp
   src/services/localrss/FeedSyncOperation.cpp
   src/services/feedbin/FeedbinSyncOperation.cpp
+  src/services/fever/FeverSyncOperation.cpp
+  src/services/feedwrangler/FeedWranglerSyncOperation.cpp
 )

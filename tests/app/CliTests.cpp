@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "mocks/FeedbinMockServer.h"
+#include "mocks/FeverMockServer.h"
 #include "store/SqliteDatabase.h"
 #include "support/TestSupport.h"
 #include "sync/SyncTestSupport.h"
@@ -336,6 +337,38 @@ TEST_F(CliTest, AFeedbinAccountIsAddedSyncedReadAndOrganisedFromTheCommandLine) 
   EXPECT_EQ(run(fmt::format("move {}", feedRow)).exit, 2);  // a folder or --no-folder is needed
   ASSERT_EQ(run(fmt::format("unsubscribe {}", feedRow)).exit, 0);
   EXPECT_EQ(feedbin.subscriptions().size(), 1u);
+}
+
+TEST_F(CliTest, AFeverAccountSyncsAndSaysWhereItsSubscriptionsAreManaged) {
+  mock::FeverMockServer fever("me", "secret", mock::FeverFlavour::kTextIds, "/api/fever.php");
+  fever.seed(/*feeds=*/3, /*itemsPerFeed=*/4, /*unread=*/5, /*savedEvery=*/4);
+
+  auto added = run("account add fever --username me --password-stdin --endpoint " + fever.endpoint(), "secret\n");
+  ASSERT_EQ(added.exit, 0) << added.err;
+  auto synced = run("sync");
+  ASSERT_EQ(synced.exit, 0) << synced.err;
+  const auto list = run("list --json --limit 0").parsed();
+  ASSERT_EQ(list.size(), 12u);
+  std::size_t unread = 0;
+  std::string firstUnread;
+  for (const auto& story : list) {
+    if (story["is_archived"] == false) {
+      ++unread;
+      firstUnread = std::to_string(story["id"].get<std::int64_t>());
+    }
+  }
+  EXPECT_EQ(unread, 5u);
+  ASSERT_EQ(run("mark read " + firstUnread).exit, 0);
+  EXPECT_EQ(fever.unreadItemIds().size(), 4u);
+
+  // Fever manages its feeds on the server: the commands say so instead of pretending.
+  auto subscribe = run("subscribe https://example.org/feed.xml --account fever");
+  EXPECT_EQ(subscribe.exit, 1);
+  EXPECT_THAT(subscribe.err, HasSubstr("Fever: Failed to add subscription"));
+  EXPECT_THAT(subscribe.err, HasSubstr("on your Fever server"));
+  const auto feedId = std::to_string(run("feeds --json").parsed()[0]["id"].get<std::int64_t>());
+  EXPECT_THAT(run("move " + feedId + " --folder Later").err, HasSubstr("on your Fever server"));
+  EXPECT_THAT(run("unsubscribe " + feedId).err, HasSubstr("on your Fever server"));
 }
 
 }  // namespace

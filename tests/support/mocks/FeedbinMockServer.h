@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "mocks/MockWire.h"
+
 namespace httplib {
 class Server;
 struct Request;
@@ -18,27 +20,6 @@ struct Response;
 }  // namespace httplib
 
 namespace lectern::mock {
-
-// One request as the mock received it, for tests that assert what reached the server.
-struct RecordedRequest {
-  std::string method;
-  std::string path;                               // "/v2/entries.json"
-  std::multimap<std::string, std::string> query;  // decoded query parameters, in order
-  std::string body;
-  std::string contentType;
-  std::string authorization;  // the Authorization header as sent
-  std::string accept;
-  int status = 0;  // what the mock answered
-};
-
-// A failure the mock plays instead of answering one chosen request.
-enum class Fault {
-  kServerError,     // 500 with a JSON error body
-  kSlow,            // answers normally after a delay (Fault::delay)
-  kWrongShape,      // 200 with a JSON object where a list is expected (and a list for an object)
-  kNotJson,         // 200 with an HTML body labelled text/html
-  kDropConnection,  // closes the connection without an answer
-};
 
 struct FeedbinSubscription {
   std::int64_t id = 0;      // the subscription id (unsubscribe uses it)

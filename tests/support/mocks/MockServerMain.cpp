@@ -12,7 +12,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "mocks/FeedWranglerMockServer.h"
 #include "mocks/FeedbinMockServer.h"
+#include "mocks/FeverMockServer.h"
 
 namespace {
 
@@ -90,6 +92,121 @@ void addFeedbinCommand(CLI::App& app, FeedbinOptions& options, std::function<int
   });
 }
 
+struct FeverOptions {
+  int port = 0;
+  std::string username = "me";
+  std::string password = "secret";
+  bool textIds = false;
+  int feeds = 20;
+  int itemsPerFeed = 25;
+  int unread = 100;
+  int savedEvery = 10;
+};
+
+void addFeverCommand(CLI::App& app, FeverOptions& options, std::function<int()>& run, const sigset_t& signals) {
+  auto* command = app.add_subcommand("fever", "The Fever API with a seeded account");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--username", options.username, "User name of the API key")->capture_default_str();
+  command->add_option("--password", options.password, "Password of the API key")->capture_default_str();
+  command->add_flag("--text-ids", options.textIds,
+                    "Answer as a server that writes ids and flags as text, at /api/fever.php (else numbers and "
+                    "toggled stars, at /fever/)");
+  command->add_option("--feeds", options.feeds, "Feeds to create")->check(kCount)->capture_default_str();
+  command->add_option("--items-per-feed", options.itemsPerFeed, "Items in each feed")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--unread", options.unread, "How many of the newest items are unread")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--saved-every", options.savedEvery, "Save every Nth item (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      using lectern::mock::FeverFlavour;
+      std::unique_ptr<lectern::mock::FeverMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::FeverMockServer>(
+            options.username, options.password,
+            options.textIds ? FeverFlavour::kTextIds : FeverFlavour::kNumbersAndToggledStars,
+            options.textIds ? "/api/fever.php" : "/fever/", options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->seed(options.feeds, options.itemsPerFeed, options.unread, options.savedEvery);
+      fmt::print("Fever mock at {} ({} unread, {} saved); Ctrl-C stops it.\n", server->endpoint(),
+                 server->unreadItemIds().size(), server->savedItemIds().size());
+      fmt::print("Add it to Lectern: lectern account add fever --username {} --password-stdin --endpoint {}"
+                 "  (password: {})\n",
+                 options.username, server->endpoint(), options.password);
+      std::fflush(stdout);
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
+struct FeedWranglerOptions {
+  int port = 0;
+  std::string email = "me@example.org";
+  std::string password = "secret";
+  std::string clientKey = "lectern-client-key";
+  int feeds = 20;
+  int itemsPerFeed = 25;
+  int unread = 100;
+  int starredEvery = 10;
+};
+
+void addFeedWranglerCommand(CLI::App& app, FeedWranglerOptions& options, std::function<int()>& run,
+                            const sigset_t& signals) {
+  auto* command = app.add_subcommand("feedwrangler", "Feed Wrangler API v2 with a seeded account");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--email", options.email, "Account e-mail address")->capture_default_str();
+  command->add_option("--password", options.password, "Account password")->capture_default_str();
+  command->add_option("--client-key", options.clientKey, "The client key sign-ins must carry")
+      ->capture_default_str();
+  command->add_option("--feeds", options.feeds, "Subscriptions to create")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--items-per-feed", options.itemsPerFeed, "Items in each feed")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--unread", options.unread, "How many of the newest items are unread")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--starred-every", options.starredEvery, "Star every Nth item (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      std::unique_ptr<lectern::mock::FeedWranglerMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::FeedWranglerMockServer>(options.email, options.password,
+                                                                         options.clientKey, options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->seed(options.feeds, options.itemsPerFeed, options.unread, options.starredEvery);
+      fmt::print("Feed Wrangler mock at {} ({} feeds, {} items, {} unread, {} starred); Ctrl-C stops it.\n",
+                 server->baseURL(), server->subscriptions().size(), server->itemCount(),
+                 server->unreadItemIds().size(), server->starredItemIds().size());
+      fmt::print(
+          "Add it to Lectern: lectern config set feedwranglerClientKey {} && lectern account add "
+          "feedwrangler --username {} --password-stdin --endpoint {}  (password: {})\n",
+          options.clientKey, options.email, server->baseURL(), options.password);
+      std::fflush(stdout);  // scripts read the address while the server runs
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -101,6 +218,11 @@ int main(int argc, char** argv) {
 
   FeedbinOptions feedbin;
   addFeedbinCommand(app, feedbin, run, signals);
+  FeedWranglerOptions feedWrangler;
+  addFeedWranglerCommand(app, feedWrangler, run, signals);
+
+  FeverOptions fever;
+  addFeverCommand(app, fever, run, signals);
 
   app.footer("Exit codes: 0 stopped by a signal, 1 failure, 2 usage error.");
   try {

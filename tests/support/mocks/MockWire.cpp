@@ -3,6 +3,7 @@
 #include "mocks/MockWire.h"
 
 #include <fmt/format.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cctype>
@@ -222,6 +223,15 @@ std::string jsonText(const Json& value) { return value.dump(-1, ' ', false, Json
 
 Answer jsonAnswer(int status, const Json& value) {
   return {status, jsonText(value), std::string(kJsonType), {}};
+}
+
+std::string md5Hex(std::string_view text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr);
+  std::string hex;
+  for (unsigned int i = 0; i < length; ++i) hex += fmt::format("{:02x}", digest[i]);
+  return hex;
 }
 
 }  // namespace lectern::mock

@@ -52,8 +52,31 @@ void forEachQueryPart(std::string_view rawQuery, Visit visit) {
 // Every pair of a raw query string, decoded, repeats kept, in order.
 Query parseQuery(std::string_view rawQuery);
 std::optional<std::string> base64Decoded(std::string_view text);
+// The MD5 of the bytes as 32 lowercase hexadecimal digits.
+std::string md5Hex(std::string_view text);
 // Scheme, letter case of the host and a trailing slash do not make another address.
 std::string urlKey(std::string_view url);
+
+// One request as the mock received it, for tests that assert what reached the server.
+struct RecordedRequest {
+  std::string method;
+  std::string path;                               // "/v2/entries.json", "/fever/"
+  std::multimap<std::string, std::string> query;  // decoded query parameters, in order
+  std::string body;
+  std::string contentType;
+  std::string authorization;  // the Authorization header as sent
+  std::string accept;
+  int status = 0;  // what the mock answered
+};
+
+// A failure the mock plays instead of answering one chosen request.
+enum class Fault {
+  kServerError,     // 500 with a JSON error body
+  kSlow,            // answers normally after a delay (Fault::delay)
+  kWrongShape,      // 200 with a JSON object where a list is expected (and a list for an object)
+  kNotJson,         // 200 with an HTML body labelled text/html
+  kDropConnection,  // closes the connection without an answer
+};
 
 // What a mock answers to one request.
 struct Answer {
