@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# `lectern sync` of a Feedbin account played by the mock server, as a person runs it: wall time and
-# peak memory (/usr/bin/time) of the first sync (everything new) and of a second one with nothing
-# new, for an account of 10,000 unread entries in 200 feeds (2,000 starred) and for one twice as
-# large, to show that memory does not grow with the number of entries.
+# `lectern sync` of a Feedbin and of a Fever account played by their mock servers, as a person runs
+# it: wall time and peak memory (/usr/bin/time) of the first sync (everything new) and of a second
+# one with nothing new, for an account of 10,000 unread entries in 200 feeds (2,000 starred) and
+# for one twice as large, to show that memory does not grow with the number of entries.
 #
 # Usage: bench/services/run.sh [BUILD_DIR]   (env: PORT=8792)
 set -euo pipefail
@@ -27,22 +27,32 @@ measure() {
 }
 
 run_account() {
-  local feeds=$1
+  local service=$1 feeds=$2
   local entries=$((feeds * 50))
-  "$mock" feedbin --port "$port" --feeds "$feeds" --entries-per-feed 50 --unread "$entries" --starred-every 5 \
-    > "$work/mock.out" &
+  local user endpoint
+  if [ "$service" = feedbin ]; then
+    user=me@example.org
+    "$mock" feedbin --port "$port" --feeds "$feeds" --entries-per-feed 50 --unread "$entries" --starred-every 5 \
+      > "$work/mock.out" &
+    endpoint="http://127.0.0.1:$port/"
+  else
+    user=me
+    "$mock" fever --port "$port" --feeds "$feeds" --items-per-feed 50 --unread "$entries" --saved-every 5 \
+      > "$work/mock.out" &
+    endpoint="http://127.0.0.1:$port/fever/"
+  fi
   server=$!
   for _ in $(seq 100); do
-    grep -q "Feedbin mock at" "$work/mock.out" 2> /dev/null && break
+    grep -q "mock at" "$work/mock.out" 2> /dev/null && break
     sleep 0.1
   done
-  export LECTERN_HOME="$work/home-$feeds"
-  printf 'secret\n' | "$lectern" account add feedbin --username me@example.org --password-stdin \
-    --endpoint "http://127.0.0.1:$port/" > /dev/null
+  export LECTERN_HOME="$work/home-$service-$feeds"
+  printf 'secret\n' | "$lectern" account add "$service" --username "$user" --password-stdin --endpoint "$endpoint" \
+    > /dev/null
   read -r cold_s cold_kb < <(measure "$lectern" sync)
   read -r warm_s warm_kb < <(measure "$lectern" sync)
   stories=$("$lectern" list --json --limit 0 | grep -c '"bookmark_id"')
-  printf '| %d feeds, %d unread | %s s | %d MB | %s s | %d MB | %d |\n' "$feeds" "$entries" "$cold_s" \
+  printf '| %s, %d feeds, %d unread | %s s | %d MB | %s s | %d MB | %d |\n' "$service" "$feeds" "$entries" "$cold_s" \
     $((cold_kb / 1024)) "$warm_s" $((warm_kb / 1024)) "$stories"
   kill "$server"
   wait "$server" 2> /dev/null || true
@@ -51,5 +61,7 @@ run_account() {
 
 echo "| account | first sync | peak RSS | second sync | peak RSS | stories |"
 echo "| --- | --- | --- | --- | --- | --- |"
-run_account 200
-run_account 400
+for service in feedbin fever; do
+  run_account "$service" 200
+  run_account "$service" 400
+done

@@ -1,0 +1,74 @@
+#pragma once
+
+// A library with one account of a hosted service on its mock, and what a sync needs around it,
+// for the services' benchmarks.
+#include <stdlib.h>
+
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "accounts/AccountCommands.h"
+#include "accounts/ServiceFactory.h"
+#include "core/MainQueue.h"
+#include "core/Paths.h"
+#include "core/Reachability.h"
+#include "core/SecretStore.h"
+#include "core/UserDefaults.h"
+#include "net/NetworkSession.h"
+#include "store/Account.h"
+#include "store/QKDataManager.h"
+#include "sync/QKSyncManager.h"
+
+namespace lectern::bench {
+
+inline std::filesystem::path makeRoot() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "lectern-service-bench-XXXXXX").string();
+  return mkdtemp(pattern.data());
+}
+
+// A library with one account on a mock, and what a sync needs around it.
+struct Library {
+  Library(const std::string& service, const std::string& username, const std::string& endpoint)
+      : root(makeRoot()),
+        paths(Paths::under(root)),
+        session(mainQueue, reachability),
+        dataManager(paths, defaults, mainQueue, clock, reachability, &secrets),
+        environment{dataManager, defaults, mainQueue, reachability, clock, session},
+        manager(environment) {
+    registerLecternDefaults(defaults);
+    registerServiceFactory(dataManager, ServiceDependencies{mainQueue, clock, &session});
+    NewAccount request{service, username, "secret", endpoint, std::nullopt};
+    auto made = createAccount(**dataManager.managedObjectContext(), request);
+    if (!made) throw std::runtime_error(made.error().message());
+    account = *made;
+  }
+  ~Library() {
+    account.reset();
+    std::filesystem::remove_all(root);
+  }
+  void sync() {
+    manager.syncAccounts({account});
+    manager.waitUntilSyncFinished();
+    if (auto& report = manager.lastPassReports().at(0); report.error) {
+      throw std::runtime_error(report.error->message());
+    }
+  }
+  std::int64_t stories() { return account->bookmarks().value().size(); }
+
+  std::filesystem::path root;
+  Paths paths;
+  UserDefaults defaults;
+  MainQueue mainQueue;
+  SystemClock clock;
+  FixedReachability reachability;
+  MemorySecretStore secrets;
+  NetworkSession session;
+  QKDataManager dataManager;
+  SyncEnvironment environment;
+  QKSyncManager manager;
+  std::shared_ptr<Account> account;
+};
+
+}  // namespace lectern::bench
