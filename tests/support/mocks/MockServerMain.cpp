@@ -1,20 +1,32 @@
 // `mock-server SERVICE [options]`: one of Lectern's local service stand-ins on 127.0.0.1 until
 // SIGINT or SIGTERM, for trying Lectern by hand and for benchmarks. One subcommand per service.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <httplib.h>
 #include <pthread.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "mocks/FeedWranglerMockServer.h"
 #include "mocks/FeedbinMockServer.h"
+#include "mocks/FeedlyMockServer.h"
 #include "mocks/FeverMockServer.h"
+
+extern char** environ;
 
 namespace {
 
@@ -207,6 +219,193 @@ void addFeedWranglerCommand(CLI::App& app, FeedWranglerOptions& options, std::fu
   });
 }
 
+struct FeedlyOptions {
+  int port = 0;
+  std::string clientId = "lectern-test-client";
+  std::string clientSecret = "lectern-test-secret";
+  std::int64_t expiresIn = 604'800;
+  int feeds = 20;
+  int entriesPerFeed = 25;
+  int unread = 100;
+  int savedEvery = 10;
+};
+
+void addFeedlyCommand(CLI::App& app, FeedlyOptions& options, std::function<int()>& run,
+                      const sigset_t& signals) {
+  auto* command = app.add_subcommand("feedly", "Feedly cloud API v3 with OAuth sign-in and a seeded account");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--client-id", options.clientId, "OAuth client id sign-ins must carry")
+      ->capture_default_str();
+  command
+      ->add_option("--client-secret", options.clientSecret, "OAuth client secret token requests must carry")
+      ->capture_default_str();
+  command->add_option("--expires-in", options.expiresIn, "Lifetime of issued access tokens, in seconds")
+      ->check(CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max() / 1000))
+      ->capture_default_str();
+  command->add_option("--feeds", options.feeds, "Subscriptions to create")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--entries-per-feed", options.entriesPerFeed, "Entries in each feed")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--unread", options.unread, "How many of the newest entries are unread")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--saved-every", options.savedEvery, "Save every Nth entry (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      std::unique_ptr<lectern::mock::FeedlyMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::FeedlyMockServer>(options.clientId, options.clientSecret,
+                                                                   options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->setExpiresIn(options.expiresIn);
+      server->seed(options.feeds, options.entriesPerFeed, options.unread, options.savedEvery);
+      fmt::print("Feedly mock at {} ({} feeds, {} entries, {} unread, {} saved, user {}); Ctrl-C stops it.\n",
+                 server->endpoint(), server->subscriptionsJson().size(), server->entryCount(),
+                 server->unreadIds().size(), server->savedIds().size(), server->userId());
+      fmt::print(
+          "Add it to Lectern: lectern config set feedlyClientId {} && lectern config set feedlyClientSecret "
+          "{} && "
+          "lectern account add feedly --endpoint {}\n",
+          options.clientId, options.clientSecret, server->endpoint());
+      fmt::print("Or with a developer token: lectern account add feedly --endpoint {} --token {}\n",
+                 server->endpoint(), server->developerToken());
+      std::fflush(stdout);  // scripts read the address while the server runs
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
+struct BrowseOptions {
+  std::string lectern = "lectern";
+  std::string home;
+  std::string url;
+};
+
+// "http://host:port" and "/path?query" of an absolute http(s) address.
+std::optional<std::pair<std::string, std::string>> splitAddress(const std::string& url) {
+  for (std::string_view scheme : {"http://", "https://"}) {
+    if (!url.starts_with(scheme)) continue;
+    auto slash = url.find('/', scheme.size());
+    auto query = url.find('?', scheme.size());
+    auto end = std::min(slash, query);
+    if (end == scheme.size()) return std::nullopt;
+    std::string path = end == std::string::npos ? "/" : url.substr(end);
+    if (path.starts_with("?")) path.insert(0, "/");
+    return std::pair(url.substr(0, end), path);
+  }
+  return std::nullopt;
+}
+
+httplib::Result fetch(const std::string& url) {
+  auto parts = splitAddress(url);
+  if (!parts) return httplib::Result(nullptr, httplib::Error::Unknown);
+  httplib::Client client(parts->first);
+  client.set_follow_location(false);
+  client.set_connection_timeout(std::chrono::seconds(10));
+  client.set_read_timeout(std::chrono::seconds(60));
+  return client.Get(parts->second);
+}
+
+// A program started in the background may lack the standard descriptors; a socket or the child
+// would otherwise get them.
+void ensureStandardDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1) {
+      int opened = open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+      if (opened >= 0 && opened != fd) {
+        dup2(opened, fd);
+        close(opened);
+      }
+    }
+  }
+}
+
+// Runs `lectern [--home DIR] open-url LOCATION` as a desktop would for a custom scheme.
+int openInLectern(const BrowseOptions& options, const std::string& location) {
+  std::vector<std::string> words{options.lectern};
+  if (!options.home.empty()) words.insert(words.end(), {"--home", options.home});
+  words.insert(words.end(), {"open-url", location});
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  // The child must not inherit the blocked stop signals.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  sigset_t defaults = stopSignals();
+  sigaddset(&defaults, SIGPIPE);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  pid_t child = 0;
+  int error = options.lectern.find('/') == std::string::npos
+                  ? posix_spawnp(&child, argv[0], nullptr, &attributes, argv.data(), environ)
+                  : posix_spawn(&child, argv[0], nullptr, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error != 0) {
+    fmt::print(stderr, "browse: cannot run {}: {}\n", options.lectern, std::strerror(error));
+    return kExitFailure;
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) == -1) {
+    if (errno != EINTR) return kExitFailure;
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : kExitFailure;
+}
+
+int browse(const BrowseOptions& options) {
+  ensureStandardDescriptors();
+  std::signal(SIGPIPE, SIG_IGN);
+  if (!splitAddress(options.url)) {
+    fmt::print(stderr, "browse: {} is not an http(s) address\n", options.url);
+    return kExitUsage;
+  }
+  auto first = fetch(options.url);
+  if (!first) {
+    fmt::print(stderr, "browse: {}: {}\n", options.url, httplib::to_string(first.error()));
+    return kExitFailure;
+  }
+  const int status = first->status;
+  if (status < 300 || status >= 400 || !first->has_header("Location")) {
+    fmt::print("{} answered {} without a redirect\n", options.url, status);
+    return kExitFailure;
+  }
+  const auto location = first->get_header_value("Location");
+  fmt::print("{} redirected ({}) to {}\n", options.url, status, location);
+  std::fflush(stdout);
+  if (!splitAddress(location)) return openInLectern(options, location);
+  auto second = fetch(location);
+  if (!second) {
+    fmt::print(stderr, "browse: {}: {}\n", location, httplib::to_string(second.error()));
+    return kExitFailure;
+  }
+  fmt::print("{} answered {}\n", location, second->status);
+  return second->status >= 200 && second->status < 300 ? kExitOk : kExitFailure;
+}
+
+void addBrowseCommand(CLI::App& app, BrowseOptions& options, std::function<int()>& run) {
+  auto* command = app.add_subcommand(
+      "browse",
+      "A stand-in web browser for sign-in tests: opens URL, follows one redirect to a loopback address, or "
+      "hands a custom-scheme one to `lectern open-url`");
+  command->add_option("--lectern", options.lectern, "The lectern program for custom-scheme redirects")
+      ->capture_default_str();
+  command->add_option("--home", options.home, "Passed to lectern as --home");
+  command->add_option("url", options.url, "http://127.0.0.1:PORT/path?query")->required();
+  command->callback([&options, &run] { run = [&options] { return browse(options); }; });
+}
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -223,6 +422,11 @@ int main(int argc, char** argv) {
 
   FeverOptions fever;
   addFeverCommand(app, fever, run, signals);
+
+  FeedlyOptions feedly;
+  addFeedlyCommand(app, feedly, run, signals);
+  BrowseOptions browseOptions;
+  addBrowseCommand(app, browseOptions, run);
 
   app.footer("Exit codes: 0 stopped by a signal, 1 failure, 2 usage error.");
   try {
