@@ -2,6 +2,7 @@
 # lives here because signing normalises URLs and the leaf cannot reach the HTTP layer.
 set(LECTERN_OAUTH_SOURCES
   src/net/URL.cpp
+  src/net/BrowserSignIn.cpp
   src/net/oauth/OAuthSigning.cpp
   src/net/oauth/OAuthNonceLedger.cpp
 )
