@@ -111,6 +111,8 @@ Result<std::shared_ptr<Account>> createAccount(ObjectContext& mainContext, const
       Account::create(mainContext, service, username, nonEmpty(request.title).value_or(std::string(name)));
   account->setPos(pos);
   account->setApi_endpoint(endpoint);
+  if (request.refreshToken) account->setToken(request.refreshToken);
+  if (request.tokenExpire) account->setToken_expire(request.tokenExpire);
   if (request.password) {
     if (auto stored = account->setTokenSecret(*request.password); !stored) {
       mainContext.rollback();

@@ -27,6 +27,9 @@ struct NewAccount {
   std::optional<std::string> password;  // kept in the keychain as the account's tokenSecret
   std::optional<std::string> endpoint;  // api_endpoint: an http(s) address (self-hosted servers)
   std::optional<std::string> title;     // the service's display name when absent
+  // An OAuth service's refresh token (the account's `token`) and the access token's expiry.
+  std::optional<std::string> refreshToken = std::nullopt;
+  std::optional<Date> tokenExpire = std::nullopt;
 };
 
 // Creates and saves the account with its default folders, keychain item and preferences entry;

@@ -4,6 +4,9 @@ set(LECTERN_SERVICES_SOURCES
   src/services/ServiceRequests.cpp
   src/services/feedbin/QKFeedbinClient.cpp
   src/services/feedbin/FeedbinService.cpp
+  src/services/feedly/QKFeedlyClient.cpp
+  src/services/feedly/FeedlyService.cpp
+  src/services/feedly/FeedlySignIn.cpp
   src/services/fever/QKFeverClient.cpp
   src/services/fever/FeverService.cpp
   src/services/feedwrangler/QKFeedWranglerClient.cpp

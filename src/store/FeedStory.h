@@ -57,6 +57,14 @@ class FeedStory final : public Bookmark {
   // future), its read and starred flags included.
   void mapFromFeedWranglerDictionary(const nlohmann::json& item, Date date, const Clock& clock);
 
+  // A Feedly entry can become a story when its "id", as text, is not empty.
+  static bool isValidForFeedlyMapping(const nlohmann::json& entry);
+  // Fills the story from a Feedly entry published at `date` (now when it lies in the future).
+  void mapFromFeedlyDictionary(const nlohmann::json& entry, Date date, const Clock& clock);
+  // The entry's published time as text: "crawled" when "published" is "0" and "crawled" says
+  // more, else "published" (empty when there is none).
+  static std::string stringValueOfFeedItemPublishedDate(const nlohmann::json& entry);
+
   std::optional<std::string> offlineFeedId() const override;
 };
 

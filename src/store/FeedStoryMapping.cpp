@@ -93,3 +93,61 @@ void FeedStory::mapFromFeedWranglerDictionary(const nlohmann::json& item, Date d
 }
 
 }  // namespace lectern
+
+// Feedly writes times as milliseconds since 1970 and leaves out what is empty.
+namespace lectern {
+
+bool FeedStory::isValidForFeedlyMapping(const nlohmann::json& entry) {
+  const auto id = safeStringValue(entry, "id");
+  return id && !id->empty();
+}
+
+std::string FeedStory::stringValueOfFeedItemPublishedDate(const nlohmann::json& entry) {
+  const std::string published = safeStringValue(entry, "published").value_or("");
+  const std::string crawled = safeStringValue(entry, "crawled").value_or("");
+  if (published == "0" && !crawled.empty() && crawled != "0") return crawled;
+  return published;
+}
+
+void FeedStory::mapFromFeedlyDictionary(const nlohmann::json& entry, Date date, const Clock& clock) {
+  if (isInFuture(date, clock)) date = clock.now();
+  const auto id = safeStringValue(entry, "id");
+  setTitle(safeStringValue(entry, "title"));
+  setBookmark_id(id);
+  setBookmark_hash(id);
+  setDate_added(date);
+  std::optional<Date> updated;
+  if (const auto milliseconds = safeStringValue(entry, "updated")) {
+    const auto number = nlohmann::json::parse(*milliseconds, nullptr, /*allow_exceptions=*/false);
+    if (number.is_number()) updated = dateFromMillisecondsSince1970(number.get<std::int64_t>());
+  }
+  setDate_updated(updated);
+  setAuthor(safeStringValue(entry, "author"));
+  auto contentOf = [&](std::string_view key) -> std::optional<std::string> {
+    if (!entry.is_object()) return std::nullopt;
+    const auto found = entry.find(key);
+    if (found == entry.end()) return std::nullopt;
+    auto text = safeStringValue(*found, "content");
+    return text && !text->empty() ? text : std::nullopt;
+  };
+  auto html = contentOf("content");
+  setHtml(html ? html : contentOf("summary"));
+  // The page of the entry: its "text/html" alternate, else the first link it names.
+  std::optional<std::string> link;
+  if (entry.is_object()) {
+    const auto alternates = entry.find("alternate");
+    if (alternates != entry.end() && alternates->is_array()) {
+      for (const auto& alternate : *alternates) {
+        if (toLowerASCII(safeStringValue(alternate, "type").value_or("")) == "text/html") {
+          link = safeStringValue(alternate, "href");
+          break;
+        }
+      }
+      if (!link && !alternates->empty()) link = safeStringValue(alternates->front(), "href");
+    }
+  }
+  setUrl(link);
+  setPermalink(link);
+}
+
+}  // namespace lectern

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "services/feedbin/FeedbinSyncOperation.h"
+#include "services/feedly/FeedlySyncOperation.h"
 #include "services/feedwrangler/FeedWranglerSyncOperation.h"
 #include "services/fever/FeverSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
@@ -22,6 +23,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<FeedWranglerSyncOperation>(std::move(account), environment);
     case ServiceType::kFever:
       return std::make_shared<FeverSyncOperation>(std::move(account), environment);
+    case ServiceType::kFeedly:
+      return std::make_shared<FeedlySyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -33,12 +36,12 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kFeedbin:
     case ServiceType::kFever:
     case ServiceType::kFeedWrangler:
+    case ServiceType::kFeedly:
       return Support::kSupported;
     case ServiceType::kInstapaper:
     case ServiceType::kPocket:
     case ServiceType::kPinboard:
     case ServiceType::kNewsBlur:
-    case ServiceType::kFeedly:
       return Support::kNotInThisVersion;
     default:
       return Support::kNever;

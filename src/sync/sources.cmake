@@ -11,6 +11,7 @@ set(LECTERN_SYNC_SOURCES
   src/sync/QKSyncManager.cpp
   src/services/localrss/FeedSyncOperation.cpp
   src/services/feedbin/FeedbinSyncOperation.cpp
+  src/services/feedly/FeedlySyncOperation.cpp
   src/services/fever/FeverSyncOperation.cpp
   src/services/feedwrangler/FeedWranglerSyncOperation.cpp
 )
