@@ -10,6 +10,7 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/ContentCommands.cpp
   src/app/cli/LibraryCommands.cpp
   src/app/cli/AccountCommands.cpp
+  src/app/cli/SignInCommands.cpp
   src/app/cli/Presentation.cpp
   src/app/cli/DiscoverCommands.cpp
   src/app/cli/OpmlCommands.cpp

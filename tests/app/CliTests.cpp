@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "mocks/FeedbinMockServer.h"
+#include "mocks/FeedlyMockServer.h"
 #include "mocks/FeverMockServer.h"
 #include "store/SqliteDatabase.h"
 #include "support/TestSupport.h"
@@ -40,13 +41,13 @@ struct ProgramRun {
 class CliTest : public ::testing::Test {
  protected:
   // Runs `lectern --home HOME <arguments>` (arguments are shell words) with `input` on stdin.
-  ProgramRun run(const std::string& arguments, const std::string& input = "") {
+  ProgramRun run(const std::string& arguments, const std::string& input = "", const std::string& environment = "") {
     const auto in = home_.path() / "stdin.txt";
     const auto out = home_.path() / "stdout.txt";
     const auto err = home_.path() / "stderr.txt";
     writeFile(in, input);
-    const std::string command = fmt::format("'{}' --home '{}' {} < '{}' > '{}' 2> '{}'", LECTERN_PROGRAM,
-                                            (home_.path() / "home").string(), arguments, in.string(),
+    const std::string command = fmt::format("{} '{}' --home '{}' {} < '{}' > '{}' 2> '{}'", environment,
+                                            LECTERN_PROGRAM, (home_.path() / "home").string(), arguments, in.string(),
                                             out.string(), err.string());
     const int status = std::system(command.c_str());
     ProgramRun result;
@@ -130,19 +131,19 @@ TEST_F(CliTest, SyncReportsFailingFeedsWithoutFailingAndUnsyncableAccountsAsFail
   }
   EXPECT_EQ(failing, 1) << feeds.out;
 
-  ASSERT_EQ(run("account add feedly --username me@example.org --password-stdin", "secret\n").exit, 0);
-  auto withFeedly = run("sync --json");
-  EXPECT_EQ(withFeedly.exit, 1);
-  bool feedlyFailed = false;
-  for (const auto& report : withFeedly.parsed()) {
-    if (report["account"] == "feedly:me@example.org") {
-      feedlyFailed = !report["ok"].get<bool>() && report["error"].get<std::string>().find("Feedly") != std::string::npos;
+  ASSERT_EQ(run("account add pocket --username me@example.org --password-stdin", "secret\n").exit, 0);
+  auto withPocket = run("sync --json");
+  EXPECT_EQ(withPocket.exit, 1);
+  bool pocketFailed = false;
+  for (const auto& report : withPocket.parsed()) {
+    if (report["account"] == "pocket:me@example.org") {
+      pocketFailed = !report["ok"].get<bool>() && report["error"].get<std::string>().find("Pocket") != std::string::npos;
     } else {
       EXPECT_TRUE(report["ok"].get<bool>());
       EXPECT_EQ(report["failed_feeds"].size(), 1u);
     }
   }
-  EXPECT_TRUE(feedlyFailed) << withFeedly.out;
+  EXPECT_TRUE(pocketFailed) << withPocket.out;
 
   EXPECT_EQ(run("sync localrss").exit, 0);  // only the named account
   EXPECT_EQ(run("sync nosuchaccount").exit, 1);
@@ -369,6 +370,74 @@ TEST_F(CliTest, AFeverAccountSyncsAndSaysWhereItsSubscriptionsAreManaged) {
   const auto feedId = std::to_string(run("feeds --json").parsed()[0]["id"].get<std::int64_t>());
   EXPECT_THAT(run("move " + feedId + " --folder Later").err, HasSubstr("on your Fever server"));
   EXPECT_THAT(run("unsubscribe " + feedId).err, HasSubstr("on your Fever server"));
+}
+
+// The browser of these tests: `mock-server browse` follows the sign-in page's redirect and hands
+// a "lectern://" answer to `lectern open-url`, as a desktop would.
+TEST_F(CliTest, FeedlySignsInThroughTheBrowserOrWithATokenAndRefusesAnswersThatAreNotItsOwn) {
+  mock::FeedlyMockServer feedly;
+  feedly.seed(/*feeds=*/3, /*entriesPerFeed=*/4, /*unread=*/5, /*savedEvery=*/0);
+  const std::string endpoint = " --endpoint " + feedly.endpoint();
+  const auto browser = home_.path() / "browser.sh";
+  writeFile(browser, fmt::format("#!/bin/sh\nexec '{}' browse --lectern '{}' --home '{}' \"$1\"\n", MOCK_SERVER,
+                                 LECTERN_PROGRAM, (home_.path() / "home").string()));
+  std::filesystem::permissions(browser, std::filesystem::perms::owner_all);
+  const std::string withBrowser = "BROWSER='" + browser.string() + "'";
+
+  // No client id yet: the error says how to set one, or to use a token.
+  auto unconfigured = run("account add feedly --timeout 5" + endpoint, "", withBrowser);
+  EXPECT_EQ(unconfigured.exit, 1);
+  EXPECT_THAT(unconfigured.err, HasSubstr("feedlyClientId"));
+
+  const std::string client = " --client-id " + feedly.clientId() + " --client-secret " + feedly.clientSecret();
+  feedly.setConsent(mock::FeedlyMockServer::Consent::kDecline);
+  auto declined = run("account add feedly --timeout 20" + client + endpoint, "", withBrowser);
+  EXPECT_EQ(declined.exit, 1);
+  EXPECT_THAT(declined.err, HasSubstr("Feedly: sign-in declined"));
+  feedly.setConsent(mock::FeedlyMockServer::Consent::kWrongState);
+  auto forged = run("account add feedly --timeout 20 --redirect loopback" + endpoint, "", withBrowser);
+  EXPECT_EQ(forged.exit, 1);
+  EXPECT_THAT(forged.err, HasSubstr("its state differs"));
+  EXPECT_TRUE(run("account list --json").parsed().empty());
+  EXPECT_EQ(feedly.codeGrants(), 0);
+
+  feedly.setConsent(mock::FeedlyMockServer::Consent::kGrant);
+  auto added = run("account add feedly --timeout 20" + endpoint, "", withBrowser);
+  ASSERT_EQ(added.exit, 0) << added.err;
+  EXPECT_THAT(added.out, HasSubstr("/v3/auth/auth?"));  // the page, for a machine without a browser
+  EXPECT_THAT(added.out, HasSubstr("feedly:" + feedly.email()));
+  auto synced = run("sync");
+  ASSERT_EQ(synced.exit, 0) << synced.err;
+  EXPECT_THAT(synced.out, HasSubstr("5 unread"));
+  ASSERT_EQ(run("account remove feedly").exit, 0);
+
+  // Through the loopback address, then with a developer token (no browser at all).
+  ASSERT_EQ(run("account add feedly --timeout 20 --redirect loopback" + endpoint, "", withBrowser).exit, 0);
+  ASSERT_EQ(run("account remove feedly").exit, 0);
+  auto token = run("account add feedly --token " + feedly.developerToken() + endpoint, "", "BROWSER=false");
+  ASSERT_EQ(token.exit, 0) << token.err;
+  EXPECT_EQ(feedly.codeGrants(), 2);
+  EXPECT_THAT(run("account add feedly --token nonsense" + endpoint).err, HasSubstr("did not accept the token"));
+
+  // The command gave up waiting; the person finishes in the browser later and the desktop hands
+  // the answer over: the sign-in that began is completed.
+  ASSERT_EQ(run("account remove feedly").exit, 0);
+  auto gaveUp = run("account add feedly --no-browser --timeout 1" + endpoint);
+  EXPECT_EQ(gaveUp.exit, 1);
+  EXPECT_THAT(gaveUp.err, HasSubstr("within the hour"));
+  const auto pageStart = gaveUp.out.find("http://");
+  ASSERT_NE(pageStart, std::string::npos);
+  const std::string page = gaveUp.out.substr(pageStart, gaveUp.out.find('\n', pageStart) - pageStart);
+  ASSERT_EQ(std::system(fmt::format("'{}' '{}' > /dev/null", browser.string(), page).c_str()), 0);
+  EXPECT_EQ(feedly.codeGrants(), 3);
+  const auto accounts = run("account list --json").parsed();
+  ASSERT_EQ(accounts.size(), 1u);
+  EXPECT_EQ(accounts[0]["account"], "feedly:" + feedly.email());
+
+  // An answer nobody waits for and no sign-in began: refused.
+  auto stray = run("open-url 'lectern://feedly/auth?code=x&state=y'");
+  EXPECT_EQ(stray.exit, 1);
+  EXPECT_THAT(stray.err, HasSubstr("No sign-in is waiting"));
 }
 
 }  // namespace

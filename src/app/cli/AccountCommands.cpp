@@ -34,11 +34,21 @@ struct AddOptions {
   std::string endpoint;
   std::string title;
   bool passwordStdin = false;
+  BrowserSignInOptions signIn;
 };
 
 int runAccountAdd(CliContext& cli, const AddOptions& options) {
   auto library = openLibrary(cli);
   if (!library) return kExitFailure;
+  // Feedly signs in through the browser (or with a token): the account comes from the sign-in.
+  if (trim(options.service) == "feedly" && !options.passwordStdin && options.username.empty()) {
+    auto signedIn = signInWithBrowser(*library, options.service, options.endpoint, options.signIn);
+    if (!signedIn) {
+      printError(signedIn.error());
+      return kExitFailure;
+    }
+    return addSignedInAccount(*library, std::move(*signedIn), options.title);
+  }
   NewAccount request;
   request.service = options.service;
   if (!options.username.empty()) request.username = options.username;
@@ -287,6 +297,20 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
   addCommand->add_flag("--password-stdin", add->passwordStdin, "Read the password from the first line of stdin");
   addCommand->add_option("--endpoint", add->endpoint, "The server's address (self-hosted services)");
   addCommand->add_option("--title", add->title, "The account's display title");
+  addCommand->add_option("--token", add->signIn.token,
+                         "Feedly: sign in with a developer access token instead of the browser");
+  addCommand->add_option("--redirect", add->signIn.redirect,
+                         "Feedly: where the browser comes back to: scheme (lectern://, the default) or loopback "
+                         "(127.0.0.1)")
+      ->check(CLI::IsMember({"scheme", "loopback"}));
+  addCommand->add_option("--client-id", add->signIn.clientId, "Feedly: the client id (kept as feedlyClientId)");
+  addCommand->add_option("--client-secret", add->signIn.clientSecret,
+                         "Feedly: the client secret (kept as feedlyClientSecret)");
+  addCommand->add_option("--timeout", add->signIn.timeoutSeconds, "Feedly: seconds to wait for the browser")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  addCommand->add_flag("--no-browser", add->signIn.noBrowser,
+                       "Feedly: print the sign-in page's address instead of opening a browser");
   context.onCommand(addCommand, [&context, add] { return runAccountAdd(context, *add); });
 
   auto listJson = std::make_shared<bool>(false);

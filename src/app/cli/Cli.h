@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "accounts/AccountCommands.h"
 #include "app/AppEnvironment.h"
 #include "core/Error.h"
 
@@ -64,6 +65,22 @@ void addAccountCommands(CLI::App& app, CliContext& context);
 void addDiscoverCommands(CLI::App& app, CliContext& context);
 void addOpmlCommands(CLI::App& app, CliContext& context);
 void addSyncCommands(CLI::App& app, CliContext& context);
+
+// A browser sign-in's choices on `account add` (Feedly).
+struct BrowserSignInOptions {
+  std::string token;
+  std::string redirect = "scheme";
+  std::string clientId;
+  std::string clientSecret;
+  int timeoutSeconds = 300;
+  bool noBrowser = false;
+};
+// Signs in to `service` through the browser (or with a token) and answers the account to add.
+Result<NewAccount> signInWithBrowser(Library& library, const std::string& service, const std::string& endpoint,
+                                     const BrowserSignInOptions& options);
+// Adds a signed-in account (the service checks its token once more) and says so.
+int addSignedInAccount(Library& library, NewAccount account, const std::string& title);
+void addSignInCommands(CLI::App& app, CliContext& context);
 
 // `lectern` with no command: sync everything and show what is unread (first run: set up).
 int runDefaultCommand(CliContext& context);

@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
   addContentCommands(app, context);
   addLibraryCommands(app, context);
   addAccountCommands(app, context);
+  addSignInCommands(app, context);
   addDiscoverCommands(app, context);
   addOpmlCommands(app, context);
   addSyncCommands(app, context);
