@@ -31,6 +31,9 @@ inline std::filesystem::path makeRoot() {
 // A library with one account on a mock, and what a sync needs around it.
 struct Library {
   Library(const std::string& service, const std::string& username, const std::string& endpoint)
+      : Library(NewAccount{service, username, "secret", endpoint, std::nullopt}) {}
+  // An account as a sign-in answers it (a token as its password).
+  explicit Library(const NewAccount& request)
       : root(makeRoot()),
         paths(Paths::under(root)),
         session(mainQueue, reachability),
@@ -39,7 +42,6 @@ struct Library {
         manager(environment) {
     registerLecternDefaults(defaults);
     registerServiceFactory(dataManager, ServiceDependencies{mainQueue, clock, &session});
-    NewAccount request{service, username, "secret", endpoint, std::nullopt};
     auto made = createAccount(**dataManager.managedObjectContext(), request);
     if (!made) throw std::runtime_error(made.error().message());
     account = *made;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# `lectern sync` of a Feedbin and of a Fever account played by their mock servers, as a person runs
+# `lectern sync` of a Feedbin, a Fever and a Feedly account played by their mock servers, as a person runs
 # it: wall time and peak memory (/usr/bin/time) of the first sync (everything new) and of a second
 # one with nothing new, for an account of 10,000 unread entries in 200 feeds (2,000 starred) and
 # for one twice as large, to show that memory does not grow with the number of entries.
@@ -35,6 +35,10 @@ run_account() {
     "$mock" feedbin --port "$port" --feeds "$feeds" --entries-per-feed 50 --unread "$entries" --starred-every 5 \
       > "$work/mock.out" &
     endpoint="http://127.0.0.1:$port/"
+  elif [ "$service" = feedly ]; then
+    "$mock" feedly --port "$port" --feeds "$feeds" --entries-per-feed 50 --unread "$entries" --saved-every 5 \
+      > "$work/mock.out" &
+    endpoint="http://127.0.0.1:$port/"
   else
     user=me
     "$mock" fever --port "$port" --feeds "$feeds" --items-per-feed 50 --unread "$entries" --saved-every 5 \
@@ -47,8 +51,17 @@ run_account() {
     sleep 0.1
   done
   export LECTERN_HOME="$work/home-$service-$feeds"
-  printf 'secret\n' | "$lectern" account add "$service" --username "$user" --password-stdin --endpoint "$endpoint" \
-    > /dev/null
+  if [ "$service" = feedly ]; then
+    for _ in $(seq 50); do
+      grep -q -- '--token' "$work/mock.out" && break
+      sleep 0.1
+    done
+    token=$(grep -o -- '--token [^ ]*' "$work/mock.out" | cut -d' ' -f2)
+    "$lectern" account add feedly --endpoint "$endpoint" --token "$token" > /dev/null
+  else
+    printf 'secret\n' | "$lectern" account add "$service" --username "$user" --password-stdin \
+      --endpoint "$endpoint" > /dev/null
+  fi
   read -r cold_s cold_kb < <(measure "$lectern" sync)
   read -r warm_s warm_kb < <(measure "$lectern" sync)
   stories=$("$lectern" list --json --limit 0 | grep -c '"bookmark_id"')
@@ -61,7 +74,7 @@ run_account() {
 
 echo "| account | first sync | peak RSS | second sync | peak RSS | stories |"
 echo "| --- | --- | --- | --- | --- | --- |"
-for service in feedbin fever; do
+for service in feedbin fever feedly; do
   run_account "$service" 200
   run_account "$service" 400
 done
