@@ -6,6 +6,7 @@
 #include "services/feedwrangler/FeedWranglerSyncOperation.h"
 #include "services/fever/FeverSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
+#include "services/newsblur/NewsBlurSyncOperation.h"
 #include "store/Account.h"
 
 namespace lectern {
@@ -22,6 +23,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<FeedWranglerSyncOperation>(std::move(account), environment);
     case ServiceType::kFever:
       return std::make_shared<FeverSyncOperation>(std::move(account), environment);
+    case ServiceType::kNewsBlur:
+      return std::make_shared<NewsBlurSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -33,11 +36,11 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kFeedbin:
     case ServiceType::kFever:
     case ServiceType::kFeedWrangler:
+    case ServiceType::kNewsBlur:
       return Support::kSupported;
     case ServiceType::kInstapaper:
     case ServiceType::kPocket:
     case ServiceType::kPinboard:
-    case ServiceType::kNewsBlur:
     case ServiceType::kFeedly:
       return Support::kNotInThisVersion;
     default:

@@ -13,4 +13,5 @@ set(LECTERN_SYNC_SOURCES
   src/services/feedbin/FeedbinSyncOperation.cpp
   src/services/fever/FeverSyncOperation.cpp
   src/services/feedwrangler/FeedWranglerSyncOperation.cpp
+  src/services/newsblur/NewsBlurSyncOperation.cpp
 )
