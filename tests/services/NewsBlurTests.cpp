@@ -113,6 +113,13 @@ TEST_F(NewsBlurTest, AWrongPasswordLeavesNoAccountAndTheSessionCookieNeverReache
   EXPECT_EQ(logins[0].parameter("username"), "other");
   EXPECT_EQ(logins[0].parameter("password"), "wrong");
 
+  // NewsBlur has accounts without a password: an empty one is sent as it is.
+  mock::NewsBlurMockServer open("guest", "");
+  auto passwordless = addAccount("newsblur", "guest", "", open.baseURL());
+  ASSERT_TRUE(passwordless) << passwordless.error().message();
+  EXPECT_EQ(open.requests("/api/login").at(0).parameter("password"), "");
+  EXPECT_TRUE(open.requests("/api/login").at(0).parameters.contains("password"));
+
   // A sync logs in before anything else, and every call after carries the session.
   std::mutex mutex;
   std::string logged;
@@ -327,6 +334,29 @@ TEST_F(NewsBlurTest, ReadPagingGoesPastHiddenPagesAndStopsAtTheFirstOlderStoryMi
   EXPECT_THAT(titles, UnorderedElementsAre("Recent 4", "Recent 5", "Recent 6", "Recent 7"));
 }
 
+TEST_F(NewsBlurTest, MissingStoriesAreAskedForFiftyHashesARequestAndEachOnce) {
+  server_.addFeed({kAlpha, "Alpha", "https://a.example/feed", "", 60});
+  server_.addFeed({kBeta, "Beta", "https://b.example/feed", "", 60});
+  for (int number = 1; number <= 120; ++number)
+    addStory(number, number % 2 == 0 ? kAlpha : kBeta, fmt::format("Story {}", number), 1h, /*read=*/false);
+  ASSERT_FALSE(sync(account_).error);
+
+  std::multiset<std::string> asked;
+  size_t requests = 0;
+  for (const auto& request : server_.requests("/reader/river_stories")) {
+    const auto hashes = request.values("h");
+    if (hashes.empty()) continue;
+    ++requests;
+    EXPECT_LE(hashes.size(), 50u);
+    EXPECT_EQ(request.parameters.count("h"), hashes.size());  // one plain "h" pair per hash
+    asked.insert(hashes.begin(), hashes.end());
+  }
+  EXPECT_EQ(requests, 3u);
+  EXPECT_EQ(asked.size(), 120u);
+  EXPECT_EQ(std::set<std::string>(asked.begin(), asked.end()).size(), 120u);
+  EXPECT_EQ(stories(*account_).size(), 120u);
+}
+
 TEST_F(NewsBlurTest, TheIntelligenceScoreIsKeptAndBlockedStoriesCanBeLeftOut) {
   // Likes win over dislikes; dislikes over the feed's training; the feed's alone when nothing else.
   const std::vector<std::pair<json, int>> cases = {
@@ -422,6 +452,16 @@ TEST_F(NewsBlurTest, FolderRenameMoveSubscribeAndUnsubscribeChangeTheServerFirst
   EXPECT_EQ(nested[0].parameter("new_folder_name"), "Phones");
   EXPECT_EQ(nested[0].parameter("in_folder"), "Gadgets");
   EXPECT_TRUE(server_.flatFolders().contains("Gadgets - Phones"));
+
+  // A new folder is made at NewsBlur, then here.
+  std::optional<Result<std::shared_ptr<FeedFolder>>> made;
+  serviceObjectOf<NewsBlurService>(*account_)->addOrRenameFolder(
+      "Inbox", nullptr, [&](Result<std::shared_ptr<FeedFolder>> folder) { made = std::move(folder); });
+  ASSERT_TRUE(pumpUntil([&] { return made.has_value(); }));
+  ASSERT_TRUE(*made) << made->error().message();
+  EXPECT_EQ((**made)->title(), "Inbox");
+  EXPECT_EQ(server_.requests("/reader/add_folder").at(0).parameter("folder"), "Inbox");
+  EXPECT_TRUE(server_.flatFolders().contains("Inbox"));
 
   // Moving into a folder NewsBlur does not have yet makes it there first.
   server_.clearRequests();

@@ -37,14 +37,14 @@ std::shared_ptr<AFHTTPClient> NewsBlurService::makeApiClient() {
   auto owner = account();
   if (!owner || dependencies().session == nullptr) return nullptr;
   auto password = owner->tokenSecret();
-  if (!password) {
-    logError("NewsBlurService", "NewsBlur: cannot read the password of {}: {}", owner->uniqueIdentifier(),
-             password.error().message());
+  if (!password || !*password) {
+    logError("NewsBlurService", "NewsBlur: no password stored for {}: {}", owner->uniqueIdentifier(),
+             password ? "none" : password.error().message());
     return nullptr;
   }
   auto client = std::make_shared<QKNewsBlurClient>(
       *dependencies().session, serviceBaseURL(kApiEndpointDefaultsKey, QKNewsBlurClient::kDefaultBaseURL),
-      owner->username().value_or(""), password->value_or(""));
+      owner->username().value_or(""), **password);
   // One request at a time per account: NewsBlur sees the changes in the order they were made.
   client->operationQueue().setMaxConcurrentOperationCount(1);
   return client;
@@ -55,7 +55,8 @@ std::shared_ptr<QKNewsBlurClient> NewsBlurService::newsBlurClient() {
 }
 
 std::string NewsBlurService::unavailableReason() const {
-  return "Lectern cannot read this NewsBlur account's password from the secret store.";
+  return "Lectern has no NewsBlur password for this account: remove the account and add it again (with an "
+         "empty line for an account without a password).";
 }
 
 void NewsBlurService::authenticate(ServiceCompletion onCompleted) {
@@ -110,6 +111,7 @@ void NewsBlurService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>
     auto feedId = storyFeedId(*bookmark);
     if (id && feedId) stories.push_back({*id, *feedId});
   }
+  if (stories.empty()) return complete(std::move(onCompleted), std::nullopt);
   client->markStories(stories, archived, std::move(onCompleted));
 }
 

@@ -27,8 +27,8 @@ class NewsBlurService final : public FeedService {
   std::string_view descriptionName() const override { return "NewsBlur"; }
   std::string_view serviceIcon() const override { return "newsBlurTemplate"; }
 
-  // The account's client (its username and password; a missing password is the empty one of a
-  // password-less account), one request at a time; nullptr when the secret store fails.
+  // The account's client (its username and password, which may be empty: NewsBlur has accounts
+  // without one), one request at a time; nullptr when no password is stored.
   std::shared_ptr<QKNewsBlurClient> newsBlurClient();
 
   // Logs in: a refusal is "Failed to login" / "Invalid user name or password".
