@@ -146,6 +146,27 @@ TEST_F(NewsBlurTest, AWrongPasswordLeavesNoAccountAndTheSessionCookieNeverReache
   for (const auto& session : server_.sessionIds()) EXPECT_EQ(logged.find(session), std::string::npos);
 }
 
+TEST_F(NewsBlurTest, ARefusedLoginEndsTheSyncBeforeAnythingIsSentOrRead) {
+  serveThreeFeeds();
+  addStory(1, kAlpha, "One", 1h, /*read=*/false);
+  ASSERT_FALSE(sync(account_).error);
+  reachability_.set(ReachabilityStatus::kNotReachable);
+  EXPECT_FALSE(
+      waitFor([&](auto done) { Bookmark::markBookmarks({story(*account_, "s1")}, *account_, true, done); }));
+  reachability_.set(ReachabilityStatus::kReachableViaWiFi);
+
+  // The password was changed on NewsBlur's site.
+  server_.setPassword("changed");
+  server_.clearRequests();
+  const auto report = sync(account_);
+  ASSERT_TRUE(report.error);
+  EXPECT_EQ(report.error->description, "Failed to login");
+  EXPECT_EQ(report.error->recoverySuggestion, "Invalid user name or password");
+  EXPECT_THAT(paths(), ElementsAre("/api/login"));
+  EXPECT_THAT(queued(*account_), ElementsAre("3 s1"));  // it waits for a login that works
+  EXPECT_THAT(stories(*account_), ElementsAre(StoredStory{"s1", "One", true, false, "101"}));
+}
+
 TEST_F(NewsBlurTest, FirstSyncMirrorsFlatFoldersFeedsAndStoriesAndASecondFollowsTheServer) {
   serveThreeFeeds();
   addStory(1, kAlpha, "Unread one", 2h, /*read=*/false);

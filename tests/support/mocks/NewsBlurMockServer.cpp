@@ -514,8 +514,8 @@ struct NewsBlurMockServer::State {
   }
 
   const std::string username;
-  const std::string password;
   mutable std::mutex mutex;  // guards every member below
+  std::string password;
   int pageSize = 12;
   std::uint64_t sessionCount = 0;
   std::set<std::string> sessions;
@@ -568,6 +568,11 @@ NewsBlurMockServer::~NewsBlurMockServer() {
 }
 
 std::string NewsBlurMockServer::baseURL() const { return fmt::format("http://127.0.0.1:{}/", port_); }
+
+void NewsBlurMockServer::setPassword(std::string password) {
+  std::lock_guard lock(state_->mutex);
+  state_->password = std::move(password);
+}
 
 void NewsBlurMockServer::expireSessions() {
   std::lock_guard lock(state_->mutex);

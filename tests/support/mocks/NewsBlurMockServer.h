@@ -90,6 +90,8 @@ class NewsBlurMockServer {
   // "http://127.0.0.1:PORT/".
   std::string baseURL() const;
   int port() const { return port_; }
+  // Logins from now on need this password (changed on the web site); sessions stay.
+  void setPassword(std::string password);
   // Every session ends, as an expired cookie does: the next call needs a new login.
   void expireSessions();
   // The next request to `path` finds every session ended, as if the cookie expired just before it.
