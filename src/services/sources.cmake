@@ -11,6 +11,8 @@ set(LECTERN_SERVICES_SOURCES
   src/services/fever/FeverService.cpp
   src/services/feedwrangler/QKFeedWranglerClient.cpp
   src/services/feedwrangler/FeedWranglerService.cpp
+  src/services/newsblur/QKNewsBlurClient.cpp
+  src/services/newsblur/NewsBlurService.cpp
   src/services/localrss/LocalRSSService.cpp
   src/services/smartfolders/SmartFolderService.cpp
 )

@@ -50,7 +50,7 @@ constexpr ColumnInfo kBookmarkColumns[] = {
     {"tags", kText},           {"date_added", kDate},      {"date_updated", kDate},
     {"is_archived", kBoolean}, {"is_favorited", kBoolean}, {"is_shared", kBoolean},
     {"is_opened", kBoolean},   {"progress", kReal},        {"author", kText},
-    {"permalink", kText},      {"feed", kReference}};
+    {"permalink", kText},      {"feed", kReference},       {"score", kInteger}};
 constexpr ColumnInfo kContentColumns[] = {{"bookmark", kReference}, {"html", kText}, {"preview_text", kText}};
 constexpr ColumnInfo kFeedEnclosureColumns[] = {
     {"feedstory", kReference}, {"url", kText}, {"type", kText}, {"length", kInteger}};

@@ -111,7 +111,8 @@ enum : int {
   kProgress,
   kAuthor,
   kPermalink,
-  kFeed
+  kFeed,
+  kScore
 };
 }
 namespace ContentColumn {

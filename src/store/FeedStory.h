@@ -64,6 +64,23 @@ class FeedStory final : public Bookmark {
   // The entry's published time as text: "crawled" when "published" is "0" and "crawled" says
   // more, else "published" (empty when there is none).
   static std::string stringValueOfFeedItemPublishedDate(const nlohmann::json& entry);
+  // NewsBlur: a story whose "story_hash" (its matching key) and "id", as text, are not empty.
+  static bool isValidForNewsBlurMapping(const nlohmann::json& story);
+  // "story_date" ("yyyy-MM-dd HH:mm:ss", GMT) as a date; nothing when it does not read.
+  static std::optional<Date> newsBlurStoryDate(const nlohmann::json& story);
+  // Fills the story from a NewsBlur story dated `date` (now when it lies in the future), with the
+  // read and starred flags given and the intelligence score its "intelligence" gives.
+  void mapFromNewsBlurDictionary(const nlohmann::json& story, Date date, bool isArchived, bool isFavorited,
+                                 const Clock& clock);
+  // The person's training of a NewsBlur story ("intelligence": title, author, tags, feed): the
+  // largest of title, author and tags when that is positive, else the smallest of them and 0,
+  // and when that is 0 the feed's value. 0 for a story without training.
+  static int computeStoryScore(const nlohmann::json& intelligence);
+  // A story with "intelligence" whose score is negative: one the person trained away.
+  static bool isStoryBlockedByIntelligence(const nlohmann::json& story);
+  // The intelligence score kept with a story; nothing for stories of services without one.
+  std::optional<std::int64_t> score() const;
+  void setScore(std::optional<std::int64_t> score);
 
   std::optional<std::string> offlineFeedId() const override;
 };

@@ -137,12 +137,38 @@ constexpr auto kSchema25 = concat(
         "CREATE INDEX Content_bookmark ON Content(bookmark)"},
     arrayOf(kBookmarkIndexes), arrayOf(kOtherTables));
 
+// Lectern 2.6: a story keeps the intelligence score its service gave it (NewsBlur), so that stories
+// the person trained away can be hidden.
+constexpr auto kSchema26 = concat(
+    std::array<std::string_view, 7>{
+        kMetadataTable, kAccountTable,
+        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
+                       " feed_link TEXT, date_updated REAL, last_refresh REAL, last_error TEXT, "
+                       "failing_since REAL,"
+                       " predicate TEXT, showNotification INTEGER, badgeIndex INTEGER, groupIndex INTEGER, "
+                       "sortIndex INTEGER)",
+        kFolderIndexes,
+        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
+                       " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, "
+                       "is_shared INTEGER,"
+                       " is_opened INTEGER, progress REAL, author TEXT, permalink TEXT, feed "
+                       "INTEGER" LECTERN_FK("Folder") ", score INTEGER)",
+        "CREATE TABLE Content (id INTEGER PRIMARY KEY AUTOINCREMENT, bookmark INTEGER UNIQUE" LECTERN_FK(
+            "Bookmark") ", html TEXT, preview_text TEXT)",
+        "CREATE INDEX Content_bookmark ON Content(bookmark)"},
+    arrayOf(kBookmarkIndexes), arrayOf(kOtherTables));
+
 #undef LECTERN_FK
 
 const ModelVersion kVersions[] = {
     {"Lectern 2.4", "2.4", 1, kSchema24},
     {"Lectern 2.41", "2.41", 2, kSchema241},
     {"Lectern 2.5", "2.5", 3, kSchema25},
+    {"Lectern 2.6", "2.6", 4, kSchema26},
 };
 
 }  // namespace

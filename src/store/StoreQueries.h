@@ -13,6 +13,7 @@ namespace lectern {
 inline void applyBookmarkQuery(ObjectContext::FetchRequest& request, const BookmarkQuery& query) {
   if (query.filter == BookmarkFilter::kUnread) request.where += " AND is_archived = 0";
   if (query.filter == BookmarkFilter::kStarred) request.where += " AND is_favorited = 1";
+  if (!query.includeBlocked) request.where += " AND (score IS NULL OR score >= 0)";
   request.orderBy = "date_added DESC, id DESC";
   request.limit = query.limit;
 }

@@ -64,6 +64,10 @@ void AggregatorSyncOperation::main() {
     completeOperation();
     return;
   }
+  if (!openSession()) {
+    completeOperation();
+    return;
+  }
   // What the user did here reaches the server before its state is read back.
   processOfflineOperations();
   keepDate_ = Feed::calculateKeepDate(environment().defaults, environment().clock);

@@ -49,6 +49,9 @@ class AggregatorSyncOperation : public SyncOperation {
   void main() final;
 
   // ---- the service's steps; false stops the run ----
+  // Before the offline replay: a service whose calls need a session opens it here, so that a
+  // refused login ends the run before anything is sent or read.
+  virtual bool openSession() { return true; }
   // After the keep date: the run's own state (local feeds, since-dates ...).
   virtual bool prepareRun() { return true; }
   virtual bool syncFoldersAndFeeds() = 0;

@@ -7,6 +7,7 @@
 #include "services/feedwrangler/FeedWranglerSyncOperation.h"
 #include "services/fever/FeverSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
+#include "services/newsblur/NewsBlurSyncOperation.h"
 #include "store/Account.h"
 
 namespace lectern {
@@ -25,6 +26,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<FeverSyncOperation>(std::move(account), environment);
     case ServiceType::kFeedly:
       return std::make_shared<FeedlySyncOperation>(std::move(account), environment);
+    case ServiceType::kNewsBlur:
+      return std::make_shared<NewsBlurSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -37,11 +40,11 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kFever:
     case ServiceType::kFeedWrangler:
     case ServiceType::kFeedly:
+    case ServiceType::kNewsBlur:
       return Support::kSupported;
     case ServiceType::kInstapaper:
     case ServiceType::kPocket:
     case ServiceType::kPinboard:
-    case ServiceType::kNewsBlur:
       return Support::kNotInThisVersion;
     default:
       return Support::kNever;

@@ -14,4 +14,5 @@ set(LECTERN_SYNC_SOURCES
   src/services/feedly/FeedlySyncOperation.cpp
   src/services/fever/FeverSyncOperation.cpp
   src/services/feedwrangler/FeedWranglerSyncOperation.cpp
+  src/services/newsblur/NewsBlurSyncOperation.cpp
 )

@@ -19,6 +19,7 @@
 #include "mocks/FeedbinMockServer.h"
 #include "mocks/FeedlyMockServer.h"
 #include "mocks/FeverMockServer.h"
+#include "mocks/NewsBlurMockServer.h"
 #include "store/SqliteDatabase.h"
 #include "support/TestSupport.h"
 #include "sync/SyncTestSupport.h"
@@ -438,6 +439,49 @@ TEST_F(CliTest, FeedlySignsInThroughTheBrowserOrWithATokenAndRefusesAnswersThatA
   auto stray = run("open-url 'lectern://feedly/auth?code=x&state=y'");
   EXPECT_EQ(stray.exit, 1);
   EXPECT_THAT(stray.err, HasSubstr("No sign-in is waiting"));
+}
+
+TEST_F(CliTest, ANewsBlurAccountOnASelfHostedServerSyncsAndHidesTrainedAwayStoriesUnlessAsked) {
+  mock::NewsBlurMockServer newsblur("me", "secret");
+  newsblur.seed(/*feeds=*/3, /*storiesPerFeed=*/4, /*unread=*/5, /*starredEvery=*/4);
+  mock::NewsBlurStory blocked;
+  blocked.id = "https://example.org/blocked";
+  blocked.feedId = *newsblur.feedIds().begin();
+  blocked.title = "Trained away";
+  blocked.timestamp = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  blocked.intelligence.author = -1;
+  newsblur.addStory(blocked);
+
+  // A self-hosted NewsBlur for every account, by the user default.
+  ASSERT_EQ(run("config set newsblurApiEndpoint " + newsblur.baseURL()).exit, 0);
+  EXPECT_EQ(run("account add newsblur --username me --password-stdin", "wrong\n").exit, 1);
+  auto added = run("account add newsblur --username me --password-stdin", "secret\n");
+  ASSERT_EQ(added.exit, 0) << added.err;
+  auto synced = run("sync");
+  ASSERT_EQ(synced.exit, 0) << synced.err;
+  const auto list = run("list --json --limit 0").parsed();
+  EXPECT_EQ(list.size(), 12u);
+  EXPECT_EQ(run("list --json --limit 0 --all").parsed().size(), 13u);
+  std::string firstUnread;
+  for (const auto& story : list) {
+    if (story["is_archived"] == false) firstUnread = std::to_string(story["id"].get<std::int64_t>());
+  }
+  ASSERT_FALSE(firstUnread.empty());
+  // Another process, a new session: it logs in before marking.
+  ASSERT_EQ(run("mark read " + firstUnread).exit, 0);
+  EXPECT_EQ(newsblur.unreadHashes().size(), 5u);  // four of the seed's and the trained-away one
+
+  const auto folders = run("folders --json").parsed();
+  std::vector<std::string> titles;
+  for (const auto& folder : folders) titles.push_back(folder["title"].get<std::string>());
+  EXPECT_THAT(titles, ::testing::IsSupersetOf({"Tech", "Tech - Apple"}));
+  const auto feedId = std::to_string(run("feeds --json").parsed()[0]["id"].get<std::int64_t>());
+  auto moved = run("move " + feedId + " --folder Later");
+  ASSERT_EQ(moved.exit, 0) << moved.err;
+  EXPECT_TRUE(newsblur.flatFolders().contains("Later"));
+  EXPECT_EQ(newsblur.flatFolders().at("Later").size(), 1u);
 }
 
 }  // namespace

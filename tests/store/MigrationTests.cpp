@@ -116,14 +116,15 @@ class MigrationTest : public StoreTest {
   static constexpr std::string_view kLock = "Lectern.storedata.lock";
 };
 
-TEST_F(MigrationTest, ALibraryTwoVersionsBehindIsMigratedInTwoSteps) {
+TEST_F(MigrationTest, ALibraryThreeVersionsBehindIsMigratedStepByStep) {
   writeStoreOfVersion(paths_.storeFile(), modelVersions()[0], kOldLibrary);
   ASSERT_TRUE(manager_->isMigrationNeeded());
   RecordingDelegate delegate;
   ASSERT_TRUE(manager_->migrate(&delegate));
   EXPECT_EQ(delegate.steps_,
             (std::vector<std::string>{"Lectern 2.4 > Lectern 2.41 @ Lectern.Lectern 2.41.storedata",
-                                      "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata"}));
+                                      "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata",
+                                      "Lectern 2.5 > Lectern 2.6 @ Lectern.Lectern 2.6.storedata"}));
   ASSERT_FALSE(delegate.progress_.empty());
   EXPECT_EQ(delegate.progress_.back(), 1.0);
   // The library as it was stays beside it (not in a temporary folder); no step file is left.
@@ -155,6 +156,7 @@ TEST_F(MigrationTest, ALibraryTwoVersionsBehindIsMigratedInTwoSteps) {
   EXPECT_EQ(rows("SELECT type, bookmark_id FROM OfflineOperation"), std::vector<std::string>{"3|p2"});
   EXPECT_EQ(rows("SELECT author, feed FROM Bookmark WHERE entity = 'FeedStory'"),
             std::vector<std::string>{"Bo|14"});
+  EXPECT_EQ(rows("SELECT score FROM Bookmark WHERE entity = 'FeedStory'"), std::vector<std::string>{"NULL"});
   EXPECT_EQ(rows("SELECT last_refresh, last_error FROM Folder WHERE entity = 'Feed'"),
             std::vector<std::string>{"NULL|NULL"});
 
@@ -283,6 +285,7 @@ TEST_F(MigrationTest, StepFileNamesAndTheMappingChain) {
   QKDataMigrationManager chain;
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[0]).value().modelName, "Lectern 2.41");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[1]).value().modelName, "Lectern 2.5");
+  EXPECT_EQ(chain.getDestinationModel(modelVersions()[2]).value().modelName, "Lectern 2.6");
   auto none = chain.getDestinationModel(currentModelVersion());
   ASSERT_FALSE(none);
   EXPECT_EQ(none.error().description, "No mapping model found in bundle");

@@ -45,6 +45,8 @@ struct ListOptions {
   std::int64_t feed = 0;
   bool unread = false;
   bool starred = false;
+  // Also the stories a service's training hides (NewsBlur's intelligence).
+  bool all = false;
   std::int64_t limit = 50;
   bool json = false;
 };
@@ -55,6 +57,7 @@ int runList(CliContext& cli, const ListOptions& options) {
   BookmarkQuery query;
   query.filter = options.unread ? BookmarkFilter::kUnread : options.starred ? BookmarkFilter::kStarred : BookmarkFilter::kAll;
   if (options.limit > 0) query.limit = options.limit;
+  query.includeBlocked = options.all;
 
   std::vector<std::shared_ptr<Bookmark>> items;
   if (options.feed > 0) {
@@ -381,6 +384,7 @@ void addLibraryCommands(CLI::App& app, CliContext& context) {
   auto* unread = list->add_flag("--unread", options->unread, "Only unread articles");
   list->add_flag("--starred", options->starred, "Only starred articles")->excludes(unread);
   list->add_option("--limit", options->limit, "At most N articles (0: all)")->capture_default_str();
+  list->add_flag("--all", options->all, "Also articles hidden by a service's training (NewsBlur intelligence)");
   list->add_flag("--json", options->json, "One JSON array of articles");
   context.onCommand(list, [&context, options] { return runList(context, *options); });
 

@@ -25,6 +25,7 @@
 #include "mocks/FeedbinMockServer.h"
 #include "mocks/FeedlyMockServer.h"
 #include "mocks/FeverMockServer.h"
+#include "mocks/NewsBlurMockServer.h"
 
 extern char** environ;
 
@@ -285,6 +286,57 @@ void addFeedlyCommand(CLI::App& app, FeedlyOptions& options, std::function<int()
   });
 }
 
+struct NewsBlurOptions {
+  int port = 0;
+  std::string username = "me";
+  std::string password = "secret";
+  int feeds = 20;
+  int storiesPerFeed = 25;
+  int unread = 100;
+  int starredEvery = 10;
+};
+
+void addNewsBlurCommand(CLI::App& app, NewsBlurOptions& options, std::function<int()>& run,
+                        const sigset_t& signals) {
+  auto* command = app.add_subcommand("newsblur", "NewsBlur web API with a seeded account");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--username", options.username, "Account user name")->capture_default_str();
+  command->add_option("--password", options.password, "Account password (may be empty)")->capture_default_str();
+  command->add_option("--feeds", options.feeds, "Feeds to subscribe to")->check(kCount)->capture_default_str();
+  command->add_option("--stories-per-feed", options.storiesPerFeed, "Stories in each feed")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--unread", options.unread, "How many of the newest stories are unread")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--starred-every", options.starredEvery, "Star every Nth story (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      std::unique_ptr<lectern::mock::NewsBlurMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::NewsBlurMockServer>(options.username, options.password,
+                                                                     options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->seed(options.feeds, options.storiesPerFeed, options.unread, options.starredEvery);
+      fmt::print("NewsBlur mock at {} ({} feeds, {} unread, {} starred); Ctrl-C stops it.\n", server->baseURL(),
+                 server->feedIds().size(), server->unreadHashes().size(), server->starredHashes().size());
+      fmt::print("Add it to Lectern: lectern account add newsblur --username {} --password-stdin --endpoint {}  "
+                 "(password: {})\n",
+                 options.username, server->baseURL(), options.password);
+      std::fflush(stdout);  // scripts read the address while the server runs
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
 struct BrowseOptions {
   std::string lectern = "lectern";
   std::string home;
@@ -422,6 +474,8 @@ int main(int argc, char** argv) {
 
   FeverOptions fever;
   addFeverCommand(app, fever, run, signals);
+  NewsBlurOptions newsBlur;
+  addNewsBlurCommand(app, newsBlur, run, signals);
 
   FeedlyOptions feedly;
   addFeedlyCommand(app, feedly, run, signals);
