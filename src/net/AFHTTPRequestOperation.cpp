@@ -197,8 +197,10 @@ void AFHTTPRequestOperation::deliver() {
   CallbackQueue failureQueue;
   {
     std::lock_guard lock(lock_);
-    success = success_;
-    failure = failure_;
+    // Taken, not copied: the blocks hold the callers' objects (a context's objects among them),
+    // which must be let go where the blocks run, not on whichever thread drops the operation.
+    success = std::move(success_);
+    failure = std::move(failure_);
     auto& main = session().mainQueue();
     auto onMain = [&main](std::function<void()> block) { main.post(std::move(block)); };
     successQueue = successQueue_ ? successQueue_ : onMain;
@@ -215,15 +217,16 @@ void AFHTTPRequestOperation::deliver() {
     }
   }
   // The blocks are the callers' code on the layer's queues: nothing they throw may leave them.
+  // Both blocks travel with the one that runs, so that both are released on its queue.
   if (failed) {
     runLoggingExceptions(kLogCategory, "a failure callback queue", [&] {
-      failureQueue([self, failure, error = std::move(*failed)] {
+      failureQueue([self, success = std::move(success), failure = std::move(failure), error = std::move(*failed)] {
         if (failure) runLoggingExceptions(kLogCategory, "a failure block", [&] { failure(*self, error); });
       });
     });
   } else {
     runLoggingExceptions(kLogCategory, "a success callback queue", [&] {
-      successQueue([self, success, object = std::move(object)] {
+      successQueue([self, success = std::move(success), failure = std::move(failure), object = std::move(object)] {
         if (success) runLoggingExceptions(kLogCategory, "a success block", [&] { success(*self, object); });
       });
     });
