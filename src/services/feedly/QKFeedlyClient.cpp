@@ -95,6 +95,15 @@ QKFeedlyClient::QKFeedlyClient(NetworkSession& session, std::string_view baseURL
   tokens_.refreshToken = std::move(tokens.refreshToken);
 }
 
+QKFeedlyClient::~QKFeedlyClient() {
+  if (!checker_.joinable()) return;
+  if (checker_.get_id() == std::this_thread::get_id()) {
+    checker_.detach();  // the checking thread let go last; it ends right after
+  } else {
+    checker_.join();
+  }
+}
+
 void QKFeedlyClient::setTokenDelegate(TokenDelegate delegate) {
   std::lock_guard lock(mutex_);
   delegate_ = std::move(delegate);
@@ -418,7 +427,9 @@ void QKFeedlyClient::afterTokenCheck(bool needsProfileId, std::function<void(std
   }
   // The check may ask the server (and renew the token), as may the profile id: never on the main
   // thread.
-  std::thread([self = shared_from_this(), needsProfileId] {
+  // A check that ended earlier is joined first: one runs at a time.
+  if (checker_.joinable()) checker_.join();
+  checker_ = std::thread([self = shared_from_this(), needsProfileId]() mutable {
     auto error = self->checkToken(/*notifyOnMainQueue=*/true);
     if (!error && needsProfileId) {
       if (auto id = self->profileId(); !id) error = id.error();
@@ -429,10 +440,13 @@ void QKFeedlyClient::afterTokenCheck(bool needsProfileId, std::function<void(std
       self->checking_ = false;
       waiting.swap(self->waiting_);
     }
-    self->session().mainQueue().post([waiting = std::move(waiting), error] {
+    // The client goes with the answers: its last hold is dropped on the main thread (whose
+    // destructor joins this thread), never here.
+    MainQueue& mainQueue = self->session().mainQueue();
+    mainQueue.post([self = std::move(self), waiting = std::move(waiting), error] {
       for (const auto& then : waiting) then(error);
     });
-  }).detach();
+  });
 }
 
 void QKFeedlyClient::send(std::function<HttpRequest()> makeRequest, std::string title,

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "core/Clock.h"
@@ -61,6 +62,8 @@ class QKFeedlyClient final : public AFHTTPClient, public std::enable_shared_from
   // Paths are relative ("v3/..."), so that a server under a path works too.
   QKFeedlyClient(NetworkSession& session, std::string_view baseURL, FeedlyApplication application,
                  FeedlyTokens tokens, const Clock& clock);
+
+  ~QKFeedlyClient() override;
 
   void setTokenDelegate(TokenDelegate delegate);
   // The profile id known from before (kept with the account), and who is told a new one: with
@@ -159,6 +162,7 @@ class QKFeedlyClient final : public AFHTTPClient, public std::enable_shared_from
   std::optional<std::string> profileId_;
   // Calls waiting for a token check that runs off the main thread.
   bool checking_ = false;
+  std::thread checker_;  // the token check of calls made on the main thread; joined before the next
   std::vector<std::function<void(std::optional<Error>)>> waiting_;
 };
 
