@@ -54,6 +54,19 @@ std::string programPath() {
   return error ? std::string("lectern") : path.string();
 }
 
+// A library chosen with --home (or LECTERN_HOME) is the one the answers go to.
+std::string homeArgument(const AppOptions& options) {
+  std::optional<std::filesystem::path> home = options.home;
+  if (!home) {
+    if (const char* fromEnvironment = std::getenv("LECTERN_HOME"); fromEnvironment && *fromEnvironment)
+      home = fromEnvironment;
+  }
+  if (!home) return {};
+  std::error_code error;
+  const auto absolute = std::filesystem::absolute(*home, error);
+  return fmt::format(" --home \"{}\"", (error ? *home : absolute).string());
+}
+
 int runDesktopIntegrationInstall(CliContext& cli) {
   auto environment = cli.environment();
   if (!environment) {
@@ -71,7 +84,7 @@ int runDesktopIntegrationInstall(CliContext& cli) {
            "Type=Application\n"
            "Name=Lectern\n"
            "Comment=Hands sign-in answers to Lectern\n"
-        << "Exec=" << programPath() << " open-url %u\n"
+        << "Exec=" << programPath() << homeArgument((*environment)->options()) << " open-url %u\n"
         << "Terminal=false\n"
            "NoDisplay=true\n"
            "MimeType=x-scheme-handler/lectern;\n";
