@@ -135,13 +135,20 @@ Result<std::vector<Account::OperationEntry>> Account::arrayWithOperationsDiction
   for (const auto& operation : *operations) ids.push_back(operation->bookmark_id().value_or(""));
   auto bookmarks = findBookmarksWithIds(ids);
   if (!bookmarks) return fail(bookmarks.error());
-  std::map<std::string, std::shared_ptr<Bookmark>> byId;
+  std::multimap<std::string, std::shared_ptr<Bookmark>> byId;
   for (auto& bookmark : *bookmarks) byId.emplace(bookmark->bookmark_id().value_or(""), bookmark);
 
   std::vector<OperationEntry> entries;
   for (auto& operation : *operations) {
-    auto found = byId.find(operation->bookmark_id().value_or(""));
-    std::shared_ptr<Bookmark> bookmark = found == byId.end() ? nullptr : found->second;
+    // Some services name items uniquely only within a feed: the item of the change's feed wins.
+    auto [first, last] = byId.equal_range(operation->bookmark_id().value_or(""));
+    std::shared_ptr<Bookmark> bookmark = first == last ? nullptr : first->second;
+    for (auto it = first; it != last && operation->feed_id(); ++it) {
+      if (it->second->offlineFeedId() == operation->feed_id()) {
+        bookmark = it->second;
+        break;
+      }
+    }
     // A delete carries what its service needs; every other change needs its item.
     if (!bookmark && type != OfflineOperationType::kDelete) {
       managedObjectContext().deleteObject(*operation);  // its item is gone: nothing to replay
@@ -199,13 +206,13 @@ bool Account::settleReplayed(const std::vector<std::shared_ptr<OfflineOperation>
       clearOfflineOperations(operations);
       return true;
     case Delivery::kRefused:
-      logError(kLogCategory, "The server refused a queued change of {}; it is dropped: {}", uniqueIdentifier(),
-               (*outcome)->message());
+      logError(kLogCategory, "The server refused a queued change of {}; it is dropped: {}",
+               uniqueIdentifier(), (*outcome)->message());
       clearOfflineOperations(operations);
       return true;
     case Delivery::kNotDelivered:
-      logInfo(kLogCategory, "A queued change of {} could not be sent; it stays queued: {}", uniqueIdentifier(),
-              (*outcome)->message());
+      logInfo(kLogCategory, "A queued change of {} could not be sent; it stays queued: {}",
+              uniqueIdentifier(), (*outcome)->message());
       return false;
   }
   return false;

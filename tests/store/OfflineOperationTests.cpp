@@ -104,6 +104,22 @@ TEST_F(OfflineQueueTest, ReplayListsDropOperationsWhoseItemIsGone) {
   EXPECT_EQ(pending(), (std::vector<std::string>{"3 kept -"}));
 }
 
+TEST_F(OfflineQueueTest, AQueuedChangeFindsTheItemOfItsFeedWhenTwoFeedsShareAnId) {
+  // Regression: items named the same in two feeds (a service whose ids are unique per feed) sent
+  // the change of one for the other.
+  auto first = account_->addFeedWithTitle("First", "http://example.com/a", "feed-a");
+  auto second = account_->addFeedWithTitle("Second", "http://example.com/b", "feed-b");
+  story("same", first.get());
+  auto wanted = story("same", second.get());
+  ASSERT_TRUE(context().save());
+  queue("same", "feed-b", OfflineOperationType::kStar);
+  ASSERT_TRUE(context().save());
+  const auto entries =
+      account_->arrayWithOperationsDictionariesForOperationType(OfflineOperationType::kStar).value();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].bookmarkObject->objectID(), wanted->objectID());
+}
+
 TEST_F(OfflineQueueTest, OfflineChangesAreQueuedWithTheStorysFeed) {
   auto feed = account_->addFeedWithTitle("Feed", "http://example.com/feed", "feed-7");
   auto item = story("s1", feed.get());
@@ -178,7 +194,8 @@ TEST_F(OfflineQueueTest, AnOnlineChangeThatCannotReachItsServiceIsQueuedAndARefu
     return std::nullopt;
   });
   // Sent and failed for want of a network: queued, and the caller hears of no failure.
-  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({unreachable}, *account_, true, done); }), std::nullopt);
+  EXPECT_EQ(run([&](auto done) { Bookmark::markBookmarks({unreachable}, *account_, true, done); }),
+            std::nullopt);
   EXPECT_EQ(run([&](auto done) { Bookmark::markBookmark(*unreachable, Bookmark::Favorited{true}, done); }),
             std::nullopt);
   EXPECT_EQ(run([&](auto done) { Bookmark::deleteBookmarkWithId("s1", *account_, done); }), std::nullopt);
@@ -245,7 +262,7 @@ TEST_F(ReplayTest, AQueuedChangeIsClearedOnlyOnceItsServiceTookOrRefusedIt) {
   EXPECT_EQ(pending(), (std::vector<std::string>{"3 b1 -", "1 b2 -", "99 b3 -"}));
 
   service_->setOutcome([](const std::string& call) -> std::optional<Error> {
-    if (call.starts_with("star")) return httpFailure(404);  // refused: dropped, not retried
+    if (call.starts_with("star")) return httpFailure(404);    // refused: dropped, not retried
     if (call.starts_with("delete")) return httpFailure(503);  // a server in trouble: kept
     return std::nullopt;
   });
