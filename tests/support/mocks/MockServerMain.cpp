@@ -1,5 +1,6 @@
 // `mock-server SERVICE [options]`: one of Lectern's local service stand-ins on 127.0.0.1 until
-// SIGINT or SIGTERM, for trying Lectern by hand and for benchmarks. One subcommand per service.
+// SIGINT or SIGTERM, for trying Lectern by hand and for benchmarks. One subcommand per service,
+// and `mock-server browse URL`, the browser of the sign-in tests.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <httplib.h>
@@ -469,16 +470,14 @@ int main(int argc, char** argv) {
 
   FeedbinOptions feedbin;
   addFeedbinCommand(app, feedbin, run, signals);
+  FeedlyOptions feedly;
+  addFeedlyCommand(app, feedly, run, signals);
   FeedWranglerOptions feedWrangler;
   addFeedWranglerCommand(app, feedWrangler, run, signals);
-
   FeverOptions fever;
   addFeverCommand(app, fever, run, signals);
   NewsBlurOptions newsBlur;
   addNewsBlurCommand(app, newsBlur, run, signals);
-
-  FeedlyOptions feedly;
-  addFeedlyCommand(app, feedly, run, signals);
   BrowseOptions browseOptions;
   addBrowseCommand(app, browseOptions, run);
 
