@@ -27,4 +27,24 @@ class QKJSONRequestOperation : public AFJSONRequestOperation {
   std::string_view className() const override { return kClassName; }
 };
 
+// The JSON operation of a server that reports failures in answers of status 200: the answer a
+// subclass reads as a refusal fails the operation, before any caller takes it for a success.
+class QKCheckedJSONRequestOperation : public QKJSONRequestOperation {
+ public:
+  using QKJSONRequestOperation::QKJSONRequestOperation;
+
+ protected:
+  // The error an answer says, or nothing for an answer that says none.
+  virtual std::optional<Error> refusalIn(const nlohmann::json& answer) const = 0;
+
+  Result<ResponseObject> parseResponse() override {
+    auto parsed = QKJSONRequestOperation::parseResponse();
+    if (!parsed) return parsed;
+    const nlohmann::json* answer = std::get_if<nlohmann::json>(&*parsed);
+    if (!answer) return parsed;
+    if (auto refusal = refusalIn(*answer)) return std::unexpected<Error>(std::move(*refusal));
+    return parsed;
+  }
+};
+
 }  // namespace lectern

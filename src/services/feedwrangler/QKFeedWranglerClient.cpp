@@ -31,23 +31,20 @@ std::string pageOffset(int page, int perPage) { return std::to_string(std::max(p
 
 // Feed Wrangler says "result": "error" with HTTP 200 for most failures: the JSON operation would
 // take that for a success, so the answer fails here, before any caller sees it.
-class QKFeedWranglerRequestOperation final : public QKJSONRequestOperation {
+class QKFeedWranglerRequestOperation final : public QKCheckedJSONRequestOperation {
  public:
   static constexpr std::string_view kClassName = "QKFeedWranglerRequestOperation";
-  using QKJSONRequestOperation::QKJSONRequestOperation;
+  using QKCheckedJSONRequestOperation::QKCheckedJSONRequestOperation;
   std::string_view className() const override { return kClassName; }
 
  protected:
-  Result<ResponseObject> parseResponse() override {
-    auto parsed = QKJSONRequestOperation::parseResponse();
-    if (!parsed) return parsed;
-    const json* answer = std::get_if<json>(&*parsed);
-    if (!answer || !QKFeedWranglerClient::isResponseError(*answer)) return parsed;
+  std::optional<Error> refusalIn(const json& answer) const override {
+    if (!QKFeedWranglerClient::isResponseError(answer)) return std::nullopt;
     Error error =
         Error::make(QKFeedWranglerClient::kErrorDomain, QKFeedWranglerClient::kResponseErrorCode,
-                    "Feed Wrangler answered with an error", safeStringValue(*answer, "error").value_or(""));
+                    "Feed Wrangler answered with an error", safeStringValue(answer, "error").value_or(""));
     error.userInfo[std::string(kHTTPStatusCodeErrorKey)] = kRefusedStatus;
-    return fail(std::move(error));
+    return error;
   }
 };
 

@@ -57,31 +57,28 @@ std::string serverMessage(const json& answer) {
 
 // NewsBlur answers most failures with HTTP 200: the JSON operation would take them for
 // successes, so the answer fails here, before any caller sees it.
-class QKNewsBlurRequestOperation final : public QKJSONRequestOperation {
+class QKNewsBlurRequestOperation final : public QKCheckedJSONRequestOperation {
  public:
   static constexpr std::string_view kClassName = "QKNewsBlurRequestOperation";
-  using QKJSONRequestOperation::QKJSONRequestOperation;
+  using QKCheckedJSONRequestOperation::QKCheckedJSONRequestOperation;
   std::string_view className() const override { return kClassName; }
 
  protected:
-  Result<ResponseObject> parseResponse() override {
-    auto parsed = QKJSONRequestOperation::parseResponse();
-    if (!parsed) return parsed;
-    const json* answer = std::get_if<json>(&*parsed);
-    if (!answer || !answer->is_object()) return parsed;
+  std::optional<Error> refusalIn(const json& answer) const override {
+    if (!answer.is_object()) return std::nullopt;
     // Without a session, reads answer a default account's data: never take it for the person's.
-    if (const auto authenticated = answer->find("authenticated");
-        authenticated != answer->end() && authenticated->is_boolean() && !authenticated->get<bool>()) {
-      return fail(Error::make(QKNewsBlurClient::kErrorDomain, QKNewsBlurClient::kNotAuthenticatedCode,
-                              "NewsBlur answered without a session", serverMessage(*answer)));
+    if (const auto authenticated = answer.find("authenticated");
+        authenticated != answer.end() && authenticated->is_boolean() && !authenticated->get<bool>()) {
+      return Error::make(QKNewsBlurClient::kErrorDomain, QKNewsBlurClient::kNotAuthenticatedCode,
+                         "NewsBlur answered without a session", serverMessage(answer));
     }
-    if (const auto code = answer->find("code"); code != answer->end() && code->is_number() && *code == -1) {
+    if (const auto code = answer.find("code"); code != answer.end() && code->is_number() && *code == -1) {
       Error error = Error::make(QKNewsBlurClient::kErrorDomain, QKNewsBlurClient::kRefusedCode,
-                                "NewsBlur declined the call", serverMessage(*answer));
+                                "NewsBlur declined the call", serverMessage(answer));
       error.userInfo[std::string(kHTTPStatusCodeErrorKey)] = kRefusedStatus;
-      return fail(std::move(error));
+      return error;
     }
-    return parsed;
+    return std::nullopt;
   }
 };
 
