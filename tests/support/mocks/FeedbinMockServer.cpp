@@ -703,27 +703,7 @@ FeedbinMockServer::FeedbinMockServer(std::string username, std::string password,
   server_->Patch(".*", handler);
   server_->Delete(".*", handler);
   server_->Options(".*", handler);
-  server_->set_tcp_nodelay(true);  // otherwise delayed ACKs add 40 ms to each answer
-  server_->set_keep_alive_max_count(1000);
-  // A client's idle connection holds a server thread until this passes, and stopping the server
-  // waits for it: short, so that a test's mock stops at once.
-  server_->set_keep_alive_timeout(1);
-  // httplib also sets SO_REUSEPORT, which lets a second mock share a taken port and steal half
-  // the connections; a busy port must fail instead.
-  server_->set_socket_options([](int socket) {
-    int yes = 1;
-    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-  });
-  if (port == 0) {
-    port_ = server_->bind_to_any_port("127.0.0.1");
-  } else if (server_->bind_to_port("127.0.0.1", port)) {
-    port_ = port;
-  } else {
-    port_ = -1;
-  }
-  if (port_ < 0) throw std::runtime_error(fmt::format("Could not listen on 127.0.0.1:{}", port));
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
-  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  port_ = listenOnLoopback(*server_, port, thread_);
 }
 
 FeedbinMockServer::~FeedbinMockServer() {

@@ -199,17 +199,7 @@ FeverMockServer::FeverMockServer(std::string username, std::string password, Fev
   };
   server_->Get(path_, handler);
   server_->Post(path_, handler);
-  server_->set_tcp_nodelay(true);  // otherwise delayed ACKs add 40 ms to each answer
-  server_->set_keep_alive_timeout(1);
-  server_->set_socket_options([](int socket) {
-    int yes = 1;
-    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-  });
-  port_ = port == 0 ? server_->bind_to_any_port("127.0.0.1")
-                    : (server_->bind_to_port("127.0.0.1", port) ? port : -1);
-  if (port_ <= 0) throw std::runtime_error(fmt::format("Could not listen on 127.0.0.1:{}", port));
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
-  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  port_ = listenOnLoopback(*server_, port, thread_);
 }
 
 FeverMockServer::~FeverMockServer() {

@@ -3,12 +3,15 @@
 #include "mocks/MockWire.h"
 
 #include <fmt/format.h>
+#include <httplib.h>
 #include <openssl/evp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <chrono>
+#include <stdexcept>
 
 namespace lectern::mock {
 
@@ -232,6 +235,25 @@ std::string md5Hex(std::string_view text) {
   std::string hex;
   for (unsigned int i = 0; i < length; ++i) hex += fmt::format("{:02x}", digest[i]);
   return hex;
+}
+
+int listenOnLoopback(httplib::Server& server, int port, std::thread& thread) {
+  server.set_tcp_nodelay(true);  // otherwise delayed ACKs add 40 ms to each answer
+  server.set_keep_alive_max_count(1000);
+  // Stopping the server waits for idle client connections: short, so that a test's mock stops at once.
+  server.set_keep_alive_timeout(1);
+  // Without SO_REUSEPORT (httplib's default adds it), a second mock on a taken port fails instead
+  // of sharing it and stealing half its connections.
+  server.set_socket_options([](int socket) {
+    int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  });
+  const int bound =
+      port == 0 ? server.bind_to_any_port("127.0.0.1") : (server.bind_to_port("127.0.0.1", port) ? port : -1);
+  if (bound <= 0) throw std::runtime_error(fmt::format("Could not listen on 127.0.0.1:{}", port));
+  thread = std::thread([&server] { server.listen_after_bind(); });
+  while (!server.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return bound;
 }
 
 }  // namespace lectern::mock

@@ -8,8 +8,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
+
+namespace httplib {
+class Server;
+}  // namespace httplib
 
 namespace lectern::mock {
 
@@ -87,5 +92,9 @@ struct Answer {
 };
 std::string jsonText(const Json& value);
 Answer jsonAnswer(int status, const Json& value);
+
+// Listens on 127.0.0.1 at `port` (one the system picks when 0) as every mock does, and serves on
+// `thread` until the server stops: the port. Throws when the port is taken.
+int listenOnLoopback(httplib::Server& server, int port, std::thread& thread);
 
 }  // namespace lectern::mock
