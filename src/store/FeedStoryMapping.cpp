@@ -7,6 +7,27 @@
 #include "store/FeedStory.h"
 
 namespace lectern {
+namespace {
+
+// What the items of Feedbin, Fever and Feed Wrangler give alike: an id (the story's bookmark_id
+// and bookmark_hash) under `idKey`, the HTML under `htmlKey`, "title", "url" and "author", and the
+// date (now, when it lies in the future).
+void mapCommonFields(FeedStory& story, const nlohmann::json& item, std::string_view idKey,
+                     std::string_view htmlKey, Date date, const Clock& clock) {
+  if (isInFuture(date, clock)) date = clock.now();
+  const auto id = safeStringValue(item, idKey);
+  story.setTitle(safeStringValue(item, "title"));
+  story.setBookmark_id(id);
+  story.setBookmark_hash(id);
+  story.setDate_added(date);
+  story.setHtml(safeStringValue(item, htmlKey));
+  const auto url = safeStringValue(item, "url");
+  story.setUrl(url);
+  story.setPermalink(url);
+  story.setAuthor(safeStringValue(item, "author"));
+}
+
+}  // namespace
 
 bool FeedStory::isValidForFeedbinMapping(const nlohmann::json& entry) {
   const auto id = safeStringValue(entry, "id");
@@ -14,19 +35,9 @@ bool FeedStory::isValidForFeedbinMapping(const nlohmann::json& entry) {
 }
 
 void FeedStory::mapFromFeedbinDictionary(const nlohmann::json& entry, Date date, const Clock& clock) {
-  if (isInFuture(date, clock)) date = clock.now();
-  const auto id = safeStringValue(entry, "id");
-  setTitle(safeStringValue(entry, "title"));
-  setBookmark_id(id);
-  setBookmark_hash(id);
-  setDate_added(date);
+  mapCommonFields(*this, entry, "id", "content", date, clock);
   const auto created = safeStringValue(entry, "created_at");
   setDate_updated(created ? dateFromISO8601String(*created) : std::nullopt);
-  setHtml(safeStringValue(entry, "content"));
-  const auto url = safeStringValue(entry, "url");
-  setUrl(url);
-  setPermalink(url);
-  setAuthor(safeStringValue(entry, "author"));
 }
 
 // Fever writes times as seconds since 1970, ids as numbers or text, flags as 0/1 or text.
@@ -36,17 +47,7 @@ bool FeedStory::isValidForFeverMapping(const nlohmann::json& item) {
 }
 
 void FeedStory::mapFromFeverDictionary(const nlohmann::json& item, Date date, const Clock& clock) {
-  if (isInFuture(date, clock)) date = clock.now();
-  const auto id = safeStringValue(item, "id");
-  setTitle(safeStringValue(item, "title"));
-  setBookmark_id(id);
-  setBookmark_hash(id);
-  setDate_added(date);
-  setHtml(safeStringValue(item, "html"));
-  const auto url = safeStringValue(item, "url");
-  setUrl(url);
-  setPermalink(url);
-  setAuthor(safeStringValue(item, "author"));
+  mapCommonFields(*this, item, "id", "html", date, clock);
   setIs_archived(safeBoolValue(item, "is_read"));
   setIs_favorited(safeBoolValue(item, "is_saved"));
 }
@@ -74,18 +75,8 @@ bool FeedStory::isValidForFeedWranglerMapping(const nlohmann::json& item) {
 }
 
 void FeedStory::mapFromFeedWranglerDictionary(const nlohmann::json& item, Date date, const Clock& clock) {
-  if (isInFuture(date, clock)) date = clock.now();
-  const auto id = safeStringValue(item, "feed_item_id");
-  setTitle(safeStringValue(item, "title"));
-  setBookmark_id(id);
-  setBookmark_hash(id);
-  setDate_added(date);
+  mapCommonFields(*this, item, "feed_item_id", "body", date, clock);
   setDate_updated(feedWranglerTime(item, "created_at"));
-  setHtml(safeStringValue(item, "body"));
-  const auto url = safeStringValue(item, "url");
-  setUrl(url);
-  setPermalink(url);
-  setAuthor(safeStringValue(item, "author"));
   // A flag the item leaves out is the caller's to set.
   if (!item.is_object()) return;
   if (hasFeedWranglerValue(item, "read")) setIs_archived(safeBoolValue(item, "read"));
