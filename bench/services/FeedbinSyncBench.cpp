@@ -19,18 +19,8 @@ constexpr int kStarredEvery = 5;
 void BM_FeedbinFirstSync(benchmark::State& state) {
   mock::FeedbinMockServer server;
   server.seed(kFeeds, kEntriesPerFeed, kUnread, kStarredEvery);
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto library = std::make_unique<Library>("feedbin", "me@example.org", server.baseURL());
-    server.clearRequests();
-    state.ResumeTiming();
-    library->sync();
-    state.PauseTiming();
-    state.counters["requests"] = static_cast<double>(server.requests().size());
-    state.counters["stories"] = static_cast<double>(library->stories());
-    library.reset();
-    state.ResumeTiming();
-  }
+  bench::firstSyncs(state, server,
+                    [&] { return std::make_unique<Library>("feedbin", "me@example.org", server.baseURL()); });
 }
 BENCHMARK(BM_FeedbinFirstSync)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
@@ -38,17 +28,7 @@ void BM_FeedbinSecondSyncNothingNew(benchmark::State& state) {
   mock::FeedbinMockServer server;
   server.seed(kFeeds, kEntriesPerFeed, kUnread, kStarredEvery);
   Library library("feedbin", "me@example.org", server.baseURL());
-  library.sync();
-  for (auto _ : state) {
-    state.PauseTiming();
-    server.clearRequests();
-    state.ResumeTiming();
-    library.sync();
-    state.PauseTiming();
-    state.counters["requests"] = static_cast<double>(server.requests().size());
-    state.counters["stories"] = static_cast<double>(library.stories());
-    state.ResumeTiming();
-  }
+  bench::secondSyncs(state, server, library);
 }
 BENCHMARK(BM_FeedbinSecondSyncNothingNew)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 

@@ -26,19 +26,9 @@ std::unique_ptr<Library> libraryOn(mock::FeedlyMockServer& server) {
 void BM_FeedlyFirstSync(benchmark::State& state) {
   mock::FeedlyMockServer server;
   seeded(server);
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto library = libraryOn(server);
-    QKFeedlyClient::resetLastTokenCheck();  // a new process checks its token first
-    server.clearRequests();
-    state.ResumeTiming();
-    library->sync();
-    state.PauseTiming();
-    state.counters["requests"] = static_cast<double>(server.requests().size());
-    state.counters["stories"] = static_cast<double>(library->stories());
-    library.reset();
-    state.ResumeTiming();
-  }
+  // A new process checks its token first.
+  bench::firstSyncs(
+      state, server, [&] { return libraryOn(server); }, [] { QKFeedlyClient::resetLastTokenCheck(); });
 }
 BENCHMARK(BM_FeedlyFirstSync)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
@@ -46,17 +36,7 @@ void BM_FeedlySecondSyncNothingNew(benchmark::State& state) {
   mock::FeedlyMockServer server;
   seeded(server);
   auto library = libraryOn(server);
-  library->sync();
-  for (auto _ : state) {
-    state.PauseTiming();
-    server.clearRequests();
-    state.ResumeTiming();
-    library->sync();
-    state.PauseTiming();
-    state.counters["requests"] = static_cast<double>(server.requests().size());
-    state.counters["stories"] = static_cast<double>(library->stories());
-    state.ResumeTiming();
-  }
+  bench::secondSyncs(state, server, *library);
 }
 BENCHMARK(BM_FeedlySecondSyncNothingNew)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 

@@ -15,18 +15,8 @@ void seeded(mock::FeverMockServer& server) { server.seed(200, 50, 10'000, 5); }
 void BM_FeverFirstSync(benchmark::State& state) {
   mock::FeverMockServer server;
   seeded(server);
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto library = std::make_unique<Library>("fever", "me", server.endpoint());
-    server.clearRequests();
-    state.ResumeTiming();
-    library->sync();
-    state.PauseTiming();
-    state.counters["requests"] = static_cast<double>(server.requests().size());
-    state.counters["stories"] = static_cast<double>(library->stories());
-    library.reset();
-    state.ResumeTiming();
-  }
+  bench::firstSyncs(state, server,
+                    [&] { return std::make_unique<Library>("fever", "me", server.endpoint()); });
 }
 BENCHMARK(BM_FeverFirstSync)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
@@ -34,17 +24,7 @@ void BM_FeverSecondSyncNothingNew(benchmark::State& state) {
   mock::FeverMockServer server;
   seeded(server);
   Library library("fever", "me", server.endpoint());
-  library.sync();
-  for (auto _ : state) {
-    state.PauseTiming();
-    server.clearRequests();
-    state.ResumeTiming();
-    library.sync();
-    state.PauseTiming();
-    state.counters["requests"] = static_cast<double>(server.requests().size());
-    state.counters["stories"] = static_cast<double>(library.stories());
-    state.ResumeTiming();
-  }
+  bench::secondSyncs(state, server, library);
 }
 BENCHMARK(BM_FeverSecondSyncNothingNew)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 

@@ -2,9 +2,11 @@
 
 // A library with one account of a hosted service on its mock, and what a sync needs around it,
 // for the services' benchmarks.
+#include <benchmark/benchmark.h>
 #include <stdlib.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -72,5 +74,42 @@ struct Library {
   QKSyncManager manager;
   std::shared_ptr<Account> account;
 };
+
+// A first sync (everything new) into a fresh library per iteration, timed alone; counters: the
+// requests the server answered and the stories stored.
+template <class Server>
+void firstSyncs(benchmark::State& state, Server& server,
+                const std::function<std::unique_ptr<Library>()>& makeLibrary,
+                const std::function<void()>& beforeEach = {}) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto library = makeLibrary();
+    if (beforeEach) beforeEach();
+    server.clearRequests();
+    state.ResumeTiming();
+    library->sync();
+    state.PauseTiming();
+    state.counters["requests"] = static_cast<double>(server.requests().size());
+    state.counters["stories"] = static_cast<double>(library->stories());
+    library.reset();
+    state.ResumeTiming();
+  }
+}
+
+// A second sync with nothing new, after one that brought everything.
+template <class Server>
+void secondSyncs(benchmark::State& state, Server& server, Library& library) {
+  library.sync();
+  for (auto _ : state) {
+    state.PauseTiming();
+    server.clearRequests();
+    state.ResumeTiming();
+    library.sync();
+    state.PauseTiming();
+    state.counters["requests"] = static_cast<double>(server.requests().size());
+    state.counters["stories"] = static_cast<double>(library.stories());
+    state.ResumeTiming();
+  }
+}
 
 }  // namespace lectern::bench
