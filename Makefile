@@ -16,6 +16,8 @@ MAKEFLAGS += --no-print-directory
 export CCACHE_DIR ?= $(HOME)/.cache/ccache
 # Relative paths in the cache key, so checkouts in different folders share compiled objects.
 export CCACHE_BASEDIR ?= $(abspath $(CURDIR)/..)
+# Debug objects otherwise carry the build folder in their key, which defeats the line above.
+export CCACHE_NOHASHDIR ?= 1
 
 .PHONY: run test tsan bench deps bench-deps build build-test build-tsan build-bench clean
 

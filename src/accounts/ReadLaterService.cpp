@@ -2,9 +2,10 @@
 
 namespace lectern {
 
-void ReadLaterService::addBookmarkWithUrl(std::string, std::optional<std::string>, std::optional<std::string>,
-                                          ServiceCompletion onCompleted) {
-  completeWithoutClient("add bookmark", std::move(onCompleted));
+void ReadLaterService::addBookmarkWithUrl(std::string url, std::optional<std::string> title,
+                                          std::optional<std::string> description, ServiceCompletion onCompleted) {
+  addBookmark(PageToSave{std::move(url), std::move(title), std::move(description), {}, std::nullopt},
+              std::move(onCompleted));
 }
 
 }  // namespace lectern

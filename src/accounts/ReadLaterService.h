@@ -15,9 +15,9 @@ class ReadLaterService : public ServiceBase {
 
   bool isReadLaterService() const override { return true; }
 
-  // Here it fails with kServiceClientUnavailable: saving needs the service's client.
-  virtual void addBookmarkWithUrl(std::string url, std::optional<std::string> title,
-                                  std::optional<std::string> description, ServiceCompletion onCompleted);
+  // addBookmark with no folder and no tags.
+  void addBookmarkWithUrl(std::string url, std::optional<std::string> title, std::optional<std::string> description,
+                          ServiceCompletion onCompleted);
 };
 
 }  // namespace lectern

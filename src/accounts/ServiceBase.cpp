@@ -159,4 +159,8 @@ void ServiceBase::updateReadProgress(Bookmark&, double, ServiceCompletion onComp
   completeWithoutClient("update reading progress", std::move(onCompleted));
 }
 
+void ServiceBase::addBookmark(const PageToSave&, ServiceCompletion onCompleted) {
+  completeWithoutClient("add bookmark", std::move(onCompleted));
+}
+
 }  // namespace lectern

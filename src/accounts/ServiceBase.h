@@ -18,6 +18,15 @@ class AFHTTPClient;
 class Account;
 class ObjectContext;
 
+// A page a person keeps in a read-later or bookmark account (`lectern save`).
+struct PageToSave {
+  std::string url;
+  std::optional<std::string> title;
+  std::optional<std::string> description;
+  std::string tags;                      // comma-separated, as the library keeps them; "" for none
+  std::optional<std::string> folderId;   // the account folder's folder_id; none: the service's default
+};
+
 // The root of the service class tree: what every service answers (name, icon, capabilities,
 // client, built-in folders) and the item calls of the store's AccountService interface.
 // Owned by one Account object and used on that account's context thread.
@@ -68,6 +77,10 @@ class ServiceBase : public AccountService, public std::enable_shared_from_this<S
   void moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) override;
   void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;
+  // Saves a page to the service and, once it agreed, keeps the item it describes in the library
+  // (saved, not yet with its article text). Online only: there is no offline add. Here it fails
+  // with kServiceClientUnavailable. Completes on the main queue.
+  virtual void addBookmark(const PageToSave& page, ServiceCompletion onCompleted);
 
   // Checks the account's credentials with its server (when an account is added). Here: nothing
   // to check, success. Completes on the main queue.
