@@ -15,6 +15,7 @@
 #include "core/Error.h"
 
 namespace lectern {
+class Bookmark;
 class ObjectContext;
 }
 
@@ -56,6 +57,16 @@ void printError(const Error& error);
 // True when standard output is a terminal (progress lines, colours).
 bool stdoutIsTerminal();
 
+// True when `result` holds a value; otherwise prints its error.
+template <typename T>
+bool checkResult(const Result<T>& result) {
+  if (result) return true;
+  printError(result.error());
+  return false;
+}
+// The item with the local id `id` (as `lectern list` shows it), or an error naming the id.
+Result<std::shared_ptr<Bookmark>> bookmarkById(ObjectContext& context, std::int64_t id);
+
 // Command modules. Each adds its subcommands to `app` and registers their handlers.
 // (One line per module here and in main.cpp.)
 void addFeedCommands(CLI::App& app, CliContext& context);
@@ -65,6 +76,7 @@ void addAccountCommands(CLI::App& app, CliContext& context);
 void addDiscoverCommands(CLI::App& app, CliContext& context);
 void addOpmlCommands(CLI::App& app, CliContext& context);
 void addSyncCommands(CLI::App& app, CliContext& context);
+void addReadLaterCommands(CLI::App& app, CliContext& context);
 
 // A browser sign-in's choices on `account add` (Feedly).
 struct BrowserSignInOptions {

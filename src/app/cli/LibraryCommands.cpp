@@ -30,13 +30,6 @@ ObjectContext* openContext(CliContext& cli) {
   return library ? library->context : nullptr;
 }
 
-template <typename T>
-bool check(const Result<T>& result) {
-  if (result) return true;
-  printError(result.error());
-  return false;
-}
-
 // ---- list ----
 
 struct ListOptions {
@@ -62,29 +55,29 @@ int runList(CliContext& cli, const ListOptions& options) {
   std::vector<std::shared_ptr<Bookmark>> items;
   if (options.feed > 0) {
     auto feed = context->existingObject<Feed>(ObjectId{Entity::kFeed, options.feed});
-    if (!check(feed)) return kExitFailure;
+    if (!checkResult(feed)) return kExitFailure;
     if (!*feed) {
       printError(Error::make(kLecternErrorDomain, 1, fmt::format("No feed with id {}", options.feed),
                              "See `lectern feeds` for the ids."));
       return kExitFailure;
     }
     auto stories = (*feed)->stories(query);
-    if (!check(stories)) return kExitFailure;
+    if (!checkResult(stories)) return kExitFailure;
     items.assign(stories->begin(), stories->end());
   } else if (options.folder > 0) {
     auto folder = context->existingObject<Folder>(ObjectId{Entity::kFolder, options.folder});
-    if (!check(folder)) return kExitFailure;
+    if (!checkResult(folder)) return kExitFailure;
     if (!*folder) {
       printError(Error::make(kLecternErrorDomain, 1, fmt::format("No folder with id {}", options.folder),
                              "See `lectern folders` for the ids."));
       return kExitFailure;
     }
     auto bookmarks = (*folder)->bookmarks(query);
-    if (!check(bookmarks)) return kExitFailure;
+    if (!checkResult(bookmarks)) return kExitFailure;
     items = std::move(*bookmarks);
   } else {
     auto accounts = Account::services(*context);
-    if (!check(accounts)) return kExitFailure;
+    if (!checkResult(accounts)) return kExitFailure;
     bool matched = options.account.empty();
     for (const auto& account : *accounts) {
       if (!options.account.empty() && account->uniqueIdentifier() != options.account &&
@@ -93,7 +86,7 @@ int runList(CliContext& cli, const ListOptions& options) {
       }
       matched = true;
       auto bookmarks = account->bookmarks(query);
-      if (!check(bookmarks)) return kExitFailure;
+      if (!checkResult(bookmarks)) return kExitFailure;
       items.insert(items.end(), bookmarks->begin(), bookmarks->end());
     }
     if (!matched) {
@@ -112,7 +105,7 @@ int runList(CliContext& cli, const ListOptions& options) {
     json out = json::array();
     for (const auto& item : items) {
       auto object = bookmarkJson(*item, /*withContent=*/false);
-      if (!check(object)) return kExitFailure;
+      if (!checkResult(object)) return kExitFailure;
       out.push_back(std::move(*object));
     }
     fmt::print("{}\n", out.dump(2));
@@ -125,28 +118,19 @@ int runList(CliContext& cli, const ListOptions& options) {
 
 // ---- show ----
 
-Result<std::shared_ptr<Bookmark>> bookmarkById(ObjectContext& context, std::int64_t id) {
-  auto bookmark = Bookmark::bookmarkWithLocalId(context, id);
-  if (!bookmark) return fail(bookmark.error());
-  if (!*bookmark) {
-    return fail(kLecternErrorDomain, 1, fmt::format("No article with id {}", id), "See `lectern list` for the ids.");
-  }
-  return *bookmark;
-}
-
 int runShow(CliContext& cli, std::int64_t id, bool html, bool asJson) {
   ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto bookmark = bookmarkById(*context, id);
-  if (!check(bookmark)) return kExitFailure;
+  if (!checkResult(bookmark)) return kExitFailure;
   if (asJson) {
     auto object = bookmarkJson(**bookmark, /*withContent=*/true);
-    if (!check(object)) return kExitFailure;
+    if (!checkResult(object)) return kExitFailure;
     fmt::print("{}\n", object->dump(2));
     return kExitOk;
   }
   auto body = (*bookmark)->html();
-  if (!check(body)) return kExitFailure;
+  if (!checkResult(body)) return kExitFailure;
   if (html) {
     fmt::print("{}\n", body->value_or(""));
     return kExitOk;
@@ -189,9 +173,9 @@ int runMark(CliContext& cli, Mark mark, const std::vector<std::int64_t>& ids) {
   std::map<std::int64_t, std::pair<std::shared_ptr<Account>, std::vector<std::shared_ptr<Bookmark>>>> byAccount;
   for (auto id : ids) {
     auto bookmark = bookmarkById(*context, id);
-    if (!check(bookmark)) return kExitFailure;
+    if (!checkResult(bookmark)) return kExitFailure;
     auto account = (*bookmark)->account();
-    if (!check(account)) return kExitFailure;
+    if (!checkResult(account)) return kExitFailure;
     auto& entry = byAccount[(*account)->objectID().row];
     entry.first = *account;
     entry.second.push_back(*bookmark);
@@ -225,9 +209,9 @@ int runDelete(CliContext& cli, const std::vector<std::int64_t>& ids) {
   size_t expected = 0;
   for (auto id : ids) {
     auto bookmark = bookmarkById(*context, id);
-    if (!check(bookmark)) return kExitFailure;
+    if (!checkResult(bookmark)) return kExitFailure;
     auto account = (*bookmark)->account();
-    if (!check(account)) return kExitFailure;
+    if (!checkResult(account)) return kExitFailure;
     const auto bookmarkId = (*bookmark)->bookmark_id();
     if (!bookmarkId) {
       printError(Error::make(kLecternErrorDomain, 1, fmt::format("Article {} has no identifier", id)));
@@ -250,14 +234,14 @@ int runQueue(CliContext& cli, bool asJson) {
   ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto accounts = Account::services(*context);
-  if (!check(accounts)) return kExitFailure;
+  if (!checkResult(accounts)) return kExitFailure;
   json out = json::array();
   for (const auto& account : *accounts) {
     // The order the next sync replays them in.
     for (auto type : {OfflineOperationType::kMarkRead, OfflineOperationType::kMarkUnread, OfflineOperationType::kStar,
                       OfflineOperationType::kUnstar, OfflineOperationType::kDelete}) {
       auto operations = account->offlineOperationsWithType(type);
-      if (!check(operations)) return kExitFailure;
+      if (!checkResult(operations)) return kExitFailure;
       std::sort(operations->begin(), operations->end(), [](const auto& a, const auto& b) {
         return a->created_at().value_or(Date{}) < b->created_at().value_or(Date{});
       });
@@ -284,14 +268,14 @@ int runFeeds(CliContext& cli, bool asJson) {
   ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto accounts = Account::services(*context);
-  if (!check(accounts)) return kExitFailure;
+  if (!checkResult(accounts)) return kExitFailure;
   json out = json::array();
   for (const auto& account : *accounts) {
     auto feeds = account->feedsInSyncOrder();
-    if (!check(feeds)) return kExitFailure;
+    if (!checkResult(feeds)) return kExitFailure;
     for (const auto& feed : *feeds) {
       auto object = feedJson(*feed);
-      if (!check(object)) return kExitFailure;
+      if (!checkResult(object)) return kExitFailure;
       out.push_back(std::move(*object));
     }
   }
@@ -321,18 +305,18 @@ int runFolders(CliContext& cli, bool asJson) {
   ObjectContext* context = openContext(cli);
   if (!context) return kExitFailure;
   auto accounts = Account::services(*context);
-  if (!check(accounts)) return kExitFailure;
+  if (!checkResult(accounts)) return kExitFailure;
   auto smart = Account::smartFoldersAccount(*context);
-  if (!check(smart)) return kExitFailure;
+  if (!checkResult(smart)) return kExitFailure;
   if (*smart) accounts->push_back(*smart);
   json out = json::array();
   for (const auto& account : *accounts) {
     auto folders = account->sortedFolders();
-    if (!check(folders)) return kExitFailure;
+    if (!checkResult(folders)) return kExitFailure;
     for (const auto& folder : *folders) {
       if (folder->folderTypeIdentifier() == "Feed") continue;  // feeds have their own command
       auto object = folderJson(*folder);
-      if (!check(object)) return kExitFailure;
+      if (!checkResult(object)) return kExitFailure;
       out.push_back(std::move(*object));
     }
   }
@@ -353,7 +337,7 @@ int runFolders(CliContext& cli, bool asJson) {
 
 int runConfigGet(CliContext& cli, const std::string& key) {
   auto environment = cli.environment();
-  if (!check(environment)) return kExitFailure;
+  if (!checkResult(environment)) return kExitFailure;
   const json value = (*environment)->defaults().objectForKey(key);
   if (value.is_null()) {
     printError(Error::make(kLecternErrorDomain, 1, "No preference " + key));
@@ -365,15 +349,24 @@ int runConfigGet(CliContext& cli, const std::string& key) {
 
 int runConfigSet(CliContext& cli, const std::string& key, const std::string& text) {
   auto environment = cli.environment();
-  if (!check(environment)) return kExitFailure;
+  if (!checkResult(environment)) return kExitFailure;
   // Numbers, booleans and JSON objects are stored as such; anything else as text.
   json value = json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded() || value.is_null()) value = text;
-  if (!check((*environment)->defaults().setObject(key, std::move(value)))) return kExitFailure;
+  if (!checkResult((*environment)->defaults().setObject(key, std::move(value)))) return kExitFailure;
   return kExitOk;
 }
 
 }  // namespace
+
+Result<std::shared_ptr<Bookmark>> bookmarkById(ObjectContext& context, std::int64_t id) {
+  auto bookmark = Bookmark::bookmarkWithLocalId(context, id);
+  if (!bookmark) return fail(bookmark.error());
+  if (!*bookmark) {
+    return fail(kLecternErrorDomain, 1, fmt::format("No article with id {}", id), "See `lectern list` for the ids.");
+  }
+  return *bookmark;
+}
 
 void addLibraryCommands(CLI::App& app, CliContext& context) {
   auto options = std::make_shared<ListOptions>();
@@ -402,7 +395,8 @@ void addLibraryCommands(CLI::App& app, CliContext& context) {
   auto markWhat = std::make_shared<std::string>();
   auto markIds = std::make_shared<std::vector<std::int64_t>>();
   auto* mark = app.add_subcommand("mark", "Mark articles read, unread, starred or unstarred");
-  mark->add_option("STATE", *markWhat, "read, unread, star or unstar")
+  mark->add_option("STATE", *markWhat,
+                   "read, unread, star or unstar (for a read-later account, read archives and unread unarchives)")
       ->required()
       ->check(CLI::IsMember({"read", "unread", "star", "unstar"}));
   mark->add_option("ID", *markIds, "Article ids (from `lectern list`)")->required();
