@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "ServiceTestSupport.h"
+#include "accounts/AccountErrors.h"
 #include "core/Strings.h"
 #include "mocks/InstapaperMockServer.h"
 #include "services/instapaper/InstapaperService.h"
@@ -376,7 +377,10 @@ TEST_F(InstapaperTest, AFailedFolderListEndsTheSyncAndAFailedBookmarkListLeavesO
   add("Second", "unread");
   add("Also inside", std::to_string(reading.folderId));
   server_.injectFault("bookmarks/list", InstapaperFault::kNotQline, 4);
-  sync(account_);
+  const auto unreadable = sync(account_);
+  ASSERT_TRUE(unreadable.error);
+  EXPECT_EQ(unreadable.error->description, "Instapaper: Failed to get bookmarks");
+  EXPECT_EQ(unreadable.error->recoverySuggestion, "Instapaper's answer could not be read.");
   EXPECT_THAT(titlesIn("unread"), ElementsAre("First", "Second"));
   EXPECT_THAT(titlesIn(std::to_string(reading.folderId)), ElementsAre("Inside"));
 
@@ -413,6 +417,13 @@ TEST_F(InstapaperTest, ItemChangesReachTheServerAndRefusalsAreShown) {
   EXPECT_FALSE(waitFor([&](auto done) { Bookmark::deleteBookmarkWithId(std::to_string(one.bookmarkId), *account_, done); }));
   EXPECT_FALSE(server_.bookmark(one.bookmarkId));
   EXPECT_THAT(queued(*account_), IsEmpty());
+  // Tags have no call at Instapaper: said so, and nothing is sent.
+  const auto before = server_.requests().size();
+  auto& service = dynamic_cast<InstapaperService&>(*account_->serviceObject());
+  auto tagged = waitFor([&](auto done) { service.updateTags(*local(two.bookmarkId), done); });
+  ASSERT_TRUE(tagged);
+  EXPECT_EQ(tagged->code, kChangeNotOffered);
+  EXPECT_EQ(server_.requests().size(), before);
 
   // A refusal (400 with the service's message) is shown and not queued again.
   server_.injectFault("bookmarks/star", InstapaperFault::kRateLimited);

@@ -291,4 +291,19 @@ void InstapaperService::updateReadProgress(Bookmark& bookmark, double progress, 
                                        });
 }
 
+void InstapaperService::updateTags(Bookmark&, ServiceCompletion onCompleted) {
+  if (!clientOrFail<QKInstapaperClient>("update tags", onCompleted)) return;
+  complete(std::move(onCompleted),
+           Error::make(kAccountErrorDomain, kChangeNotOffered, "Instapaper: Failed to update tags",
+                       "Instapaper keeps no tags: they stay in Lectern only."));
+}
+
+void InstapaperService::markBookmarkShared(Bookmark&, bool shared, ServiceCompletion onCompleted) {
+  if (!clientOrFail<QKInstapaperClient>(shared ? "share item" : "unshare item", onCompleted)) return;
+  complete(std::move(onCompleted),
+           Error::make(kAccountErrorDomain, kChangeNotOffered,
+                       shared ? "Instapaper: Failed to share item" : "Instapaper: Failed to unshare item",
+                       "Instapaper shares nothing from Lectern."));
+}
+
 }  // namespace lectern

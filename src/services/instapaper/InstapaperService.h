@@ -57,6 +57,10 @@ class InstapaperService final : public ReadLaterService {
   // Instapaper moves only into its own folders.
   void moveBookmark(Bookmark& bookmark, Folder& folder, ServiceCompletion onCompleted) override;
   void updateReadProgress(Bookmark& bookmark, double progress, ServiceCompletion onCompleted) override;
+  // Instapaper's API keeps neither tags nor shared items: both fail with kChangeNotOffered (the
+  // tags stay in the library), or with kServiceClientUnavailable when there is no client at all.
+  void updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) override;
+  void markBookmarkShared(Bookmark& bookmark, bool shared, ServiceCompletion onCompleted) override;
 
   std::string unavailableReason() const override;
 

@@ -168,7 +168,6 @@ void InstapaperSyncOperation::syncInstapaperBookmarksInFolder(Folder& folder) {
     }
     return;
   }
-  auto starred = account().favoriteFolder();
   const bool isStarredFolder = folderId == kStarredFolderId;
   std::vector<std::shared_ptr<Bookmark>> downloads;
   for (const auto& object : *answer) {
@@ -206,8 +205,8 @@ void InstapaperSyncOperation::syncInstapaperBookmarksInFolder(Folder& folder) {
     // A bookmark lies in one folder at Instapaper; "starred" is a view across them.
     if (!isStarredFolder) bookmark->removeFromAllFolder();
     bookmark->addToFolder(folder);
+    // The mapping's star flag puts the bookmark back in "starred" (or takes it out).
     bookmark->mapFromInstapaperDictionary(object);
-    if (isStarredFolder && starred && *starred) bookmark->addToFolder(**starred);
     auto html = bookmark->html();
     // A forced run fetches every article again, but each once, though a bookmark lies in two folders.
     const bool fetchedThisRun = downloaded_.contains(id);

@@ -186,7 +186,18 @@ Result<json> QKInstapaperClient::blockingPost(std::string_view resource, json pa
   auto response = synchronouslyPostPath(path(resource), withFormat(std::move(parameters)));
   if (response.error) return fail(errorForOperation(response.operation.get(), response.error, title));
   if (!response.operation) return json::array();
-  return handleResponseOperation(*response.operation, title);
+  auto answer = handleResponseOperation(*response.operation, title);
+  if (!answer) return answer;
+  // Every object of a list answer says what it is: anything else (a maintenance page) is no
+  // answer, and an empty list read from it would change what the library holds.
+  for (const auto& object : *answer) {
+    if (!object.is_object() || !safeStringValue(object, "type")) {
+      Error unreadable = Error::make(kLecternLowercaseErrorDomain, 100, title, "Instapaper's answer could not be read.");
+      unreadable.userInfo[std::string(kHTTPStatusCodeErrorKey)] = std::to_string(response.statusCode());
+      return fail(std::move(unreadable));
+    }
+  }
+  return answer;
 }
 
 void QKInstapaperClient::authenticate(TokenCompletion onCompleted) {
