@@ -503,6 +503,12 @@ TEST_F(InstapaperTest, SavingAPageKeepsTheBookmarkInTheFolderInstapaperPutItIn) 
   EXPECT_THAT(titlesIn("unread"), ElementsAre("A page"));
   EXPECT_THAT(titlesIn(std::to_string(reading.folderId)), ElementsAre("B page"));
   EXPECT_THAT(titlesIn("archive"), ElementsAre("C page"));
+  // Saved again without a folder: Instapaper's bookmark, where it lies.
+  EXPECT_FALSE(waitFor([&](auto done) {
+    service.addBookmark(PageToSave{"https://example.org/c", "C page", std::nullopt, "", std::nullopt}, done);
+  }));
+  EXPECT_THAT(titlesIn("archive"), ElementsAre("C page"));
+  EXPECT_THAT(titlesIn("unread"), ElementsAre("A page"));
   for (const auto& bookmark : server_.bookmarks()) {
     if (bookmark.url == "https://example.org/c") {
       EXPECT_EQ(bookmark.folder, "archive");

@@ -204,18 +204,24 @@ std::optional<Error> InstapaperService::keepAddedBookmark(const json& answer, co
   auto found = owner->findBookmarkWithId(id);
   if (!found) return found.error();
   auto bookmark = *found;
-  if (!bookmark) {
+  const bool isNew = bookmark == nullptr;
+  if (isNew) {
     bookmark = owner->managedObjectContext().insertNewObject<Bookmark>();
     bookmark->setAccount(*owner);
   }
-  auto folder = owner->findFolderWithId(folderId && *folderId != kStarredFolderId ? *folderId : kUnreadFolderId);
-  if (!folder) return folder.error();
-  bookmark->removeFromAllFolder();
-  if (*folder) {
-    bookmark->addToFolder(**folder);
-  } else if (auto unread = owner->unreadFolder(); unread && *unread) {
-    // A folder made at Instapaper since the last sync: the item waits in Unread until then.
-    bookmark->addToFolder(**unread);
+  // A page saved again is the bookmark Instapaper already had: it stays where it lies unless a
+  // folder was named.
+  const bool place = isNew || (folderId && *folderId != kStarredFolderId);
+  if (place) {
+    auto folder = owner->findFolderWithId(folderId && *folderId != kStarredFolderId ? *folderId : kUnreadFolderId);
+    if (!folder) return folder.error();
+    bookmark->removeFromAllFolder();
+    if (*folder) {
+      bookmark->addToFolder(**folder);
+    } else if (auto unread = owner->unreadFolder(); unread && *unread) {
+      // A folder made at Instapaper since the last sync: the item waits in Unread until then.
+      bookmark->addToFolder(**unread);
+    }
   }
   bookmark->mapFromInstapaperDictionary(*item);
   if (auto saved = owner->managedObjectContext().save(); !saved) return saved.error();
