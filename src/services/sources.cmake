@@ -13,6 +13,8 @@ set(LECTERN_SERVICES_SOURCES
   src/services/feedwrangler/FeedWranglerService.cpp
   src/services/newsblur/QKNewsBlurClient.cpp
   src/services/newsblur/NewsBlurService.cpp
+  src/services/instapaper/QKInstapaperClient.cpp
+  src/services/instapaper/InstapaperService.cpp
   src/services/localrss/LocalRSSService.cpp
   src/services/smartfolders/SmartFolderService.cpp
 )

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <nlohmann/json_fwd.hpp>
 #include <memory>
 #include <optional>
 #include <string>
@@ -95,6 +96,17 @@ class Bookmark : public ManagedObject {
   // Makes the tokens follow `tags` (only when `tags` changed since the last save) and refreshes
   // the account's unread tokens. Runs in willSave for tag accounts.
   Result<void> generateTags();
+
+  // Instapaper: a bookmark object of a list answer needs a "bookmark_id". The mapping reads ids,
+  // times and flags as numbers or text, and sets is_archived from the account's "archive" folder,
+  // so it runs after the bookmark was placed in its folders.
+  static bool isValidForInstapaperMapping(const nlohmann::json& item);
+  void mapFromInstapaperDictionary(const nlohmann::json& item);
+  // The `have` entry Instapaper compares with its own copy: the id, then ":hash" when there is one,
+  // then ":progress:seconds" when progress is known (not -1).
+  std::string instapaperHaveEntry() const;
+  // The entries of `bookmarks` joined by ",".
+  static std::string instapaperHaveString(const std::vector<std::shared_ptr<Bookmark>>& bookmarks);
 
   // The images of the HTML (the src of every img tag), parsed once.
   const std::vector<BookmarkImage>& images();

@@ -22,6 +22,7 @@ set(LECTERN_STORE_SOURCES
   src/store/ServiceDelivery.cpp
   src/store/FeedStory.cpp
   src/store/FeedStoryMapping.cpp
+  src/store/BookmarkInstapaperMapping.cpp
   src/store/FeedStoryNewsBlur.cpp
   src/store/Content.cpp
   src/store/FeedEnclosure.cpp

@@ -6,6 +6,7 @@
 #include "services/feedly/FeedlySyncOperation.h"
 #include "services/feedwrangler/FeedWranglerSyncOperation.h"
 #include "services/fever/FeverSyncOperation.h"
+#include "services/instapaper/InstapaperSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
 #include "services/newsblur/NewsBlurSyncOperation.h"
 #include "store/Account.h"
@@ -28,6 +29,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<FeedlySyncOperation>(std::move(account), environment);
     case ServiceType::kNewsBlur:
       return std::make_shared<NewsBlurSyncOperation>(std::move(account), environment);
+    case ServiceType::kInstapaper:
+      return std::make_shared<InstapaperSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -41,8 +44,8 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kFeedWrangler:
     case ServiceType::kFeedly:
     case ServiceType::kNewsBlur:
-      return Support::kSupported;
     case ServiceType::kInstapaper:
+      return Support::kSupported;
     case ServiceType::kPocket:
     case ServiceType::kPinboard:
       return Support::kNotInThisVersion;

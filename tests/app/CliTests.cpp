@@ -19,6 +19,7 @@
 #include "mocks/FeedbinMockServer.h"
 #include "mocks/FeedlyMockServer.h"
 #include "mocks/FeverMockServer.h"
+#include "mocks/InstapaperMockServer.h"
 #include "mocks/NewsBlurMockServer.h"
 #include "store/SqliteDatabase.h"
 #include "support/TestSupport.h"
@@ -484,5 +485,79 @@ TEST_F(CliTest, ANewsBlurAccountOnASelfHostedServerSyncsAndHidesTrainedAwayStori
   EXPECT_EQ(newsblur.flatFolders().at("Later").size(), 1u);
 }
 
+
+TEST_F(CliTest, AnInstapaperAccountSignsInOnceSyncsItsFoldersAndSendsOrQueuesEachChange) {
+  mock::InstapaperMockServer instapaper("reader@example.org", "secret");
+  const auto reading = instapaper.addFolder("Reading", 1300000001);
+  auto bookmark = [&](std::string title, std::string folder, bool starred) {
+    mock::InstapaperBookmark made;
+    made.title = std::move(title);
+    made.folder = std::move(folder);
+    made.starred = starred;
+    return instapaper.addBookmark(std::move(made)).bookmarkId;
+  };
+  const auto first = bookmark("First", "unread", false);
+  const auto second = bookmark("Second", "unread", true);
+  const auto third = bookmark("Third", std::to_string(reading.folderId), false);
+  const std::string add =
+      "account add instapaper --username reader@example.org --password-stdin --endpoint " + instapaper.baseURL();
+
+  // Without the consumer pair nothing is sent, and the error says how to set it.
+  auto unconfigured = run(add, "secret\n");
+  EXPECT_EQ(unconfigured.exit, 1);
+  EXPECT_THAT(unconfigured.err, HasSubstr("lectern config set instapaperConsumerKey"));
+  EXPECT_TRUE(instapaper.requests().empty());
+  ASSERT_EQ(run("config set instapaperConsumerKey " + instapaper.consumerKey()).exit, 0);
+  ASSERT_EQ(run("config set instapaperConsumerSecret " + instapaper.consumerSecret()).exit, 0);
+  auto refused = run(add, "wrong\n");
+  EXPECT_EQ(refused.exit, 1);
+  EXPECT_THAT(refused.err, HasSubstr("Instapaper: Failed to login"));
+  EXPECT_EQ(run("account list --json").parsed().size(), 0u);
+  auto added = run(add, "secret\n");
+  ASSERT_EQ(added.exit, 0) << added.err;
+
+  auto synced = run("sync");
+  ASSERT_EQ(synced.exit, 0) << synced.err << synced.out;
+  std::map<std::string, json> byId;
+  for (const auto& item : run("list --json --limit 0").parsed()) byId[item["bookmark_id"].get<std::string>()] = item;
+  ASSERT_EQ(byId.size(), 3u);
+  EXPECT_EQ(byId[std::to_string(second)]["is_favorited"], true);
+  auto row = [&](std::int64_t id) { return std::to_string(byId[std::to_string(id)]["id"].get<std::int64_t>()); };
+  // The article text was stored with the sync: show prints it without the network.
+  auto shown = run("--offline show " + row(third));
+  ASSERT_EQ(shown.exit, 0) << shown.err;
+  EXPECT_THAT(shown.out, HasSubstr(fmt::format("Paragraph 1 of article {}", third)));
+
+  // Online, each change reaches Instapaper at once.
+  ASSERT_EQ(run("mark read " + row(first)).exit, 0);
+  EXPECT_EQ(instapaper.bookmark(first)->folder, "archive");
+  ASSERT_EQ(run("mark unread " + row(first)).exit, 0);
+  EXPECT_EQ(instapaper.bookmark(first)->folder, "unread");
+  ASSERT_EQ(run("mark star " + row(first)).exit, 0);
+  EXPECT_TRUE(instapaper.bookmark(first)->starred);
+
+  // Offline they wait in the queue and go first at the next sync.
+  ASSERT_EQ(run("--offline mark unstar " + row(second)).exit, 0);
+  ASSERT_EQ(run("--offline mark read " + row(third)).exit, 0);
+  ASSERT_EQ(run("--offline delete " + row(first)).exit, 0);
+  EXPECT_EQ(run("queue --json").parsed().size(), 3u);
+  EXPECT_TRUE(instapaper.bookmark(second)->starred);
+  synced = run("sync");
+  ASSERT_EQ(synced.exit, 0) << synced.err << synced.out;
+  EXPECT_EQ(run("queue --json").parsed().size(), 0u);
+  EXPECT_FALSE(instapaper.bookmark(second)->starred);
+  EXPECT_EQ(instapaper.bookmark(third)->folder, "archive");
+  EXPECT_FALSE(instapaper.bookmark(first));
+  EXPECT_EQ(run("list --json --limit 0").parsed().size(), 2u);
+
+  // A change made at Instapaper comes back with the next sync.
+  instapaper.moveBookmark(second, std::to_string(reading.folderId));
+  ASSERT_EQ(run("sync").exit, 0);
+  bool archived = false;
+  for (const auto& item : run("list --json --limit 0").parsed()) {
+    if (item["bookmark_id"] == std::to_string(third)) archived = item["is_archived"].get<bool>();
+  }
+  EXPECT_TRUE(archived);
+}
 }  // namespace
 }  // namespace lectern::test

@@ -26,6 +26,7 @@
 #include "mocks/FeedbinMockServer.h"
 #include "mocks/FeedlyMockServer.h"
 #include "mocks/FeverMockServer.h"
+#include "mocks/InstapaperMockServer.h"
 #include "mocks/NewsBlurMockServer.h"
 
 extern char** environ;
@@ -287,6 +288,61 @@ void addFeedlyCommand(CLI::App& app, FeedlyOptions& options, std::function<int()
   });
 }
 
+struct InstapaperOptions {
+  int port = 0;
+  std::string username = "reader@example.org";
+  std::string password = "secret";
+  std::string consumerKey = "lectern-consumer-key";
+  std::string consumerSecret = "lectern-consumer-secret";
+  int folders = 3;
+  int bookmarks = 40;
+  int starredEvery = 7;
+};
+
+void addInstapaperCommand(CLI::App& app, InstapaperOptions& options, std::function<int()>& run,
+                          const sigset_t& signals) {
+  auto* command = app.add_subcommand("instapaper", "Instapaper full API v1 (xAuth, OAuth 1.0a) with a seeded account");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--username", options.username, "Account user name")->capture_default_str();
+  command->add_option("--password", options.password, "Account password")->capture_default_str();
+  command->add_option("--consumer-key", options.consumerKey, "The consumer key requests must be signed with")
+      ->capture_default_str();
+  command->add_option("--consumer-secret", options.consumerSecret, "The consumer secret requests must be signed with")
+      ->capture_default_str();
+  command->add_option("--folders", options.folders, "Folders of the person's own")->check(kCount)->capture_default_str();
+  command->add_option("--bookmarks", options.bookmarks, "Bookmarks spread over the folders")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--starred-every", options.starredEvery, "Star every Nth bookmark (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      std::unique_ptr<lectern::mock::InstapaperMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::InstapaperMockServer>(
+            options.username, options.password, options.consumerKey, options.consumerSecret, options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->seed(options.folders, options.bookmarks, options.starredEvery);
+      fmt::print("Instapaper mock at {} ({} folders, {} bookmarks); Ctrl-C stops it.\n", server->baseURL(),
+                 server->folders().size(), server->bookmarks().size());
+      fmt::print(
+          "Add it to Lectern: lectern config set instapaperConsumerKey {} && lectern config set "
+          "instapaperConsumerSecret {} && lectern account add instapaper --username {} --password-stdin "
+          "--endpoint {}  (password: {})\n",
+          options.consumerKey, options.consumerSecret, options.username, server->baseURL(), options.password);
+      std::fflush(stdout);  // scripts read the address while the server runs
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
 struct NewsBlurOptions {
   int port = 0;
   std::string username = "me";
@@ -476,6 +532,8 @@ int main(int argc, char** argv) {
   addFeedWranglerCommand(app, feedWrangler, run, signals);
   FeverOptions fever;
   addFeverCommand(app, fever, run, signals);
+  InstapaperOptions instapaper;
+  addInstapaperCommand(app, instapaper, run, signals);
   NewsBlurOptions newsBlur;
   addNewsBlurCommand(app, newsBlur, run, signals);
   BrowseOptions browseOptions;
