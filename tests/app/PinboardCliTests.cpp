@@ -96,7 +96,8 @@ TEST_F(PinboardCliTest, AnAccountIsAddedSyncedReadAndChangedOnlineAndOffline) {
   EXPECT_TRUE(pinboard_.post(first)->toread);
   ASSERT_EQ(run("mark star " + idOf(items["Article 1"])).exit, 0);
   EXPECT_EQ(run("list --starred --json").parsed().size(), 1u);
-  ASSERT_EQ(run("delete " + idOf(items["Article 3"])).exit, 0);
+  auto deleted = run("delete " + idOf(items["Article 3"]));
+  ASSERT_EQ(deleted.exit, 0) << deleted.err;
   EXPECT_FALSE(pinboard_.post(pinboard_.baseURL() + "articles/3"));
 
   // Offline: queued, then replayed at the next sync, which the server sees.

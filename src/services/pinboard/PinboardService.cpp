@@ -362,7 +362,9 @@ void PinboardService::deleteBookmark(Account& owner, const std::string& bookmark
              refusal(kDeleteBookmarkFailed, "Pinboard deletes bookmarks by address, and Lectern has none for this one."));
     return;
   }
-  client->deleteBookmarkWithUrl(*url, [onCompleted](std::optional<Error> error) {
+  // The completion holds the service (and so its client) until the answer arrives: the caller's
+  // account object may go first.
+  client->deleteBookmarkWithUrl(*url, [self = shared_from_this(), onCompleted](std::optional<Error> error) {
     // Gone already is what was asked.
     if (isItemNotFound(error)) error.reset();
     if (onCompleted) onCompleted(std::move(error));

@@ -117,7 +117,8 @@ std::string QKPinboardClient::path(std::string_view resource) const {
 
 json QKPinboardClient::withDefaultParameters(json parameters) const {
   if (!parameters.is_object()) parameters = json::object();
-  for (const auto& [key, value] : defaultParameters().items()) parameters[key] = value;
+  const json defaults = defaultParameters();
+  for (const auto& [key, value] : defaults.items()) parameters[key] = value;
   return parameters;
 }
 
