@@ -235,6 +235,12 @@ TEST_F(PinboardTest, OnlineChangesSendThePostAgainWhole) {
   ASSERT_FALSE(waitFor([&](auto done) { Bookmark::updateTagsOfBookmark(*stored, done); }));
   EXPECT_EQ(server_.post(spaced.href)->tags, "food late-night tea");
 
+  // A move between the built-in folders is a flag too; the other pair of folders stays.
+  auto unreadFolder = account_->unreadFolder().value();
+  ASSERT_FALSE(waitFor([&](auto done) { Bookmark::moveBookmark(*stored, *unreadFolder, done); }));
+  EXPECT_TRUE(server_.post(spaced.href)->toread);
+  EXPECT_THAT(foldersOf(*stored), ElementsAre("shared", "unread"));
+
   // Pinboard has no favourites: the star is Lectern's and nothing is sent.
   server_.clearRequests();
   ASSERT_FALSE(waitFor([&](auto done) { Bookmark::markBookmark(*stored, Bookmark::Favorited{true}, done); }));
