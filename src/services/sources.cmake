@@ -15,6 +15,9 @@ set(LECTERN_SERVICES_SOURCES
   src/services/newsblur/NewsBlurService.cpp
   src/services/instapaper/QKInstapaperClient.cpp
   src/services/instapaper/InstapaperService.cpp
+  src/services/pinboard/PinboardPacer.cpp
+  src/services/pinboard/QKPinboardClient.cpp
+  src/services/pinboard/PinboardService.cpp
   src/services/localrss/LocalRSSService.cpp
   src/services/smartfolders/SmartFolderService.cpp
 )

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <nlohmann/json_fwd.hpp>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -69,8 +70,9 @@ class Bookmark : public ManagedObject {
   // The Content row (created by setHtml when missing); nullptr when the bookmark has none.
   Result<std::shared_ptr<Content>> content() const;
 
-  // The feed id an offline operation records: the feed's folder_id for stories, else none.
-  virtual std::optional<std::string> offlineFeedId() const { return std::nullopt; }
+  // The feed id an offline operation records: the feed's folder_id for stories, else none; for
+  // a Pinboard bookmark its url, as Pinboard deletes by address and the item is gone by then.
+  virtual std::optional<std::string> offlineFeedId() const;
 
   Result<std::optional<std::string>> html() const;
   // Stores the HTML in Content and, for feed and read-later accounts, its preview text.
@@ -107,6 +109,14 @@ class Bookmark : public ManagedObject {
   std::string instapaperHaveEntry() const;
   // The entries of `bookmarks` joined by ",".
   static std::string instapaperHaveString(const std::vector<std::shared_ptr<Bookmark>>& bookmarks);
+  // Pinboard posts: a post is mapped only with its "hash" and "href".
+  static bool isValidForPinboardMapping(const nlohmann::json& post);
+  // Nothing changes when the post's "meta" is the bookmark's bookmark_hash (unchanged since it was
+  // last mapped). Otherwise every field is the post's, and the flags put the bookmark in its
+  // built-in folders: "unread" or "archive", "private" or "shared".
+  void mapFromPinboardDictionary(const nlohmann::json& post);
+  // Puts the bookmark in the built-in folders its flags say, out of the opposite ones.
+  void placeInPinboardFolders();
 
   // The images of the HTML (the src of every img tag), parsed once.
   const std::vector<BookmarkImage>& images();

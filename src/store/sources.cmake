@@ -24,6 +24,7 @@ set(LECTERN_STORE_SOURCES
   src/store/FeedStoryMapping.cpp
   src/store/BookmarkInstapaperMapping.cpp
   src/store/FeedStoryNewsBlur.cpp
+  src/store/BookmarkPinboardMapping.cpp
   src/store/Content.cpp
   src/store/FeedEnclosure.cpp
   src/store/Token.cpp

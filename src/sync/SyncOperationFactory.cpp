@@ -9,6 +9,7 @@
 #include "services/instapaper/InstapaperSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
 #include "services/newsblur/NewsBlurSyncOperation.h"
+#include "services/pinboard/PinboardSyncOperation.h"
 #include "store/Account.h"
 
 namespace lectern {
@@ -31,6 +32,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<NewsBlurSyncOperation>(std::move(account), environment);
     case ServiceType::kInstapaper:
       return std::make_shared<InstapaperSyncOperation>(std::move(account), environment);
+    case ServiceType::kPinboard:
+      return std::make_shared<PinboardSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -45,9 +48,9 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kFeedly:
     case ServiceType::kNewsBlur:
     case ServiceType::kInstapaper:
+    case ServiceType::kPinboard:
       return Support::kSupported;
     case ServiceType::kPocket:
-    case ServiceType::kPinboard:
       return Support::kNotInThisVersion;
     default:
       return Support::kNever;

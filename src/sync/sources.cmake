@@ -16,4 +16,5 @@ set(LECTERN_SYNC_SOURCES
   src/services/feedwrangler/FeedWranglerSyncOperation.cpp
   src/services/newsblur/NewsBlurSyncOperation.cpp
   src/services/instapaper/InstapaperSyncOperation.cpp
+  src/services/pinboard/PinboardSyncOperation.cpp
 )

@@ -11,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -28,6 +29,7 @@
 #include "mocks/FeverMockServer.h"
 #include "mocks/InstapaperMockServer.h"
 #include "mocks/NewsBlurMockServer.h"
+#include "mocks/PinboardMockServer.h"
 
 extern char** environ;
 
@@ -215,6 +217,67 @@ void addFeedWranglerCommand(CLI::App& app, FeedWranglerOptions& options, std::fu
           "Add it to Lectern: lectern config set feedwranglerClientKey {} && lectern account add "
           "feedwrangler --username {} --password-stdin --endpoint {}  (password: {})\n",
           options.clientKey, options.email, server->baseURL(), options.password);
+      std::fflush(stdout);  // scripts read the address while the server runs
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
+struct PinboardOptions {
+  int port = 0;
+  std::string username = "me";
+  std::string password = "secret";
+  int posts = 30;
+  int unread = 10;
+  int sharedEvery = 3;
+  double callInterval = 3;
+  double allPostsInterval = 300;
+};
+
+void addPinboardCommand(CLI::App& app, PinboardOptions& options, std::function<int()>& run,
+                        const sigset_t& signals) {
+  auto* command = app.add_subcommand("pinboard", "Pinboard API v1 with seeded posts and the pages they point at");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--username", options.username, "Account user name")->capture_default_str();
+  command->add_option("--password", options.password, "Account password")->capture_default_str();
+  command->add_option("--posts", options.posts, "Posts to create")->check(kCount)->capture_default_str();
+  command->add_option("--unread", options.unread, "How many of the newest posts are to read")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--shared-every", options.sharedEvery, "Share every Nth post (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->add_option("--call-interval", options.callInterval, "Seconds between two calls (429 sooner)")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  command->add_option("--all-posts-interval", options.allPostsInterval,
+                      "Seconds between two full lists (429 sooner)")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      std::unique_ptr<lectern::mock::PinboardMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::PinboardMockServer>(options.username, options.password, options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->seed(options.posts, options.unread, options.sharedEvery);
+      auto milliseconds = [](double seconds) {
+        return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+      };
+      server->setLimits({milliseconds(options.callInterval), milliseconds(options.allPostsInterval)});
+      fmt::print("Pinboard mock at {} ({} posts, {} to read; a call every {} s, the full list every {} s); "
+                 "Ctrl-C stops it.\n",
+                 server->baseURL(), server->posts().size(), options.unread, options.callInterval,
+                 options.allPostsInterval);
+      fmt::print("Add it to Lectern: lectern account add pinboard --username {} --password-stdin --endpoint {}  "
+                 "(password: {})\n",
+                 options.username, server->baseURL(), options.password);
       std::fflush(stdout);  // scripts read the address while the server runs
       waitForStopSignal(signals);
       return kExitOk;
@@ -536,6 +599,8 @@ int main(int argc, char** argv) {
   addInstapaperCommand(app, instapaper, run, signals);
   NewsBlurOptions newsBlur;
   addNewsBlurCommand(app, newsBlur, run, signals);
+  PinboardOptions pinboard;
+  addPinboardCommand(app, pinboard, run, signals);
   BrowseOptions browseOptions;
   addBrowseCommand(app, browseOptions, run);
 
