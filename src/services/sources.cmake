@@ -13,6 +13,9 @@ set(LECTERN_SERVICES_SOURCES
   src/services/feedwrangler/FeedWranglerService.cpp
   src/services/newsblur/QKNewsBlurClient.cpp
   src/services/newsblur/NewsBlurService.cpp
+  src/services/pocket/QKPocketClient.cpp
+  src/services/pocket/PocketService.cpp
+  src/services/pocket/PocketSignIn.cpp
   src/services/localrss/LocalRSSService.cpp
   src/services/smartfolders/SmartFolderService.cpp
 )

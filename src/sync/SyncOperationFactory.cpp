@@ -8,6 +8,7 @@
 #include "services/fever/FeverSyncOperation.h"
 #include "services/localrss/FeedSyncOperation.h"
 #include "services/newsblur/NewsBlurSyncOperation.h"
+#include "services/pocket/PocketSyncOperation.h"
 #include "store/Account.h"
 
 namespace lectern {
@@ -28,6 +29,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<FeedlySyncOperation>(std::move(account), environment);
     case ServiceType::kNewsBlur:
       return std::make_shared<NewsBlurSyncOperation>(std::move(account), environment);
+    case ServiceType::kPocket:
+      return std::make_shared<PocketSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -41,9 +44,9 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kFeedWrangler:
     case ServiceType::kFeedly:
     case ServiceType::kNewsBlur:
+    case ServiceType::kPocket:
       return Support::kSupported;
     case ServiceType::kInstapaper:
-    case ServiceType::kPocket:
     case ServiceType::kPinboard:
       return Support::kNotInThisVersion;
     default:

@@ -15,4 +15,5 @@ set(LECTERN_SYNC_SOURCES
   src/services/fever/FeverSyncOperation.cpp
   src/services/feedwrangler/FeedWranglerSyncOperation.cpp
   src/services/newsblur/NewsBlurSyncOperation.cpp
+  src/services/pocket/PocketSyncOperation.cpp
 )
