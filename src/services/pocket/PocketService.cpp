@@ -76,31 +76,39 @@ std::string PocketService::unavailableReason() const {
 
 void PocketService::authenticate(ServiceCompletion onCompleted) {
   if (auto client = clientOrFail<QKPocketClient>("sign in", onCompleted))
-    client->checkAccessToken(std::move(onCompleted));
+    client->checkAccessToken(holdingAccount(onCompleted));
+}
+
+ServiceCompletion PocketService::holdingAccount(ServiceCompletion onCompleted) const {
+  // The client lives as long as the account that owns this service: a caller that lets go of the
+  // account before the answer would otherwise see the call cancelled.
+  return [owner = account(), onCompleted = std::move(onCompleted)](std::optional<Error> error) {
+    if (onCompleted) onCompleted(std::move(error));
+  };
 }
 
 void PocketService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account&,
                                   bool archived, ServiceCompletion onCompleted) {
   auto client = clientOrFail<QKPocketClient>(archived ? "archive items" : "move items to the list", onCompleted);
-  if (client) client->markBookmarksWithIdsArchived(itemIdsOf(bookmarks), archived, std::move(onCompleted));
+  if (client) client->markBookmarksWithIdsArchived(itemIdsOf(bookmarks), archived, holdingAccount(onCompleted));
 }
 
 void PocketService::markBookmarkFavorited(Bookmark& bookmark, bool favorited, ServiceCompletion onCompleted) {
   auto client = clientOrFail<QKPocketClient>(favorited ? "favorite item" : "unfavorite item", onCompleted);
   if (client)
-    client->markBookmarkWithIdFavorited(bookmark.bookmark_id().value_or(""), favorited, std::move(onCompleted));
+    client->markBookmarkWithIdFavorited(bookmark.bookmark_id().value_or(""), favorited, holdingAccount(onCompleted));
 }
 
 void PocketService::deleteBookmark(Account&, const std::string& bookmarkId, const std::optional<std::string>&,
                                    ServiceCompletion onCompleted) {
   if (auto client = clientOrFail<QKPocketClient>("delete item", onCompleted))
-    client->deleteBookmarkWithId(bookmarkId, std::move(onCompleted));
+    client->deleteBookmarkWithId(bookmarkId, holdingAccount(onCompleted));
 }
 
 void PocketService::updateTags(Bookmark& bookmark, ServiceCompletion onCompleted) {
   if (auto client = clientOrFail<QKPocketClient>("update tags", onCompleted)) {
     client->updateBookmarkWithIdTags(bookmark.bookmark_id().value_or(""), bookmark.tags().value_or(""),
-                                     std::move(onCompleted));
+                                     holdingAccount(onCompleted));
   }
 }
 

@@ -67,6 +67,7 @@ class PocketService final : public ReadLaterService {
   std::shared_ptr<AFHTTPClient> makeApiClient() override;
 
  private:
+  ServiceCompletion holdingAccount(ServiceCompletion onCompleted) const;
   void keepAddedItem(const nlohmann::json& item, const PageToSave& page, ServiceCompletion onCompleted);
 };
 
