@@ -76,15 +76,15 @@ TEST_F(SyncManagerTest, QueueWidthFollowsThePreferenceWhileRunning) {
 
 TEST_F(SyncManagerTest, APassTakesOnlyAccountsThatCanAndNeedToSync) {
   auto local = heldAccount();
-  auto unsupported = makeAccount("pocket", "me", "Pocket");
+  auto unsupported = makeAccount("instapaper", "me", "Instapaper");
   auto smart = makeAccount(kSmartFoldersServiceName, "", "Smart");
 
   EXPECT_EQ(manager_->syncAccounts({local, unsupported, smart}), 1u);
   ASSERT_TRUE(unsupported->syncError().has_value());
-  EXPECT_EQ(unsupported->syncError()->description, "Syncing Pocket accounts is not supported in this version.");
+  EXPECT_EQ(unsupported->syncError()->description, "Syncing Instapaper accounts is not supported in this version.");
   EXPECT_FALSE(smart->hasError());
   EXPECT_THAT(observer_.started, ElementsAre("Local"));
-  EXPECT_THAT(observer_.finished, ElementsAre("Pocket"));
+  EXPECT_THAT(observer_.finished, ElementsAre("Instapaper"));
   // An account already syncing is not queued twice.
   EXPECT_EQ(manager_->syncAccounts({local}), 0u);
   EXPECT_TRUE(manager_->isSyncing());
@@ -121,7 +121,7 @@ TEST_F(SyncManagerTest, TheTimerSyncsAccountsWhoseIntervalHasPassed) {
   };
   std::set<std::string> expected;
   for (const auto& c : cases) {
-    auto account = makeAccount("pocket", c.title, c.title);
+    auto account = makeAccount("instapaper", c.title, c.title);
     ASSERT_TRUE(account->preferences().setValue("autoSyncIntervalIndex", c.interval));
     if (c.syncedAgo) account->setLast_sync(clock_.now() - *c.syncedAgo);
     if (c.due) expected.insert(c.title);
