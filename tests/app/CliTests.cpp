@@ -69,6 +69,18 @@ class CliTest : public ::testing::Test {
     return browser;
   }
 
+  // Runs a sign-in that gives up waiting, then opens the page it printed in `browser`: the person
+  // agreeing later, the desktop handing the answer to `open-url`.
+  void finishInTheBrowserLater(const std::string& addCommand, const std::filesystem::path& browser) {
+    auto gaveUp = run(addCommand);
+    EXPECT_EQ(gaveUp.exit, 1);
+    EXPECT_THAT(gaveUp.err, HasSubstr("within the hour"));
+    const auto pageStart = gaveUp.out.find("http://");
+    ASSERT_NE(pageStart, std::string::npos);
+    const std::string page = gaveUp.out.substr(pageStart, gaveUp.out.find('\n', pageStart) - pageStart);
+    ASSERT_EQ(std::system(fmt::format("'{}' '{}' > /dev/null", browser.string(), page).c_str()), 0);
+  }
+
   void serveNews(const std::vector<TestEntry>& entries) {
     server_.setFeed("news", entries, std::chrono::system_clock::now());
   }
@@ -438,13 +450,7 @@ TEST_F(CliTest, FeedlySignsInThroughTheBrowserOrWithATokenAndRefusesAnswersThatA
   // The command gave up waiting; the person finishes in the browser later and the desktop hands
   // the answer over: the sign-in that began is completed.
   ASSERT_EQ(run("account remove feedly").exit, 0);
-  auto gaveUp = run("account add feedly --no-browser --timeout 1" + endpoint);
-  EXPECT_EQ(gaveUp.exit, 1);
-  EXPECT_THAT(gaveUp.err, HasSubstr("within the hour"));
-  const auto pageStart = gaveUp.out.find("http://");
-  ASSERT_NE(pageStart, std::string::npos);
-  const std::string page = gaveUp.out.substr(pageStart, gaveUp.out.find('\n', pageStart) - pageStart);
-  ASSERT_EQ(std::system(fmt::format("'{}' '{}' > /dev/null", browser.string(), page).c_str()), 0);
+  finishInTheBrowserLater("account add feedly --no-browser --timeout 1" + endpoint, browser);
   EXPECT_EQ(feedly.codeGrants(), 3);
   const auto accounts = run("account list --json").parsed();
   ASSERT_EQ(accounts.size(), 1u);
@@ -533,13 +539,7 @@ TEST_F(CliTest, APocketAccountSignsInSyncsAndSendsEveryChangeOnlineOrLater) {
   // The command gave up waiting; the person agrees in the browser later and the desktop hands the
   // answer to `open-url`, which finishes the sign-in that began.
   ASSERT_EQ(run("account remove pocket").exit, 0);
-  auto gaveUp = run("account add pocket --no-browser --timeout 1" + endpoint);
-  EXPECT_EQ(gaveUp.exit, 1);
-  EXPECT_THAT(gaveUp.err, HasSubstr("within the hour"));
-  const auto pageStart = gaveUp.out.find("http://");
-  ASSERT_NE(pageStart, std::string::npos);
-  const std::string page = gaveUp.out.substr(pageStart, gaveUp.out.find('\n', pageStart) - pageStart);
-  ASSERT_EQ(std::system(fmt::format("'{}' '{}' > /dev/null", browser.string(), page).c_str()), 0);
+  finishInTheBrowserLater("account add pocket --no-browser --timeout 1" + endpoint, browser);
   EXPECT_EQ(pocket.authorizations(), 3);
   const auto accounts = run("account list --json").parsed();
   ASSERT_EQ(accounts.size(), 1u);

@@ -62,6 +62,15 @@ class PocketTest : public ServiceTest {
     server_.clearRequests();
   }
 
+  // Signs in and syncs once; the requests are forgotten.
+  void signInAndSync() {
+    signIn();
+    ASSERT_TRUE(account_);
+    auto report = sync(account_);
+    ASSERT_FALSE(report.error) << report.error->message();
+    server_.clearRequests();
+  }
+
   std::string addItem(std::string title, int status = 0) {
     PocketItem item;
     item.givenUrl = item.resolvedUrl = server_.articleURL(title);
@@ -376,9 +385,7 @@ TEST_F(PocketTest, EveryChangeIsOneTimedActionPerSendAndTheServerFollows) {
   const auto a = addItem("a");
   const auto b = addItem("b");
   const auto c = addItem("c");
-  signIn();
-  ASSERT_FALSE(sync(account_).error);
-  server_.clearRequests();
+  signInAndSync();
   auto itemA = story(*account_, a);
   auto itemB = story(*account_, b);
 
@@ -416,8 +423,7 @@ TEST_F(PocketTest, EveryChangeIsOneTimedActionPerSendAndTheServerFollows) {
 
 TEST_F(PocketTest, ARefusedChangeIsShownAndNotQueuedWhileAServerInTroubleQueuesIt) {
   const auto a = addItem("a");
-  signIn();
-  ASSERT_FALSE(sync(account_).error);
+  signInAndSync();
   auto item = story(*account_, a);
 
   // Deleted on Pocket meanwhile: favouriting it is refused (X-Error with status 200).
@@ -444,9 +450,7 @@ TEST_F(PocketTest, OfflineChangesWaitInTheQueueAndTheNextSyncSendsThemFirst) {
   const auto a = addItem("a");
   const auto b = addItem("b");
   const auto c = addItem("c");
-  signIn();
-  ASSERT_FALSE(sync(account_).error);
-  server_.clearRequests();
+  signInAndSync();
 
   reachability_.set(ReachabilityStatus::kNotReachable);
   EXPECT_FALSE(waitFor([&](ServiceCompletion done) {

@@ -23,7 +23,7 @@ using nlohmann::json;
 constexpr std::string_view kLogCategory = "PocketService";
 
 Error notOffered(std::string_view title, std::string_view reason) {
-  return Error::make(kLecternErrorDomain, 0, title, reason);
+  return Error::make(kAccountErrorDomain, kChangeNotOffered, title, reason);
 }
 
 std::vector<std::string> itemIdsOf(const std::vector<std::shared_ptr<Bookmark>>& bookmarks) {
@@ -89,7 +89,7 @@ ServiceCompletion PocketService::holdingAccount(ServiceCompletion onCompleted) c
 
 void PocketService::markBookmarks(const std::vector<std::shared_ptr<Bookmark>>& bookmarks, Account&,
                                   bool archived, ServiceCompletion onCompleted) {
-  auto client = clientOrFail<QKPocketClient>(archived ? "archive items" : "move items to the list", onCompleted);
+  auto client = clientOrFail<QKPocketClient>(archived ? "mark items read" : "mark items unread", onCompleted);
   if (client) client->markBookmarksWithIdsArchived(itemIdsOf(bookmarks), archived, holdingAccount(onCompleted));
 }
 
