@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -306,6 +307,88 @@ std::string randomState() {
   std::array<unsigned char, 16> bytes{};
   RAND_bytes(bytes.data(), static_cast<int>(bytes.size()));
   return hexEncode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+namespace {
+
+// A sign-in left waiting longer than this is not finished by `open-url`.
+constexpr std::chrono::hours kPendingLifetime{1};
+
+std::filesystem::path pendingFile(const BrowserSignInFlow& flow, const Paths& paths) {
+  return paths.stateFolder / fmt::format("{}-sign-in.json", flow.service);
+}
+
+std::int64_t secondsOf(const Clock& clock) {
+  return std::chrono::duration_cast<std::chrono::seconds>(clock.now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+bool isBrowserSignInAnswer(const BrowserSignInFlow& flow, std::string_view url) {
+  const std::string_view redirect = flow.schemeRedirect;
+  return url.starts_with(redirect) && (url.size() == redirect.size() || url[redirect.size()] == '?');
+}
+
+Result<BrowserSignInAnswer> waitForBrowserSignIn(
+    const BrowserSignInFlow& flow, const Paths& paths, const Clock& clock,
+    const std::function<Result<BrowserSignInPage>(const std::string& redirectURI)>& pageFor) {
+  auto listener = flow.loopback
+                      ? RedirectListener::onLoopback(fmt::format("/{}/auth", flow.service))
+                      : RedirectListener::forScheme(signInSocketPath(paths.applicationFolder), flow.schemeRedirect);
+  if (!listener) return fail(listener.error());
+  const std::string redirectURI = (*listener)->redirectURI();
+  auto page = pageFor(redirectURI);
+  if (!page) return fail(page.error());
+
+  // Kept so that `lectern open-url` can finish the sign-in should this command be gone by then.
+  std::error_code ignored;
+  const auto pending = pendingFile(flow, paths);
+  if (!flow.loopback) {
+    std::filesystem::create_directories(paths.stateFolder, ignored);
+    nlohmann::json kept = page->pending;
+    kept["redirect_uri"] = redirectURI;
+    kept["started"] = secondsOf(clock);
+    std::ofstream(pending) << kept.dump();
+  }
+  if (flow.showSignInPage) flow.showSignInPage(page->url);
+  if (flow.openBrowser) (void)openInBrowser(page->url);  // the page was shown: a person can open it
+  auto answer = (*listener)->waitForURL(flow.timeout);
+  if (!answer) {
+    Error error = answer.error();
+    // The page stays valid: finished later, the desktop's `lectern open-url` completes it.
+    if (!flow.loopback) {
+      error.recoverySuggestion =
+          "No answer came back from the browser in time. Finish signing in there within the hour and Lectern "
+          "adds the account then, or run the command again.";
+    }
+    return fail(error);
+  }
+  if (!flow.loopback) std::filesystem::remove(pending, ignored);
+  return BrowserSignInAnswer{*answer, redirectURI};
+}
+
+Result<nlohmann::json> takePendingBrowserSignIn(const BrowserSignInFlow& flow, const Paths& paths,
+                                                const Clock& clock) {
+  const auto file = pendingFile(flow, paths);
+  std::ifstream in(file);
+  const nlohmann::json pending = in ? nlohmann::json::parse(in, nullptr, /*allow_exceptions=*/false) : nlohmann::json();
+  in.close();
+  std::error_code ignored;
+  // One answer per sign-in: a second one (or a forged one) finds nothing to finish.
+  std::filesystem::remove(file, ignored);
+  if (!pending.is_object()) {
+    return fail(kLecternErrorDomain, 0, flow.title,
+                fmt::format("No sign-in is waiting for this answer: start one with `lectern account add {}`.",
+                            flow.service));
+  }
+  const auto started = pending.value("started", std::int64_t{0});
+  if (std::chrono::seconds(secondsOf(clock) - started) > kPendingLifetime) {
+    return fail(kLecternErrorDomain, 0, flow.title,
+                fmt::format("The sign-in this answer belongs to began more than an hour ago: start again with "
+                            "`lectern account add {}`.",
+                            flow.service));
+  }
+  return pending;
 }
 
 }  // namespace lectern

@@ -9,7 +9,11 @@
 #include <string>
 #include <string_view>
 
+#include <nlohmann/json.hpp>
+
+#include "core/Clock.h"
 #include "core/Error.h"
+#include "core/Paths.h"
 
 namespace lectern {
 
@@ -62,5 +66,56 @@ std::map<std::string, std::string> queryParametersOf(std::string_view url);
 
 // 32 random hexadecimal digits: the `state` of a sign-in.
 std::string randomState();
+
+class NetworkSession;
+class UserDefaults;
+
+// What a service's sign-in borrows from the program.
+struct SignInEnvironment {
+  UserDefaults& defaults;
+  NetworkSession& session;
+  const Clock& clock;
+  const Paths& paths;
+};
+
+// One service's sign-in through the browser, the steps every such sign-in shares: the listener for
+// the way back, the page shown and opened, what `lectern open-url` needs kept for an hour should the
+// command be gone when the answer comes, and the wait.
+struct BrowserSignInFlow {
+  std::string service;         // "feedly": the loopback path "/feedly/auth", "feedly-sign-in.json"
+  std::string schemeRedirect;  // "lectern://feedly/auth"
+  std::string title;           // the error's title ("Feedly: Failed to sign in")
+  bool loopback = false;       // the browser comes back to 127.0.0.1, not to the scheme
+  std::chrono::milliseconds timeout = std::chrono::minutes(5);
+  bool openBrowser = true;
+  // Shown before the browser opens: the page, for a person on a machine without one.
+  std::function<void(const std::string& url)> showSignInPage;
+};
+
+// The page the browser opens and what a later `open-url` needs to finish (kept with the time the
+// sign-in began).
+struct BrowserSignInPage {
+  std::string url;
+  nlohmann::json pending = nlohmann::json::object();
+};
+
+// Runs the flow: `pageFor` gets the redirect address and answers the page (a service that must ask
+// its server first does it there). Answers the address the browser came back with, and the redirect
+// address it was sent to.
+struct BrowserSignInAnswer {
+  std::string url;
+  std::string redirectURI;
+};
+Result<BrowserSignInAnswer> waitForBrowserSignIn(
+    const BrowserSignInFlow& flow, const Paths& paths, const Clock& clock,
+    const std::function<Result<BrowserSignInPage>(const std::string& redirectURI)>& pageFor);
+
+// `lectern open-url` with nothing waiting: what the service's last sign-in kept, if it began less
+// than an hour ago. The record is removed either way: an answer is used once.
+Result<nlohmann::json> takePendingBrowserSignIn(const BrowserSignInFlow& flow, const Paths& paths,
+                                                const Clock& clock);
+
+// Whether `url` is the scheme answer of `flow` ("lectern://feedly/auth" with or without a query).
+bool isBrowserSignInAnswer(const BrowserSignInFlow& flow, std::string_view url);
 
 }  // namespace lectern

@@ -18,6 +18,9 @@ set(LECTERN_SERVICES_SOURCES
   src/services/pinboard/PinboardPacer.cpp
   src/services/pinboard/QKPinboardClient.cpp
   src/services/pinboard/PinboardService.cpp
+  src/services/pocket/QKPocketClient.cpp
+  src/services/pocket/PocketService.cpp
+  src/services/pocket/PocketSignIn.cpp
   src/services/localrss/LocalRSSService.cpp
   src/services/smartfolders/SmartFolderService.cpp
 )

@@ -408,4 +408,10 @@ std::string Bookmark::sectionIdentifier() const {
   return fmt::format("{:.0f}", secondsSince1970(sectionDate()));
 }
 
+std::optional<std::string> Bookmark::offlineFeedId() const {
+  auto owner = account();
+  if (!owner || !*owner || (*owner)->serviceType() != ServiceType::kPinboard) return std::nullopt;
+  return url();
+}
+
 }  // namespace lectern

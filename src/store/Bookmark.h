@@ -1,7 +1,6 @@
 #pragma once
 
 #include <filesystem>
-#include <nlohmann/json_fwd.hpp>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
@@ -124,6 +123,11 @@ class Bookmark : public ManagedObject {
   // Image tags whose picture is cached point at the cached file instead.
   std::string replaceImagesWithCachedRepresentation(std::string_view html) const;
   void removeCachedImages();
+
+  // Pocket's items (a "list" entry of its get answer): an item id is all it needs.
+  static bool isValidForPocketMapping(const nlohmann::json& item);
+  // Title, address, dates, tags, flags, and the account's article, video and image folders.
+  void mapFromPocketDictionary(const nlohmann::json& item, Account& account);
 
   // "scheme://host" of the address.
   std::optional<std::string> urlDomain() const;

@@ -27,12 +27,6 @@ std::string withoutLeadingSpace(std::string_view text) {
 
 }  // namespace
 
-std::optional<std::string> Bookmark::offlineFeedId() const {
-  auto owner = account();
-  if (!owner || !*owner || (*owner)->serviceType() != ServiceType::kPinboard) return std::nullopt;
-  return url();
-}
-
 bool Bookmark::isValidForPinboardMapping(const nlohmann::json& post) {
   return post.is_object() && nonEmpty(post, "hash") && nonEmpty(post, "href");
 }

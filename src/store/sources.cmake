@@ -19,6 +19,7 @@ set(LECTERN_STORE_SOURCES
   src/store/SmartFolder.cpp
   src/store/Bookmark.cpp
   src/store/BookmarkActions.cpp
+  src/store/BookmarkPocketMapping.cpp
   src/store/ServiceDelivery.cpp
   src/store/FeedStory.cpp
   src/store/FeedStoryMapping.cpp

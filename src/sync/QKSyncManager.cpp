@@ -108,12 +108,6 @@ size_t QKSyncManager::syncAccounts(const std::vector<std::shared_ptr<Account>>& 
     switch (SyncOperationFactory::syncSupport(type)) {
       case SyncOperationFactory::Support::kNever:
         continue;
-      case SyncOperationFactory::Support::kNotInThisVersion: {
-        auto error = SyncOperationFactory::unsupportedServiceError(type);
-        account->setSyncError(error);
-        reportFinished(*account, AccountSyncReport{account->objectID(), titleOf(*account), error, {}, false});
-        continue;
-      }
       case SyncOperationFactory::Support::kSupported:
         break;
     }

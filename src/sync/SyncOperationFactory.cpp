@@ -10,6 +10,7 @@
 #include "services/localrss/FeedSyncOperation.h"
 #include "services/newsblur/NewsBlurSyncOperation.h"
 #include "services/pinboard/PinboardSyncOperation.h"
+#include "services/pocket/PocketSyncOperation.h"
 #include "store/Account.h"
 
 namespace lectern {
@@ -34,6 +35,8 @@ std::shared_ptr<SyncOperation> SyncOperationFactory::createSyncOperationForAccou
       return std::make_shared<InstapaperSyncOperation>(std::move(account), environment);
     case ServiceType::kPinboard:
       return std::make_shared<PinboardSyncOperation>(std::move(account), environment);
+    case ServiceType::kPocket:
+      return std::make_shared<PocketSyncOperation>(std::move(account), environment);
     default:
       return nullptr;
   }
@@ -47,20 +50,14 @@ SyncOperationFactory::Support SyncOperationFactory::syncSupport(ServiceType type
     case ServiceType::kFeedWrangler:
     case ServiceType::kFeedly:
     case ServiceType::kNewsBlur:
+    case ServiceType::kPocket:
     case ServiceType::kInstapaper:
     case ServiceType::kPinboard:
       return Support::kSupported;
-    case ServiceType::kPocket:
-      return Support::kNotInThisVersion;
     default:
       return Support::kNever;
   }
 }
 
-Error SyncOperationFactory::unsupportedServiceError(ServiceType type) {
-  return Error::make(
-      kLecternErrorDomain, kSyncNotSupportedErrorCode,
-      fmt::format("Syncing {} accounts is not supported in this version.", serviceDescriptionName(type)));
-}
 
 }  // namespace lectern

@@ -15,21 +15,14 @@ class SyncOperation;
 class SyncOperationFactory {
  public:
   enum class Support {
-    kSupported,         // an operation exists
-    kNotInThisVersion,  // a live service whose operation this version does not have yet
-    kNever,             // the smart-folders account, retired and unknown kinds
+    kSupported,  // an operation exists
+    kNever,      // the smart-folders account, retired and unknown kinds
   };
 
   // On the main thread, with the main context's account. nullptr when the type has no operation.
   static std::shared_ptr<SyncOperation> createSyncOperationForAccount(std::shared_ptr<Account> account,
                                                                       const SyncEnvironment& environment);
   static Support syncSupport(ServiceType type);
-  // The error an account of a kNotInThisVersion type gets instead of a sync:
-  // "Syncing <display name> accounts is not supported in this version."
-  static Error unsupportedServiceError(ServiceType type);
 };
-
-// The domain and code of unsupportedServiceError.
-inline constexpr int kSyncNotSupportedErrorCode = 3001;
 
 }  // namespace lectern

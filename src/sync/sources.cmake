@@ -17,4 +17,5 @@ set(LECTERN_SYNC_SOURCES
   src/services/newsblur/NewsBlurSyncOperation.cpp
   src/services/instapaper/InstapaperSyncOperation.cpp
   src/services/pinboard/PinboardSyncOperation.cpp
+  src/services/pocket/PocketSyncOperation.cpp
 )

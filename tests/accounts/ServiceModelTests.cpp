@@ -220,10 +220,13 @@ TEST_F(ServiceModelTest, HostedServicesRefuseWhatNeedsTheirClient) {
       ++expected;
     }
     ASSERT_TRUE(pumpUntil([&] { return outcomes.errors.size() == expected; }));
-    for (const auto& error : outcomes.errors) {
+    for (size_t i = 0; i < outcomes.errors.size(); ++i) {
+      const auto& error = outcomes.errors[i];
       ASSERT_TRUE(error.has_value());
       EXPECT_EQ(error->domain, "com.quillhq.Lectern.Account");
-      EXPECT_EQ(error->code, kServiceClientUnavailable);
+      // Pocket has nothing to move items into and keeps no reading position: it says so, client or not.
+      const bool offered = !(name == "pocket" && (i == 4 || i == 6));
+      EXPECT_EQ(error->code, offered ? kServiceClientUnavailable : kChangeNotOffered) << i;
       EXPECT_TRUE(error->description.starts_with(fmt::format("{}: Failed to ", service.descriptionName())))
           << error->description;
       EXPECT_FALSE(error->recoverySuggestion.empty());

@@ -21,6 +21,7 @@
 #include "mocks/FeverMockServer.h"
 #include "mocks/InstapaperMockServer.h"
 #include "mocks/NewsBlurMockServer.h"
+#include "mocks/PocketMockServer.h"
 #include "store/SqliteDatabase.h"
 #include "support/TestSupport.h"
 #include "sync/SyncTestSupport.h"
@@ -57,6 +58,28 @@ class CliTest : public ::testing::Test {
     result.out = readFile(out);
     result.err = readFile(err);
     return result;
+  }
+
+  // The browser of the sign-in tests: `mock-server browse` follows the sign-in page's redirect and
+  // hands a "lectern://" answer to `lectern open-url`, as a desktop would.
+  std::filesystem::path installBrowser() {
+    const auto browser = home_.path() / "browser.sh";
+    writeFile(browser, fmt::format("#!/bin/sh\nexec '{}' browse --lectern '{}' --home '{}' \"$1\"\n", MOCK_SERVER,
+                                   LECTERN_PROGRAM, (home_.path() / "home").string()));
+    std::filesystem::permissions(browser, std::filesystem::perms::owner_all);
+    return browser;
+  }
+
+  // Runs a sign-in that gives up waiting, then opens the page it printed in `browser`: the person
+  // agreeing later, the desktop handing the answer to `open-url`.
+  void finishInTheBrowserLater(const std::string& addCommand, const std::filesystem::path& browser) {
+    auto gaveUp = run(addCommand);
+    EXPECT_EQ(gaveUp.exit, 1);
+    EXPECT_THAT(gaveUp.err, HasSubstr("within the hour"));
+    const auto pageStart = gaveUp.out.find("http://");
+    ASSERT_NE(pageStart, std::string::npos);
+    const std::string page = gaveUp.out.substr(pageStart, gaveUp.out.find('\n', pageStart) - pageStart);
+    ASSERT_EQ(std::system(fmt::format("'{}' '{}' > /dev/null", browser.string(), page).c_str()), 0);
   }
 
   void serveNews(const std::vector<TestEntry>& entries) {
@@ -133,7 +156,14 @@ TEST_F(CliTest, SyncReportsFailingFeedsWithoutFailingAndUnsyncableAccountsAsFail
   }
   EXPECT_EQ(failing, 1) << feeds.out;
 
-  ASSERT_EQ(run("account add pocket --username me@example.org --password-stdin", "secret\n").exit, 0);
+  // An account that cannot sync (Pocket refuses the consumer key it now has) fails the command.
+  mock::PocketMockServer pocket;
+  ASSERT_EQ(run("config set pocketConsumerKey " + pocket.consumerKey()).exit, 0);
+  ASSERT_EQ(run("account add pocket --username me@example.org --password-stdin --endpoint " + pocket.baseURL(),
+                pocket.accessToken() + "\n")
+                .exit,
+            0);
+  ASSERT_EQ(run("config set pocketConsumerKey revoked-key").exit, 0);
   auto withPocket = run("sync --json");
   EXPECT_EQ(withPocket.exit, 1);
   bool pocketFailed = false;
@@ -380,10 +410,7 @@ TEST_F(CliTest, FeedlySignsInThroughTheBrowserOrWithATokenAndRefusesAnswersThatA
   mock::FeedlyMockServer feedly;
   feedly.seed(/*feeds=*/3, /*entriesPerFeed=*/4, /*unread=*/5, /*savedEvery=*/0);
   const std::string endpoint = " --endpoint " + feedly.endpoint();
-  const auto browser = home_.path() / "browser.sh";
-  writeFile(browser, fmt::format("#!/bin/sh\nexec '{}' browse --lectern '{}' --home '{}' \"$1\"\n", MOCK_SERVER,
-                                 LECTERN_PROGRAM, (home_.path() / "home").string()));
-  std::filesystem::permissions(browser, std::filesystem::perms::owner_all);
+  const auto browser = installBrowser();
   const std::string withBrowser = "BROWSER='" + browser.string() + "'";
 
   // No client id yet: the error says how to set one, or to use a token.
@@ -424,13 +451,7 @@ TEST_F(CliTest, FeedlySignsInThroughTheBrowserOrWithATokenAndRefusesAnswersThatA
   // The command gave up waiting; the person finishes in the browser later and the desktop hands
   // the answer over: the sign-in that began is completed.
   ASSERT_EQ(run("account remove feedly").exit, 0);
-  auto gaveUp = run("account add feedly --no-browser --timeout 1" + endpoint);
-  EXPECT_EQ(gaveUp.exit, 1);
-  EXPECT_THAT(gaveUp.err, HasSubstr("within the hour"));
-  const auto pageStart = gaveUp.out.find("http://");
-  ASSERT_NE(pageStart, std::string::npos);
-  const std::string page = gaveUp.out.substr(pageStart, gaveUp.out.find('\n', pageStart) - pageStart);
-  ASSERT_EQ(std::system(fmt::format("'{}' '{}' > /dev/null", browser.string(), page).c_str()), 0);
+  finishInTheBrowserLater("account add feedly --no-browser --timeout 1" + endpoint, browser);
   EXPECT_EQ(feedly.codeGrants(), 3);
   const auto accounts = run("account list --json").parsed();
   ASSERT_EQ(accounts.size(), 1u);
@@ -559,5 +580,97 @@ TEST_F(CliTest, AnInstapaperAccountSignsInOnceSyncsItsFoldersAndSendsOrQueuesEac
   }
   EXPECT_TRUE(archived);
 }
+
+// Pocket end to end: the browser sign-in through `lectern open-url` (the desktop's way) and the
+// loopback, syncs, reading offline, and changes online and offline, each seen by the mock.
+TEST_F(CliTest, APocketAccountSignsInSyncsAndSendsEveryChangeOnlineOrLater) {
+  mock::PocketMockServer pocket;
+  pocket.seed(/*unread=*/3, /*archived=*/1, /*favoriteEvery=*/0);
+  const std::string endpoint = " --endpoint " + pocket.baseURL();
+  const auto browser = installBrowser();
+  const std::string withBrowser = "BROWSER='" + browser.string() + "'";
+
+  auto keyless = run("account add pocket --timeout 5" + endpoint, "", withBrowser);
+  EXPECT_EQ(keyless.exit, 1);
+  EXPECT_THAT(keyless.err, HasSubstr("lectern config set pocketConsumerKey"));
+  EXPECT_TRUE(pocket.requests().empty());
+  ASSERT_EQ(run("config set pocketConsumerKey " + pocket.consumerKey()).exit, 0);
+
+  pocket.setConsent(mock::PocketMockServer::Consent::kDecline);
+  auto declined = run("account add pocket --timeout 20" + endpoint, "", withBrowser);
+  EXPECT_EQ(declined.exit, 1);
+  EXPECT_THAT(declined.err, HasSubstr("User rejected code."));
+  EXPECT_TRUE(run("account list --json").parsed().empty());
+
+  pocket.setConsent(mock::PocketMockServer::Consent::kGrant);
+  ASSERT_EQ(run("account add pocket --timeout 20 --redirect loopback" + endpoint, "", withBrowser).exit, 0);
+  ASSERT_EQ(run("account remove pocket").exit, 0);
+  auto added = run("account add pocket --timeout 20" + endpoint, "", withBrowser);
+  ASSERT_EQ(added.exit, 0) << added.err;
+  EXPECT_THAT(added.out, HasSubstr("/auth/authorize?request_token="));
+  EXPECT_THAT(added.out, HasSubstr("pocket:" + pocket.username()));
+  EXPECT_EQ(pocket.authorizations(), 2);
+
+  // The command gave up waiting; the person agrees in the browser later and the desktop hands the
+  // answer to `open-url`, which finishes the sign-in that began.
+  ASSERT_EQ(run("account remove pocket").exit, 0);
+  finishInTheBrowserLater("account add pocket --no-browser --timeout 1" + endpoint, browser);
+  EXPECT_EQ(pocket.authorizations(), 3);
+  const auto accounts = run("account list --json").parsed();
+  ASSERT_EQ(accounts.size(), 1u);
+  EXPECT_EQ(accounts[0]["account"], "pocket:" + pocket.username());
+  EXPECT_EQ(run("open-url lectern://pocket/auth").exit, 1);  // used once
+
+  auto synced = run("sync");
+  ASSERT_EQ(synced.exit, 0) << synced.err;
+  auto listed = run("list --json");
+  ASSERT_EQ(listed.exit, 0) << listed.err;
+  ASSERT_EQ(listed.parsed().size(), 4u);
+  std::map<std::string, std::string> rows;  // title to row id
+  for (const auto& item : listed.parsed()) {
+    EXPECT_EQ(item["account"], "pocket:" + pocket.username());
+    rows[item["title"].get<std::string>()] = std::to_string(item["id"].get<std::int64_t>());
+  }
+  auto shown = run("--offline show " + rows.at("Story 1"));
+  ASSERT_EQ(shown.exit, 0) << shown.err;
+  EXPECT_THAT(shown.out, HasSubstr("This is the text of story-1"));
+
+  auto idOf = [&](const std::string& title) {
+    for (const auto& item : pocket.items())
+      if (item.resolvedTitle == title) return item.itemId;
+    return std::string();
+  };
+  const std::string first = idOf("Story 1");
+  const std::string fourth = idOf("Story 4");
+  ASSERT_EQ(run("mark read " + rows.at("Story 1")).exit, 0);
+  ASSERT_EQ(run("mark star " + rows.at("Story 2")).exit, 0);
+  ASSERT_EQ(run("mark unread " + rows.at("Story 4")).exit, 0);
+  EXPECT_EQ(pocket.item(idOf("Story 1"))->status, 1);
+  EXPECT_TRUE(pocket.item(idOf("Story 2"))->favorite);
+  EXPECT_EQ(pocket.item(idOf("Story 4"))->status, 0);
+
+  // Offline: queued, then sent by the next sync.
+  const std::string third = idOf("Story 3");
+  ASSERT_EQ(run("--offline mark star " + rows.at("Story 3")).exit, 0);
+  ASSERT_EQ(run("--offline mark unstar " + rows.at("Story 2")).exit, 0);
+  ASSERT_EQ(run("--offline delete " + rows.at("Story 1")).exit, 0);
+  EXPECT_EQ(run("queue --json").parsed().size(), 3u);
+  EXPECT_FALSE(pocket.item(third)->favorite);
+  ASSERT_EQ(run("sync").exit, 0);
+  EXPECT_EQ(run("queue --json").parsed().size(), 0u);
+  EXPECT_TRUE(pocket.item(third)->favorite);
+  EXPECT_FALSE(pocket.item(idOf("Story 2"))->favorite);
+  EXPECT_EQ(pocket.item(first)->status, 2);
+  EXPECT_EQ(run("list --json").parsed().size(), 3u);
+
+  // A change made on Pocket reaches the library at the second sync.
+  ASSERT_TRUE(pocket.setStatus(fourth, 2));
+  ASSERT_EQ(run("sync").exit, 0);
+  EXPECT_EQ(run("list --json").parsed().size(), 2u);
+  auto deleted = run("delete " + rows.at("Story 3"));
+  EXPECT_EQ(deleted.exit, 0) << deleted.err << deleted.out;
+  EXPECT_EQ(pocket.item(third)->status, 2);
+}
+
 }  // namespace
 }  // namespace lectern::test

@@ -31,20 +31,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using namespace std::chrono_literals;
 
-// The person's browser: opens the sign-in page and follows its one redirect to 127.0.0.1.
-void consentInBrowser(const std::string& page) {
-  std::thread([page] {
-    const auto pathStart = page.find('/', std::string_view("http://").size());
-    httplib::Client server(page.substr(0, pathStart));
-    auto answer = server.Get(page.substr(pathStart));
-    if (!answer || answer->status != 302) return;
-    const std::string location = answer->get_header_value("Location");
-    const auto backStart = location.find('/', std::string_view("http://").size());
-    httplib::Client lectern(location.substr(0, backStart));
-    (void)lectern.Get(location.substr(backStart));
-  }).detach();
-}
-
 class FeedlyTest : public ServiceTest {
  protected:
   void SetUp() override {

@@ -1,9 +1,11 @@
 #include "ServiceTestSupport.h"
 
 #include <fmt/format.h>
+#include <httplib.h>
 
 #include <algorithm>
 #include <ostream>
+#include <thread>
 
 #include "accounts/AccountCommands.h"
 #include "accounts/ServiceFactory.h"
@@ -18,6 +20,19 @@ namespace lectern::test {
 void PrintTo(const StoredStory& story, std::ostream* out) {
   *out << "{" << story.id << " \"" << story.title << "\"" << (story.read ? " read" : "")
        << (story.starred ? " starred" : "") << " feed " << story.feed << "}";
+}
+
+void consentInBrowser(const std::string& page) {
+  std::thread([page] {
+    const auto pathStart = page.find('/', std::string_view("http://").size());
+    httplib::Client server(page.substr(0, pathStart));
+    auto answer = server.Get(page.substr(pathStart));
+    if (!answer || answer->status != 302) return;
+    const std::string location = answer->get_header_value("Location");
+    const auto backStart = location.find('/', std::string_view("http://").size());
+    httplib::Client lectern(location.substr(0, backStart));
+    (void)lectern.Get(location.substr(backStart));
+  }).detach();
 }
 
 ServiceTest::ServiceTest()

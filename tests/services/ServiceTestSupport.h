@@ -38,6 +38,10 @@ void PrintTo(const StoredStory& story, std::ostream* out);
 // A library in a temporary folder with the real service factory, an in-memory secret store, a
 // clock standing at the real time (mock servers date their items from it), a switchable network,
 // a network session and the sync manager. The test's thread is the main thread.
+// The person's browser: opens the sign-in page (on a separate thread, as the sign-in waits) and
+// follows its one redirect back to 127.0.0.1.
+void consentInBrowser(const std::string& page);
+
 class ServiceTest : public ::testing::Test {
  protected:
   ServiceTest();

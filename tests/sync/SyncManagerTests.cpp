@@ -76,15 +76,12 @@ TEST_F(SyncManagerTest, QueueWidthFollowsThePreferenceWhileRunning) {
 
 TEST_F(SyncManagerTest, APassTakesOnlyAccountsThatCanAndNeedToSync) {
   auto local = heldAccount();
-  auto unsupported = makeAccount("pocket", "me", "Pocket");
   auto smart = makeAccount(kSmartFoldersServiceName, "", "Smart");
 
-  EXPECT_EQ(manager_->syncAccounts({local, unsupported, smart}), 1u);
-  ASSERT_TRUE(unsupported->syncError().has_value());
-  EXPECT_EQ(unsupported->syncError()->description, "Syncing Pocket accounts is not supported in this version.");
+  EXPECT_EQ(manager_->syncAccounts({local, smart}), 1u);
   EXPECT_FALSE(smart->hasError());
   EXPECT_THAT(observer_.started, ElementsAre("Local"));
-  EXPECT_THAT(observer_.finished, ElementsAre("Pocket"));
+  EXPECT_TRUE(observer_.finished.empty());
   // An account already syncing is not queued twice.
   EXPECT_EQ(manager_->syncAccounts({local}), 0u);
   EXPECT_TRUE(manager_->isSyncing());
@@ -92,18 +89,18 @@ TEST_F(SyncManagerTest, APassTakesOnlyAccountsThatCanAndNeedToSync) {
   server_.release();
   ASSERT_TRUE(manager_->waitUntilSyncFinished(std::chrono::seconds(20)));
   EXPECT_EQ(observer_.passes, 1);
-  ASSERT_EQ(manager_->lastPassReports().size(), 2u);
-  EXPECT_EQ(manager_->lastPassReports()[1].title, "Local");
+  ASSERT_EQ(manager_->lastPassReports().size(), 1u);
+  EXPECT_EQ(manager_->lastPassReports()[0].title, "Local");
   EXPECT_EQ(server_.requests("held"), 1);
 
   // Nothing starts while the network is unreachable.
   reachability_.set(ReachabilityStatus::kNotReachable);
-  EXPECT_EQ(manager_->syncAccounts({local, unsupported}), 0u);
+  EXPECT_EQ(manager_->syncAccounts({local}), 0u);
   EXPECT_EQ(observer_.started.size(), 1u);
 }
 
 TEST_F(SyncManagerTest, TheTimerSyncsAccountsWhoseIntervalHasPassed) {
-  // Accounts of a kind this version cannot sync end at once, which shows they were taken.
+  // Instapaper accounts without a token pair fail at once (no client): being started shows they were taken.
   struct Case {
     std::string title;
     int interval;
@@ -121,7 +118,7 @@ TEST_F(SyncManagerTest, TheTimerSyncsAccountsWhoseIntervalHasPassed) {
   };
   std::set<std::string> expected;
   for (const auto& c : cases) {
-    auto account = makeAccount("pocket", c.title, c.title);
+    auto account = makeAccount("instapaper", c.title, c.title);
     ASSERT_TRUE(account->preferences().setValue("autoSyncIntervalIndex", c.interval));
     if (c.syncedAgo) account->setLast_sync(clock_.now() - *c.syncedAgo);
     if (c.due) expected.insert(c.title);
@@ -130,7 +127,8 @@ TEST_F(SyncManagerTest, TheTimerSyncsAccountsWhoseIntervalHasPassed) {
   ScopedLogCapture log;
 
   manager_->syncTimerExpired();
-  EXPECT_EQ(std::set<std::string>(observer_.finished.begin(), observer_.finished.end()), expected);
+  EXPECT_EQ(std::set<std::string>(observer_.started.begin(), observer_.started.end()), expected);
+  ASSERT_TRUE(manager_->waitUntilSyncFinished(std::chrono::seconds(20)));
   EXPECT_TRUE(log.contains("Sync timer fired"));
 
   manager_->startTimer();

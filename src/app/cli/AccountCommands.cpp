@@ -40,8 +40,10 @@ struct AddOptions {
 int runAccountAdd(CliContext& cli, const AddOptions& options) {
   auto library = openLibrary(cli);
   if (!library) return kExitFailure;
-  // Feedly signs in through the browser (or with a token): the account comes from the sign-in.
-  if (trim(options.service) == "feedly" && !options.passwordStdin && options.username.empty()) {
+  // Feedly and Pocket sign in through the browser (Feedly also with a token): the account comes
+  // from the sign-in.
+  const std::string service = trim(options.service);
+  if ((service == "feedly" || service == "pocket") && !options.passwordStdin && options.username.empty()) {
     auto signedIn = signInWithBrowser(*library, options.service, options.endpoint, options.signIn);
     if (!signedIn) {
       printError(signedIn.error());
@@ -300,17 +302,17 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
   addCommand->add_option("--token", add->signIn.token,
                          "Feedly: sign in with a developer access token instead of the browser");
   addCommand->add_option("--redirect", add->signIn.redirect,
-                         "Feedly: where the browser comes back to: scheme (lectern://, the default) or loopback "
+                         "Feedly, Pocket: where the browser comes back to: scheme (lectern://, the default) or loopback "
                          "(127.0.0.1)")
       ->check(CLI::IsMember({"scheme", "loopback"}));
   addCommand->add_option("--client-id", add->signIn.clientId, "Feedly: the client id (kept as feedlyClientId)");
   addCommand->add_option("--client-secret", add->signIn.clientSecret,
                          "Feedly: the client secret (kept as feedlyClientSecret)");
-  addCommand->add_option("--timeout", add->signIn.timeoutSeconds, "Feedly: seconds to wait for the browser")
+  addCommand->add_option("--timeout", add->signIn.timeoutSeconds, "Feedly, Pocket: seconds to wait for the browser")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
   addCommand->add_flag("--no-browser", add->signIn.noBrowser,
-                       "Feedly: print the sign-in page's address instead of opening a browser");
+                       "Feedly, Pocket: print the sign-in page's address instead of opening a browser");
   context.onCommand(addCommand, [&context, add] { return runAccountAdd(context, *add); });
 
   auto listJson = std::make_shared<bool>(false);

@@ -1,4 +1,4 @@
-// Browser sign-in: `account add feedly` (through Cli.h), `open-url` (what the desktop entry runs
+// Browser sign-in: `account add feedly` and `account add pocket` (through Cli.h), `open-url` (what the desktop entry runs
 // for a "lectern://" address) and `desktop-integration install` (that desktop entry).
 #include <fmt/format.h>
 #include <unistd.h>
@@ -12,6 +12,7 @@
 #include "net/BrowserSignIn.h"
 #include "services/feedly/FeedlyService.h"
 #include "services/feedly/FeedlySignIn.h"
+#include "services/pocket/PocketSignIn.h"
 #include "store/Account.h"
 
 namespace lectern::cli {
@@ -19,16 +20,17 @@ namespace {
 
 constexpr std::string_view kDesktopFile = "lectern-url-handler.desktop";
 
-FeedlySignInEnvironment signInEnvironment(Library& library) {
+SignInEnvironment signInEnvironment(Library& library) {
   auto& environment = *library.environment;
-  return FeedlySignInEnvironment{environment.defaults(), environment.network(), environment.clock(),
-                                 environment.paths()};
+  return SignInEnvironment{environment.defaults(), environment.network(), environment.clock(),
+                           environment.paths()};
 }
 
 int runOpenURL(CliContext& cli, const std::string& url) {
-  if (!isFeedlySignInAnswer(url)) {
+  const bool pocket = isPocketSignInAnswer(url);
+  if (!pocket && !isFeedlySignInAnswer(url)) {
     printError(Error::make(kLecternErrorDomain, 2, fmt::format("Lectern cannot open {}", url),
-                           "It opens the answers of its sign-ins (lectern://feedly/auth?...)."));
+                           "It opens the answers of its sign-ins (lectern://feedly/auth?..., lectern://pocket/auth)."));
     return kExitUsage;
   }
   auto library = openLibrary(cli);
@@ -40,7 +42,8 @@ int runOpenURL(CliContext& cli, const std::string& url) {
     fmt::print("Handed the answer to the waiting sign-in.\n");
     return kExitOk;
   }
-  auto signedIn = finishPendingFeedlySignIn(signInEnvironment(*library), url);
+  auto signedIn = pocket ? finishPendingPocketSignIn(signInEnvironment(*library), url)
+                         : finishPendingFeedlySignIn(signInEnvironment(*library), url);
   if (!signedIn) {
     printError(signedIn.error());
     return kExitFailure;
@@ -125,6 +128,21 @@ Result<NewAccount> signInWithBrowser(Library& library, const std::string& servic
         !stored)
       return fail(stored.error());
   }
+  auto showPage = [](std::string_view name) {
+    return [name = std::string(name)](const std::string& url) {
+      fmt::print("Sign in to {} in your browser. If no browser opens, visit:\n  {}\n", name, url);
+      std::fflush(stdout);
+    };
+  };
+  if (trim(service) == "pocket") {
+    PocketSignInRequest request;
+    if (!trim(endpoint).empty()) request.endpoint = trim(endpoint);
+    request.browser.loopback = options.redirect == "loopback";
+    request.browser.timeout = std::chrono::seconds(options.timeoutSeconds);
+    request.browser.openBrowser = !options.noBrowser;
+    request.browser.showSignInPage = showPage("Pocket");
+    return signInToPocket(signInEnvironment(library), request);
+  }
   if (trim(service) != "feedly") {
     return fail(kLecternErrorDomain, 2, "Failed to add account",
                 fmt::format("{} has no browser sign-in.", service));
@@ -135,10 +153,7 @@ Result<NewAccount> signInWithBrowser(Library& library, const std::string& servic
   request.loopback = options.redirect == "loopback";
   request.timeout = std::chrono::seconds(options.timeoutSeconds);
   request.openBrowser = !options.noBrowser;
-  request.showSignInPage = [](const std::string& url) {
-    fmt::print("Sign in to Feedly in your browser. If no browser opens, visit:\n  {}\n", url);
-    std::fflush(stdout);
-  };
+  request.showSignInPage = showPage("Feedly");
   return signInToFeedly(signInEnvironment(library), request);
 }
 

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "core/Strings.h"
@@ -17,9 +16,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::string_view kSignInFailed = "Feedly: Failed to sign in";
-constexpr std::string_view kLoopbackPath = "/feedly/auth";
-// A sign-in left waiting longer than this is not finished by `open-url`.
-constexpr std::chrono::hours kPendingLifetime{1};
 
 std::string baseURLOf(const FeedlySignInEnvironment& environment, const FeedlySignInRequest& request) {
   if (request.endpoint && !trim(*request.endpoint).empty()) return trim(*request.endpoint);
@@ -28,7 +24,13 @@ std::string baseURLOf(const FeedlySignInEnvironment& environment, const FeedlySi
   return configured.empty() ? std::string(QKFeedlyClient::kDefaultBaseURL) : configured;
 }
 
-std::filesystem::path pendingFile(const Paths& paths) { return paths.stateFolder / "feedly-sign-in.json"; }
+BrowserSignInFlow feedlyFlow() {
+  BrowserSignInFlow flow;
+  flow.service = "feedly";
+  flow.schemeRedirect = QKFeedlyClient::redirectURL();
+  flow.title = std::string(kSignInFailed);
+  return flow;
+}
 
 std::shared_ptr<QKFeedlyClient> makeClient(const FeedlySignInEnvironment& environment,
                                            const std::string& baseURL, FeedlyApplication application,
@@ -99,10 +101,7 @@ Result<NewAccount> exchange(const FeedlySignInEnvironment& environment, const st
 
 }  // namespace
 
-bool isFeedlySignInAnswer(std::string_view url) {
-  const std::string redirect = QKFeedlyClient::redirectURL();
-  return url.starts_with(redirect) && (url.size() == redirect.size() || url[redirect.size()] == '?');
-}
+bool isFeedlySignInAnswer(std::string_view url) { return isBrowserSignInAnswer(feedlyFlow(), url); }
 
 Result<NewAccount> signInToFeedly(const FeedlySignInEnvironment& environment,
                                   const FeedlySignInRequest& request) {
@@ -116,78 +115,39 @@ Result<NewAccount> signInToFeedly(const FeedlySignInEnvironment& environment,
   auto application = FeedlyService::application(environment.defaults, baseURL);
   if (!application) return fail(application.error());
 
-  auto listener = request.loopback
-                      ? RedirectListener::onLoopback(kLoopbackPath)
-                      : RedirectListener::forScheme(signInSocketPath(environment.paths.applicationFolder),
-                                                    QKFeedlyClient::redirectURL());
-  if (!listener) return fail(listener.error());
-  const std::string redirectURI = (*listener)->redirectURI();
+  BrowserSignInFlow flow = feedlyFlow();
+  flow.loopback = request.loopback;
+  flow.timeout = request.timeout;
+  flow.openBrowser = request.openBrowser;
+  flow.showSignInPage = request.showSignInPage;
   const std::string state = randomState();
   auto client = makeClient(environment, baseURL, *application, {});
-  const std::string page = client->authorizationURL(redirectURI, state);
-
-  // Kept so that `lectern open-url` can finish the sign-in should this command be gone by then.
-  std::error_code ignored;
-  if (!request.loopback) {
-    std::filesystem::create_directories(environment.paths.stateFolder, ignored);
-    std::ofstream(pendingFile(environment.paths)) << json{
-        {"state", state},
-        {"redirect_uri", redirectURI},
-        {"endpoint", request.endpoint ? json(*request.endpoint) : json(nullptr)},
-        {"started",
-         std::chrono::duration_cast<std::chrono::seconds>(environment.clock.now().time_since_epoch())
-             .count()}}.dump();
-  }
-  if (request.showSignInPage) request.showSignInPage(page);
-  if (request.openBrowser) (void)openInBrowser(page);  // the page was shown: a person can open it
-  auto answer = (*listener)->waitForURL(request.timeout);
-  if (!answer) {
-    Error error = answer.error();
-    // The page stays valid: finished later, the desktop's `lectern open-url` completes it.
-    if (!request.loopback) {
-      error.recoverySuggestion =
-          "No answer came back from the browser in time. Finish signing in there within the hour and Lectern "
-          "adds the account then, or run the command again.";
-    }
-    return fail(error);
-  }
-  if (!request.loopback) std::filesystem::remove(pendingFile(environment.paths), ignored);
-  auto code = codeFrom(*answer, state);
+  auto answer = waitForBrowserSignIn(
+      flow, environment.paths, environment.clock,
+      [&](const std::string& redirectURI) -> Result<BrowserSignInPage> {
+        return BrowserSignInPage{
+            client->authorizationURL(redirectURI, state),
+            json{{"state", state}, {"endpoint", request.endpoint ? json(*request.endpoint) : json(nullptr)}}};
+      });
+  if (!answer) return fail(answer.error());
+  auto code = codeFrom(answer->url, state);
   if (!code) return fail(code.error());
-  return exchange(environment, baseURL, *application, *code, redirectURI, request.endpoint);
+  return exchange(environment, baseURL, *application, *code, answer->redirectURI, request.endpoint);
 }
 
 Result<NewAccount> finishPendingFeedlySignIn(const FeedlySignInEnvironment& environment,
                                              std::string_view url) {
-  const auto file = pendingFile(environment.paths);
-  std::ifstream in(file);
-  const json pending = in ? json::parse(in, nullptr, /*allow_exceptions=*/false) : json();
-  in.close();
-  std::error_code ignored;
-  if (!pending.is_object()) {
-    return fail(kLecternErrorDomain, 0, kSignInFailed,
-                "No sign-in is waiting for this answer: start one with `lectern account add feedly`.");
-  }
-  const auto started = pending.value("started", std::int64_t{0});
-  const auto age = environment.clock.now().time_since_epoch() - std::chrono::seconds(started);
-  if (age > kPendingLifetime) {
-    std::filesystem::remove(file, ignored);
-    return fail(
-        kLecternErrorDomain, 0, kSignInFailed,
-        "The sign-in this answer belongs to began more than an hour ago: start again with `lectern account "
-        "add feedly`.");
-  }
-  const auto code = codeFrom(url, pending.value("state", std::string()));
-  // One answer per sign-in: a second one (or a forged one) finds nothing to finish.
-  std::filesystem::remove(file, ignored);
+  auto pending = takePendingBrowserSignIn(feedlyFlow(), environment.paths, environment.clock);
+  if (!pending) return fail(pending.error());
+  const auto code = codeFrom(url, pending->value("state", std::string()));
   if (!code) return fail(code.error());
   FeedlySignInRequest request;
-  if (const auto endpoint = pending.find("endpoint"); endpoint != pending.end() && endpoint->is_string())
+  if (const auto endpoint = pending->find("endpoint"); endpoint != pending->end() && endpoint->is_string())
     request.endpoint = endpoint->get<std::string>();
   const std::string baseURL = baseURLOf(environment, request);
   auto application = FeedlyService::application(environment.defaults, baseURL);
   if (!application) return fail(application.error());
-  return exchange(environment, baseURL, *application, *code, pending.value("redirect_uri", std::string()),
+  return exchange(environment, baseURL, *application, *code, pending->value("redirect_uri", std::string()),
                   request.endpoint);
 }
 

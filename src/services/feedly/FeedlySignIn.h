@@ -10,19 +10,12 @@
 #include "core/Clock.h"
 #include "core/Error.h"
 #include "core/Paths.h"
+#include "net/BrowserSignIn.h"
 
 namespace lectern {
 
-class NetworkSession;
-class UserDefaults;
-
 // What a Feedly sign-in borrows from the program.
-struct FeedlySignInEnvironment {
-  UserDefaults& defaults;
-  NetworkSession& session;
-  const Clock& clock;
-  const Paths& paths;
-};
+using FeedlySignInEnvironment = SignInEnvironment;
 
 struct FeedlySignInRequest {
   std::optional<std::string> endpoint;        // the account's api_endpoint

@@ -30,6 +30,7 @@
 #include "mocks/InstapaperMockServer.h"
 #include "mocks/NewsBlurMockServer.h"
 #include "mocks/PinboardMockServer.h"
+#include "mocks/PocketMockServer.h"
 
 extern char** environ;
 
@@ -457,6 +458,52 @@ void addNewsBlurCommand(CLI::App& app, NewsBlurOptions& options, std::function<i
   });
 }
 
+struct PocketOptions {
+  int port = 0;
+  std::string consumerKey = "lectern-consumer-key";
+  std::string username = "pocketuser";
+  int unread = 60;
+  int archived = 20;
+  int favoriteEvery = 7;
+};
+
+void addPocketCommand(CLI::App& app, PocketOptions& options, std::function<int()>& run, const sigset_t& signals) {
+  auto* command = app.add_subcommand("pocket", "Pocket API v3 with its browser sign-in and a seeded list");
+  command->add_option("--port", options.port, "Port to listen on (0: any free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  command->add_option("--consumer-key", options.consumerKey, "The consumer key calls must carry")
+      ->capture_default_str();
+  command->add_option("--username", options.username, "The account's name")->capture_default_str();
+  command->add_option("--unread", options.unread, "Items in the list")->check(kCount)->capture_default_str();
+  command->add_option("--archived", options.archived, "Items in the archive")->check(kCount)->capture_default_str();
+  command->add_option("--favorite-every", options.favoriteEvery, "Favourite every Nth item (0: none)")
+      ->check(kCount)
+      ->capture_default_str();
+  command->callback([&options, &run, &signals] {
+    run = [&options, &signals] {
+      std::unique_ptr<lectern::mock::PocketMockServer> server;
+      try {
+        server = std::make_unique<lectern::mock::PocketMockServer>(options.consumerKey, options.username,
+                                                                   options.port);
+      } catch (const std::runtime_error& e) {
+        fmt::print(stderr, "mock-server: {}\n", e.what());
+        return kExitFailure;
+      }
+      server->seed(options.unread, options.archived, options.favoriteEvery);
+      fmt::print("Pocket mock at {} ({} items, {} unread); Ctrl-C stops it.\n", server->baseURL(),
+                 server->items().size(), options.unread);
+      fmt::print(
+          "Add it to Lectern: lectern config set pocketConsumerKey {} && lectern account add pocket --endpoint {} "
+          "--redirect loopback  (the sign-in page agrees at once)\n",
+          options.consumerKey, server->baseURL());
+      std::fflush(stdout);  // scripts read the address while the server runs
+      waitForStopSignal(signals);
+      return kExitOk;
+    };
+  });
+}
+
 struct BrowseOptions {
   std::string lectern = "lectern";
   std::string home;
@@ -601,6 +648,8 @@ int main(int argc, char** argv) {
   addNewsBlurCommand(app, newsBlur, run, signals);
   PinboardOptions pinboard;
   addPinboardCommand(app, pinboard, run, signals);
+  PocketOptions pocket;
+  addPocketCommand(app, pocket, run, signals);
   BrowseOptions browseOptions;
   addBrowseCommand(app, browseOptions, run);
 
