@@ -162,6 +162,29 @@ constexpr auto kSchema26 = concat(
         "CREATE INDEX Content_bookmark ON Content(bookmark)"},
     arrayOf(kBookmarkIndexes), arrayOf(kOtherTables));
 
+// Lectern 2.7: a full-text index of each story's title and preview text, for search and smart
+// folders. It holds the texts folded for case and diacritics (lectern_fold, registered on every
+// connection), so the trigram index answers CONTAINS[cd] as a substring match; triggers keep it
+// in step with every insert, update and delete, whoever writes.
+constexpr std::string_view kSearchIndex[] = {
+    "CREATE VIRTUAL TABLE StorySearch USING fts5(title, preview_text, tokenize = 'trigram case_sensitive 1')",
+    "CREATE TRIGGER StorySearch_bookmark_insert AFTER INSERT ON Bookmark BEGIN"
+    " INSERT INTO StorySearch(rowid, title, preview_text) VALUES (new.id, lectern_fold(new.title),"
+    " lectern_fold((SELECT preview_text FROM Content WHERE bookmark = new.id))); END",
+    "CREATE TRIGGER StorySearch_bookmark_title AFTER UPDATE OF title ON Bookmark BEGIN"
+    " UPDATE StorySearch SET title = lectern_fold(new.title) WHERE rowid = new.id; END",
+    "CREATE TRIGGER StorySearch_bookmark_delete AFTER DELETE ON Bookmark BEGIN"
+    " DELETE FROM StorySearch WHERE rowid = old.id; END",
+    "CREATE TRIGGER StorySearch_content_insert AFTER INSERT ON Content BEGIN"
+    " UPDATE StorySearch SET preview_text = lectern_fold(new.preview_text) WHERE rowid = new.bookmark; END",
+    "CREATE TRIGGER StorySearch_content_update AFTER UPDATE OF preview_text, bookmark ON Content BEGIN"
+    " UPDATE StorySearch SET preview_text = NULL WHERE rowid = old.bookmark AND old.bookmark IS NOT new.bookmark;"
+    " UPDATE StorySearch SET preview_text = lectern_fold(new.preview_text) WHERE rowid = new.bookmark; END",
+    "CREATE TRIGGER StorySearch_content_delete AFTER DELETE ON Content BEGIN"
+    " UPDATE StorySearch SET preview_text = NULL WHERE rowid = old.bookmark; END",
+};
+constexpr auto kSchema27 = concat(kSchema26, arrayOf(kSearchIndex));
+
 #undef LECTERN_FK
 
 const ModelVersion kVersions[] = {
@@ -169,6 +192,7 @@ const ModelVersion kVersions[] = {
     {"Lectern 2.41", "2.41", 2, kSchema241},
     {"Lectern 2.5", "2.5", 3, kSchema25},
     {"Lectern 2.6", "2.6", 4, kSchema26},
+    {"Lectern 2.7", "2.7", 5, kSchema27},
 };
 
 }  // namespace
