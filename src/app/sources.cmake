@@ -15,4 +15,5 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/DiscoverCommands.cpp
   src/app/cli/OpmlCommands.cpp
   src/app/cli/SyncCommands.cpp
+  src/app/cli/SmartCommands.cpp
 )

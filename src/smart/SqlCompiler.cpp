@@ -163,7 +163,7 @@ class Compiler {
     const Value right = evaluateExpression(p.right, nullptr, EvaluationContext{options_.now});
     if (!right.isText()) return std::nullopt;
     std::string folded = foldForSearch(*right.text());
-    if (characterCount(folded) < 3) return std::nullopt;
+    if (codePointCount(folded) < 3) return std::nullopt;
     return IndexTerm{std::move(column), std::move(folded)};
   }
 
@@ -237,7 +237,13 @@ class Compiler {
     using K = PathRoute::Kind;
     const std::string alias = fmt::format("t{}", ++aliasCounter_);
     switch (route.kind) {
-      case K::kColumn: return elementSql(op, options, "Bookmark." + route.column, route.type, right);
+      case K::kColumn: {
+        // The entities read a missing flag or progress as 0 (their accessors answer a number).
+        const bool zeroWhenMissing = route.type == KeyPathType::kBoolean || route.column == "progress";
+        const std::string column = zeroWhenMissing ? fmt::format("coalesce(Bookmark.{}, 0)", route.column)
+                                                   : "Bookmark." + route.column;
+        return elementSql(op, options, column, route.type, right);
+      }
       case K::kSelf: return elementSql(op, options, "Bookmark.id", KeyPathType::kNumber, right);
       case K::kCount:
         return elementSql(op, options,
@@ -382,7 +388,7 @@ Result<CompiledQuery> compileToSql(const Predicate& predicate, const SqlCompileO
 
 std::optional<std::string> searchIndexQuery(std::string_view text, const std::vector<std::string_view>& columns) {
   const std::string folded = foldForSearch(text);
-  if (characterCount(folded) < 3) return std::nullopt;
+  if (codePointCount(folded) < 3) return std::nullopt;
   return fmt::format("({{{}}} : {})", fmt::join(columns, " "), ftsPhrase(folded));
 }
 

@@ -103,7 +103,59 @@ std::string foldText(std::string_view text, ComparisonOptions options) {
   return out;
 }
 
-size_t characterCount(std::string_view text) {
+std::vector<TextRange> findMatches(std::string_view text, const std::vector<std::string>& terms) {
+  // Fold character by character, remembering where each folded byte came from, so a match in
+  // the folded text maps back to the original bytes.
+  std::string folded;
+  std::vector<size_t> origin;  // folded byte -> original start of its character
+  size_t i = 0;
+  while (i < text.size()) {
+    size_t length = 1;
+    const auto lead = static_cast<unsigned char>(text[i]);
+    if (lead >= 0xF0) {
+      length = 4;
+    } else if (lead >= 0xE0) {
+      length = 3;
+    } else if (lead >= 0xC0) {
+      length = 2;
+    }
+    length = std::min(length, text.size() - i);
+    const std::string piece = foldForSearch(text.substr(i, length));
+    folded += piece;
+    origin.insert(origin.end(), piece.size(), i);
+    i += length;
+  }
+  origin.push_back(text.size());
+  std::vector<TextRange> ranges;
+  for (const auto& term : terms) {
+    const std::string needle = foldForSearch(term);
+    if (needle.empty()) continue;
+    for (size_t at = folded.find(needle); at != std::string::npos; at = folded.find(needle, at + needle.size())) {
+      const size_t last = at + needle.size();
+      // The match ends after the original character of its last folded byte.
+      size_t end = text.size();
+      for (size_t k = last; k < origin.size(); ++k) {
+        if (origin[k] != origin[last - 1]) {
+          end = origin[k];
+          break;
+        }
+      }
+      ranges.push_back({origin[at], end});
+    }
+  }
+  std::sort(ranges.begin(), ranges.end(), [](const TextRange& a, const TextRange& b) { return a.begin < b.begin; });
+  std::vector<TextRange> merged;
+  for (const auto& range : ranges) {
+    if (!merged.empty() && range.begin <= merged.back().end) {
+      merged.back().end = std::max(merged.back().end, range.end);
+    } else {
+      merged.push_back(range);
+    }
+  }
+  return merged;
+}
+
+size_t codePointCount(std::string_view text) {
   return static_cast<size_t>(std::count_if(
       text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }

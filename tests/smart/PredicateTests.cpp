@@ -65,7 +65,7 @@ TEST(PredicateParsing, OperatorsOptionsModifiersAndArgumentsAreRead) {
   EXPECT_EQ(parsed("title ENDSWITH[d] 'x'").options, (ComparisonOptions{false, true}));
   EXPECT_EQ(parsed("ALL tokens.title LIKE '*a?'").modifier, ComparisonModifier::kAll);
   EXPECT_EQ(parsed("progress BETWEEN {0.25, 0.5}").op, ComparisonOperator::kBetween);
-  const Predicate self = parsed("SELF IN %@", {std::vector<Value>{1, 2, 3}});
+  const Predicate self = parsed("SELF IN %@", PredicateArguments{Value(std::vector<Value>{1, 2, 3})});
   EXPECT_EQ(self.left.kind, Expression::Kind::kSelf);
   EXPECT_EQ(self.right, Expression::ofConstant(std::vector<Value>{1, 2, 3}));
   // The argument is a value, never syntax.
@@ -141,7 +141,9 @@ TEST(PredicateEvaluation, NilListsAndMismatchedTypesHaveOneAnswerEach) {
                          {"is_archived", false},
                          {"date_added", DateValue{1000}},
                          {"folders.title", std::vector<Value>{"News", "Tech"}},
-                         {"tokens.title", std::vector<Value>{}}},
+                         {"tokens.title", std::vector<Value>{}},
+                         {"folders", std::vector<Value>{"News", "Tech"}},
+                         {"tokens", std::vector<Value>{}}},
                         42);
   EXPECT_TRUE(matches("title CONTAINS[cd] 'ete a'", story));
   EXPECT_FALSE(matches("title CONTAINS 'ete a'", story));

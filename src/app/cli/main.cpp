@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
   addDiscoverCommands(app, context);
   addOpmlCommands(app, context);
   addSyncCommands(app, context);
+  addSmartCommands(app, context);
 
   // Set after the commands so that they do not inherit it.
   app.footer(

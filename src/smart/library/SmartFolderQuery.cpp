@@ -24,9 +24,13 @@ SqlValue sqlValueOf(const Value& value) {
 // The scope as SQL on the Bookmark table.
 std::string scopeCondition(const LibraryScope& scope, std::vector<SqlValue>& arguments) {
   std::string where = "1";
-  if (scope.account) {
-    where += " AND Bookmark.account = ?";
-    arguments.push_back(scope.account->row);
+  if (!scope.accounts.empty()) {
+    where += " AND Bookmark.account IN (";
+    for (size_t i = 0; i < scope.accounts.size(); ++i) {
+      where += i == 0 ? "?" : ", ?";
+      arguments.push_back(scope.accounts[i].row);
+    }
+    where += ")";
   }
   if (scope.unreadOnly) where += " AND coalesce(Bookmark.is_archived, 0) = 0";
   return where;

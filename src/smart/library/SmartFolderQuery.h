@@ -28,7 +28,7 @@ Result<Predicate> fetchPredicate(const SmartFolder& folder);
 
 // Which items of the library a query looks at, newest date_added first.
 struct LibraryScope {
-  std::optional<ObjectId> account;  // only this account's items
+  std::vector<ObjectId> accounts;   // only these accounts' items (none: every account)
   bool unreadOnly = false;          // is_archived == 0
   std::optional<std::int64_t> limit;
 };
