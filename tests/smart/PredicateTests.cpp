@@ -135,6 +135,17 @@ TEST(TextMatching, OptionsFoldCaseAndDiacritics) {
   EXPECT_TRUE(compareText(ComparisonOperator::kBeginsWith, {true, false}, "ÉCOLE", "éc"));
 }
 
+TEST(TextMatching, MatchesAreFoundForHighlightingInTheOriginalBytes) {
+  const std::string text = "Le CAFÉ, le café et la cafétéria";
+  const auto ranges = findMatches(text, {"cafe", "LE "});
+  std::vector<std::string> found;
+  for (const auto& range : ranges) found.push_back(text.substr(range.begin, range.end - range.begin));
+  // "le " and "café" touch in "le café" and merge; "cafétéria" holds "cafe" too.
+  EXPECT_EQ(found, (std::vector<std::string>{"Le CAFÉ", "le café", "café"}));
+  EXPECT_TRUE(findMatches(text, {"thé"}).empty());
+  EXPECT_TRUE(findMatches(text, {""}).empty());
+}
+
 TEST(PredicateEvaluation, NilListsAndMismatchedTypesHaveOneAnswerEach) {
   const MapObject story({{"title", "Été à Paris"},
                          {"progress", 0.5},

@@ -13,6 +13,7 @@
 #include "store/FeedStory.h"
 #include "store/Folder.h"
 #include "store/ObjectContext.h"
+#include "store/ModelVersion.h"
 #include "store/SmartFolder.h"
 #include "store/StoreTestSupport.h"
 
@@ -201,6 +202,35 @@ TEST_F(SmartFolderTest, ChangesToTheLibraryRefreshTheFoldersSeen) {
   EXPECT_THAT(heard, ::testing::ElementsAre("bookmarks", "bookmarkCount"));
   EXPECT_EQ(contents_->bookmarkCount(*starred).value(), 1);
   EXPECT_EQ(contents_->badgeValue(*starred), "1");
+}
+
+}  // namespace
+}  // namespace lectern::test
+
+namespace lectern::test {
+namespace {
+
+class SearchIndexUpgradeTest : public StoreTest {};
+
+TEST_F(SearchIndexUpgradeTest, ALibraryFromBeforeTheIndexGetsItBuiltByTheUpgrade) {
+  const ModelVersion* before = modelVersionNamed("Lectern 2.6");
+  ASSERT_NE(before, nullptr);
+  writeStoreOfVersion(paths_.storeFile(), *before,
+                      {"INSERT INTO Account (id, service, title) VALUES (1, 'pocket', 'Pocket')",
+                       "INSERT INTO Bookmark (id, entity, account, bookmark_id, title) VALUES"
+                       " (20, 'Bookmark', 1, 'a', 'Crème Brûlée'), (21, 'Bookmark', 1, 'b', 'Other'),"
+                       " (22, 'Bookmark', 1, 'c', NULL)",
+                       "INSERT INTO Content (id, bookmark, preview_text) VALUES (30, 20, 'Dessert'),"
+                       " (31, 21, 'ÉCOLE et café')"});
+  ASSERT_TRUE(manager_->isMigrationNeeded());
+  ASSERT_TRUE(manager_->migrate(nullptr));
+  EXPECT_EQ(queryStore(paths_.storeFile(), "SELECT rowid, title, preview_text FROM StorySearch ORDER BY rowid"),
+            (std::vector<std::string>{"20|creme brulee|dessert", "21|other|ecole et cafe", "22|NULL|NULL"}));
+  auto found = fetchMatchingBookmarks(context(), parsePredicate("content.preview_text CONTAINS[cd] \"CAFÉ\"").value(),
+                                      clock_.now());
+  ASSERT_TRUE(found) << found.error().message();
+  ASSERT_EQ(found->size(), 1u);
+  EXPECT_EQ((*found)[0]->bookmark_id(), "b");
 }
 
 }  // namespace
