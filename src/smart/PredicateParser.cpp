@@ -405,12 +405,12 @@ class Parser {
 
   Result<Expression> parseArgument() {
     const size_t start = pos_;
-    const std::string_view spec = text_.substr(pos_, 2);
-    if (spec != "%@" && spec != "%K") return error("expected %@ or %K");
+    const std::string_view placeholder = text_.substr(pos_, 2);
+    if (placeholder != "%@" && placeholder != "%K") return error("expected %@ or %K");
     pos_ += 2;
-    if (nextArgument_ >= arguments_.size()) return error(fmt::format("no argument given for {}", spec), start);
+    if (nextArgument_ >= arguments_.size()) return error(fmt::format("no argument given for {}", placeholder), start);
     const Value& argument = arguments_[nextArgument_++];
-    if (spec == "%@") return Expression::ofConstant(argument);
+    if (placeholder == "%@") return Expression::ofConstant(argument);
     const std::string* path = argument.text();
     if (path == nullptr || path->empty()) return error("%K needs a key path as text", start);
     // The argument must itself be a plain key path.
