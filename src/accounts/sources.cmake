@@ -6,6 +6,7 @@ set(LECTERN_ACCOUNTS_SOURCES
   src/accounts/ReadLaterService.cpp
   src/accounts/ServiceFactory.cpp
   src/accounts/AccountLifecycle.cpp
+  src/accounts/TokenSignIn.cpp
   src/accounts/AccountCommands.cpp
   src/accounts/BuiltInReader.cpp
   src/accounts/Subscriptions.cpp

@@ -50,6 +50,9 @@ Result<void> QKApplicationController::setupApp() {
   if (auto folders = dataManager.environment().paths().createSupportFolders(); !folders) return folders;
   if (auto smart = ensureSmartFoldersAccount(**context); !smart) return fail(smart.error());
   registerLecternDefaults(environment_.defaults);
+  // Folders with a date rule are re-run after each sync pass.
+  smartFolders_ = std::make_unique<QKSmartFolderContents>(**context, environment_.clock, environment_.defaults);
+  syncManager_.setSmartFolderRearranger(smartFolders_.get());
   if (auto removed = deleteObsoleteServices(**context); !removed) return fail(removed.error());
   return migrateAccountPreferences(**context);
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/Error.h"
+#include "smart/library/QKSmartFolderContents.h"
 #include "sync/QKSyncManager.h"
 #include "sync/SyncAppControllerDelegate.h"
 #include "sync/SyncEnvironment.h"
@@ -54,6 +55,8 @@ class QKApplicationController final : public SyncAppControllerDelegate {
   size_t syncAccount(const std::shared_ptr<Account>& account, bool forced = false);
 
   QKSyncManager& syncManager() { return syncManager_; }
+  // What the smart folders hold, kept current; nullptr before setupApp.
+  QKSmartFolderContents* smartFolders() { return smartFolders_.get(); }
   void setMainWindowController(SyncWindowControllerDelegate* controller);
   // The front end hears account updates through this (optional).
   void setAccountObserver(SyncAppControllerDelegate* observer) { accountObserver_ = observer; }
@@ -72,6 +75,8 @@ class QKApplicationController final : public SyncAppControllerDelegate {
   std::vector<std::uint64_t> scheduled_;
   int reachabilityObserver_ = 0;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // posted work checks it first
+  // Before the sync manager, which points at it, so that it goes after it.
+  std::unique_ptr<QKSmartFolderContents> smartFolders_;
   QKSyncManager syncManager_;
 };
 

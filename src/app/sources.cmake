@@ -16,4 +16,5 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/OpmlCommands.cpp
   src/app/cli/SyncCommands.cpp
   src/app/cli/ReadLaterCommands.cpp
+  src/app/cli/SmartCommands.cpp
 )

@@ -6,6 +6,7 @@
 #include <charconv>
 
 #include "store/EntitySchema.h"
+#include "store/SearchFunctions.h"
 #include "store/SqliteDatabase.h"
 
 namespace lectern {
@@ -162,6 +163,8 @@ Result<void> MigrationManager::migrate(const MappingModel& mapping,
     report();
   }
   if (auto copied = copyMemberships(); !copied) return copied;
+  // The copied stories were noted for the search index; they are indexed once, here.
+  if (auto indexed = updateSearchIndex(db_); !indexed) return indexed;
   done = total;
   report();
   return {};

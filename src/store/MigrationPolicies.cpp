@@ -99,7 +99,8 @@ MappingModel makeMappingModel(std::string sourceModelName, std::string destinati
 std::vector<MappingModel> builtInMappingModels() {
   return {makeMappingModel("Lectern 2.4", "Lectern 2.41", "2.41"),
           makeMappingModel("Lectern 2.41", "Lectern 2.5", "2.5"),
-          makeMappingModel("Lectern 2.5", "Lectern 2.6", "2.6")};
+          makeMappingModel("Lectern 2.5", "Lectern 2.6", "2.6"),
+          makeMappingModel("Lectern 2.6", "Lectern 2.7", "2.7")};
 }
 
 }  // namespace lectern

@@ -162,6 +162,31 @@ constexpr auto kSchema26 = concat(
         "CREATE INDEX Content_bookmark ON Content(bookmark)"},
     arrayOf(kBookmarkIndexes), arrayOf(kOtherTables));
 
+// Lectern 2.7: a full-text index of each story's title and preview text, for search and smart
+// folders. It holds the texts folded for case and diacritics (lectern_fold, registered on every
+// connection), so the trigram index answers CONTAINS[cd] as a substring match. Triggers only note
+// which stories changed (StorySearchPending, whoever writes); each save indexes them once
+// (updateSearchIndex). Indexing in the triggers cost every insert a fold and two index writes, and
+// did it again for each read a context with unsaved rows makes (they are written and rolled back).
+constexpr std::string_view kSearchIndex[] = {
+    "CREATE VIRTUAL TABLE StorySearch USING fts5(title, preview_text, tokenize = 'trigram case_sensitive 1')",
+    "CREATE TABLE StorySearchPending (id INTEGER PRIMARY KEY)",
+    "CREATE TRIGGER StorySearch_bookmark_insert AFTER INSERT ON Bookmark BEGIN"
+    " INSERT OR IGNORE INTO StorySearchPending VALUES (new.id); END",
+    "CREATE TRIGGER StorySearch_bookmark_title AFTER UPDATE OF title ON Bookmark BEGIN"
+    " INSERT OR IGNORE INTO StorySearchPending VALUES (new.id); END",
+    "CREATE TRIGGER StorySearch_bookmark_delete AFTER DELETE ON Bookmark BEGIN"
+    " INSERT OR IGNORE INTO StorySearchPending VALUES (old.id); END",
+    "CREATE TRIGGER StorySearch_content_insert AFTER INSERT ON Content BEGIN"
+    " INSERT OR IGNORE INTO StorySearchPending SELECT new.bookmark WHERE new.bookmark IS NOT NULL; END",
+    "CREATE TRIGGER StorySearch_content_update AFTER UPDATE OF preview_text, bookmark ON Content BEGIN"
+    " INSERT OR IGNORE INTO StorySearchPending SELECT old.bookmark WHERE old.bookmark IS NOT NULL;"
+    " INSERT OR IGNORE INTO StorySearchPending SELECT new.bookmark WHERE new.bookmark IS NOT NULL; END",
+    "CREATE TRIGGER StorySearch_content_delete AFTER DELETE ON Content BEGIN"
+    " INSERT OR IGNORE INTO StorySearchPending SELECT old.bookmark WHERE old.bookmark IS NOT NULL; END",
+};
+constexpr auto kSchema27 = concat(kSchema26, arrayOf(kSearchIndex));
+
 #undef LECTERN_FK
 
 const ModelVersion kVersions[] = {
@@ -169,6 +194,7 @@ const ModelVersion kVersions[] = {
     {"Lectern 2.41", "2.41", 2, kSchema241},
     {"Lectern 2.5", "2.5", 3, kSchema25},
     {"Lectern 2.6", "2.6", 4, kSchema26},
+    {"Lectern 2.7", "2.7", 5, kSchema27},
 };
 
 }  // namespace

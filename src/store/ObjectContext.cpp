@@ -16,6 +16,7 @@
 #include "store/Folder.h"
 #include "store/ModelVersion.h"
 #include "store/OfflineOperation.h"
+#include "store/SearchFunctions.h"
 #include "store/SmartFolder.h"
 #include "store/SqliteDatabase.h"
 #include "store/StoreEnvironment.h"
@@ -432,6 +433,7 @@ Result<void> ObjectContext::save() {
     auto transaction = Transaction::begin(*db_, Transaction::Kind::kImmediate);
     if (!transaction) return fail(transaction.error());
     if (auto done = writePendingChanges(); !done) return done;
+    if (auto indexed = updateSearchIndex(*db_); !indexed) return indexed;
     return transaction->commit();
   }();
   if (!written) {

@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "store/SearchFunctions.h"
+
 namespace lectern {
 
 SqliteDatabase::Lease::Lease(SqliteStatement owned)
@@ -43,6 +45,11 @@ Result<std::unique_ptr<SqliteDatabase>> SqliteDatabase::open(const std::filesyst
   }
   sqlite3_extended_result_codes(db, 1);
   sqlite3_busy_timeout(db, static_cast<int>(busyTimeout.count()));
+  // The search index's triggers and smart-folder queries call these on every connection.
+  if (auto registered = registerSearchFunctions(db); !registered) {
+    sqlite3_close_v2(db);
+    return fail(registered.error());
+  }
   return std::unique_ptr<SqliteDatabase>(new SqliteDatabase(db, path));
 }
 

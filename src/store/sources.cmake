@@ -1,6 +1,7 @@
 set(LECTERN_STORE_SOURCES
   src/store/SqliteStatement.cpp
   src/store/SqliteDatabase.cpp
+  src/store/SearchFunctions.cpp
   src/store/ModelVersion.cpp
   src/store/EntitySchema.cpp
   src/store/ManagedObject.cpp

@@ -674,3 +674,106 @@ TEST_F(CliTest, APocketAccountSignsInSyncsAndSendsEveryChangeOnlineOrLater) {
 
 }  // namespace
 }  // namespace lectern::test
+
+namespace lectern::test {
+namespace {
+
+// Search and smart folders over stories synced from the local feed server.
+class SmartCliTest : public CliTest {
+ protected:
+  void SetUp() override {
+    serveNews({{"Crème brûlée at home", "https://example.org/1", 2h, "<p>A dessert for the weekend.</p>"},
+               {"Election NEWS", "https://example.org/2", 30h, "<p>Results from the café district.</p>"},
+               {"Old gardening tips", "https://example.org/3", 120h, "<p>Tomatoes and art of pruning.</p>"}});
+    ASSERT_EQ(run("subscribe " + server_.url("news") + " --folder Daily").exit, 0);
+    ASSERT_EQ(run("sync").exit, 0);
+  }
+  std::vector<std::string> titles(const ProgramRun& result) {
+    std::vector<std::string> out;
+    for (const auto& item : result.parsed()) out.push_back(item["title"].get<std::string>());
+    return out;
+  }
+  std::int64_t smartId(const std::string& title) {
+    for (const auto& folder : run("smart list --json").parsed()) {
+      if (folder["title"] == title) return folder["id"].get<std::int64_t>();
+    }
+    return 0;
+  }
+};
+
+TEST_F(SmartCliTest, SearchFindsWordsInTitlesAndTextIgnoringCaseAndAccents) {
+  auto found = run("search 'creme OR cafe' --json");
+  ASSERT_EQ(found.exit, 0) << found.err;
+  EXPECT_EQ(titles(found), (std::vector<std::string>{"Crème brûlée at home", "Election NEWS"}));  // newest first
+  EXPECT_EQ(titles(run("search '\"of pruning\"' --json")), (std::vector<std::string>{"Old gardening tips"}));
+  EXPECT_EQ(titles(run("search 'news AND NOT dessert' --json")), (std::vector<std::string>{"Election NEWS"}));
+  EXPECT_EQ(titles(run("search 'news' --limit 1 --account localrss --json")).size(), 1u);
+  EXPECT_EQ(run("search 'news' --account nosuch").exit, 1);
+
+  // Not a terminal: plain lines, the match in the text shown beside the title.
+  auto plain = run("search dessert");
+  ASSERT_EQ(plain.exit, 0);
+  EXPECT_THAT(plain.out, HasSubstr("Crème brûlée at home"));
+  EXPECT_THAT(plain.out, HasSubstr("A dessert for the weekend."));
+  EXPECT_THAT(plain.out, Not(HasSubstr("\x1b[")));
+
+  auto broken = run("search 'apple AND'");
+  EXPECT_EQ(broken.exit, 2);
+  EXPECT_THAT(broken.err, HasSubstr("at character"));
+}
+
+TEST_F(SmartCliTest, SmartFoldersAreAddedShownListedEditedAndRemoved) {
+  auto defaults = run("smart list --json");
+  ASSERT_EQ(defaults.exit, 0) << defaults.err;
+  ASSERT_EQ(defaults.parsed().size(), 3u);
+  EXPECT_EQ(defaults.parsed()[1]["title"], "RSS News");
+  EXPECT_EQ(defaults.parsed()[1]["count"], 3);
+  EXPECT_EQ(defaults.parsed()[1]["badge"], "3");
+
+  auto added = run("smart add Recent --rule 'date_added in-last 3 days' --rule 'folders.title is-not nothing'");
+  ASSERT_EQ(added.exit, 0) << added.err;
+  const std::string recent = std::to_string(smartId("Recent"));
+  auto shown = run("smart show " + recent);
+  ASSERT_EQ(shown.exit, 0) << shown.err;
+  EXPECT_THAT(shown.out, HasSubstr("date_added in-last 3 days"));
+  EXPECT_THAT(shown.out, HasSubstr("folders.title is-not nothing"));
+  EXPECT_THAT(shown.out, HasSubstr("2 items"));
+  EXPECT_THAT(shown.out, Not(HasSubstr("Old gardening tips")));
+  auto listed = run("list --smart " + recent + " --json");
+  EXPECT_EQ(titles(listed), (std::vector<std::string>{"Crème brûlée at home", "Election NEWS"}));
+
+  ASSERT_EQ(run("smart add Words --search 'brulee tomatoes'").exit, 0);
+  auto words = run("smart show " + std::to_string(smartId("Words")) + " --json");
+  ASSERT_EQ(words.exit, 0) << words.err;
+  EXPECT_EQ(words.parsed()["count"], 2);
+  EXPECT_EQ(words.parsed()["items"].size(), 2u);
+
+  ASSERT_EQ(run("smart edit " + recent + " --title Fresh --rule 'title contains garden'").exit, 0);
+  auto edited = run("smart show " + recent + " --json");
+  EXPECT_EQ(edited.parsed()["title"], "Fresh");
+  EXPECT_EQ(edited.parsed()["rules"], json::array({"title contains garden"}));
+  EXPECT_EQ(edited.parsed()["count"], 1);
+
+  ASSERT_EQ(run("smart remove " + recent).exit, 0);
+  EXPECT_EQ(run("smart show " + recent).exit, 1);
+  EXPECT_EQ(run("smart list --json").parsed().size(), 4u);
+}
+
+TEST_F(SmartCliTest, BadRulesAndConditionsAreUsageErrorsAndNothingIsAdded) {
+  auto rule = run("smart add Bad --rule 'date_added in-last two weeks'");
+  EXPECT_EQ(rule.exit, 2);
+  EXPECT_THAT(rule.err, HasSubstr("two weeks"));
+  auto where = run("smart add Bad --where 'title CONTAINS[cd'");
+  EXPECT_EQ(where.exit, 2);
+  EXPECT_THAT(where.err, HasSubstr("at character 15"));
+  EXPECT_EQ(run("smart add Bad --rule 'tags contains a' --search x").exit, 2);
+  EXPECT_EQ(run("smart add Bad").exit, 2);
+  EXPECT_EQ(run("smart list --json").parsed().size(), 3u);
+  EXPECT_EQ(run("smart bogus").exit, 2);
+  auto help = run("smart add --help");
+  EXPECT_EQ(help.exit, 0);
+  EXPECT_THAT(help.out, HasSubstr("--rule"));
+}
+
+}  // namespace
+}  // namespace lectern::test

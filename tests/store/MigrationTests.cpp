@@ -124,7 +124,8 @@ TEST_F(MigrationTest, ALibraryThreeVersionsBehindIsMigratedStepByStep) {
   EXPECT_EQ(delegate.steps_,
             (std::vector<std::string>{"Lectern 2.4 > Lectern 2.41 @ Lectern.Lectern 2.41.storedata",
                                       "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata",
-                                      "Lectern 2.5 > Lectern 2.6 @ Lectern.Lectern 2.6.storedata"}));
+                                      "Lectern 2.5 > Lectern 2.6 @ Lectern.Lectern 2.6.storedata",
+                                      "Lectern 2.6 > Lectern 2.7 @ Lectern.Lectern 2.7.storedata"}));
   ASSERT_FALSE(delegate.progress_.empty());
   EXPECT_EQ(delegate.progress_.back(), 1.0);
   // The library as it was stays beside it (not in a temporary folder); no step file is left.
@@ -286,6 +287,7 @@ TEST_F(MigrationTest, StepFileNamesAndTheMappingChain) {
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[0]).value().modelName, "Lectern 2.41");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[1]).value().modelName, "Lectern 2.5");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[2]).value().modelName, "Lectern 2.6");
+  EXPECT_EQ(chain.getDestinationModel(modelVersions()[3]).value().modelName, "Lectern 2.7");
   auto none = chain.getDestinationModel(currentModelVersion());
   ASSERT_FALSE(none);
   EXPECT_EQ(none.error().description, "No mapping model found in bundle");

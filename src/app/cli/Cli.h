@@ -17,6 +17,7 @@
 namespace lectern {
 class Bookmark;
 class ObjectContext;
+struct BookmarkQuery;
 }
 
 namespace lectern::cli {
@@ -77,6 +78,10 @@ void addDiscoverCommands(CLI::App& app, CliContext& context);
 void addOpmlCommands(CLI::App& app, CliContext& context);
 void addSyncCommands(CLI::App& app, CliContext& context);
 void addReadLaterCommands(CLI::App& app, CliContext& context);
+void addSmartCommands(CLI::App& app, CliContext& context);
+// The items of a smart folder (`lectern list --smart ID`), newest first, filtered as `query` says.
+Result<std::vector<std::shared_ptr<Bookmark>>> smartFolderItems(CliContext& cli, ObjectContext& context, std::int64_t id,
+                                                                const BookmarkQuery& query);
 
 // A browser sign-in's choices on `account add` (Feedly).
 struct BrowserSignInOptions {

@@ -36,6 +36,7 @@ struct ListOptions {
   std::string account;
   std::int64_t folder = 0;
   std::int64_t feed = 0;
+  std::int64_t smart = 0;
   bool unread = false;
   bool starred = false;
   // Also the stories a service's training hides (NewsBlur's intelligence).
@@ -53,7 +54,11 @@ int runList(CliContext& cli, const ListOptions& options) {
   query.includeBlocked = options.all;
 
   std::vector<std::shared_ptr<Bookmark>> items;
-  if (options.feed > 0) {
+  if (options.smart > 0) {
+    auto found = smartFolderItems(cli, *context, options.smart, query);
+    if (!checkResult(found)) return kExitFailure;
+    items = std::move(*found);
+  } else if (options.feed > 0) {
     auto feed = context->existingObject<Feed>(ObjectId{Entity::kFeed, options.feed});
     if (!checkResult(feed)) return kExitFailure;
     if (!*feed) {
@@ -374,6 +379,7 @@ void addLibraryCommands(CLI::App& app, CliContext& context) {
   list->add_option("--account", options->account, "Only this account (its identifier or service name)");
   list->add_option("--folder", options->folder, "Only this folder (an id from `lectern folders`)");
   list->add_option("--feed", options->feed, "Only this feed (an id from `lectern feeds`)");
+  list->add_option("--smart", options->smart, "Only this smart folder (an id from `lectern smart list`)");
   auto* unread = list->add_flag("--unread", options->unread, "Only unread articles");
   list->add_flag("--starred", options->starred, "Only starred articles")->excludes(unread);
   list->add_option("--limit", options->limit, "At most N articles (0: all)")->capture_default_str();

@@ -35,6 +35,7 @@ int main(int argc, char** argv) {
   addOpmlCommands(app, context);
   addSyncCommands(app, context);
   addReadLaterCommands(app, context);
+  addSmartCommands(app, context);
 
   // Set after the commands so that they do not inherit it.
   app.footer(

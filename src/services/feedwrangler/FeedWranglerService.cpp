@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "accounts/AccountErrors.h"
+#include "accounts/TokenSignIn.h"
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Strings.h"
@@ -92,18 +93,8 @@ void FeedWranglerService::finishSignIn(const QKFeedWranglerClient* client, Resul
                                        ServiceCompletion onCompleted) {
   // The sign-in's client is inside its own callback here: it goes once that has returned.
   if (signingIn_.get() == client) dependencies().mainQueue.post([done = std::move(signingIn_)] {});
-  std::optional<Error> error;
-  auto owner = account();
-  if (!token) {
-    error = token.error();
-  } else if (!owner || owner->isDeleted()) {
-    error = signInError("The account was removed.");
-  } else if (auto stored = owner->setTokenSecret(*token); !stored) {
-    error = signInError(stored.error().message());
-  } else {
-    // The password is forgotten: from now on the client signs its calls with the token.
-    resetApiClient();
-  }
+  // The password is forgotten: from now on the client signs its calls with the token.
+  auto error = keepSignInSecret(*this, std::move(token), kAuthenticateFailed);
   if (onCompleted) onCompleted(std::move(error));
 }
 

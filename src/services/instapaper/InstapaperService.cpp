@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "accounts/AccountErrors.h"
+#include "accounts/TokenSignIn.h"
 #include "core/Clock.h"
 #include "core/Log.h"
 #include "core/MainQueue.h"
@@ -145,18 +146,10 @@ void InstapaperService::finishSignIn(const QKInstapaperClient* client, Result<st
                                      ServiceCompletion onCompleted) {
   // The sign-in's client is inside its own callback here: it goes once that has returned.
   if (signingIn_.get() == client) dependencies().mainQueue.post([done = std::move(signingIn_)] {});
-  std::optional<Error> error;
-  auto owner = account();
-  if (!pair) {
-    error = pair.error();
-  } else if (!owner || owner->isDeleted()) {
-    error = signInError("The account was removed.");
-  } else if (auto stored = owner->setTokenSecret(tokenPairSecret(pair->first, pair->second)); !stored) {
-    error = signInError(stored.error().message());
-  } else {
-    // The password is forgotten: from now on the client signs its calls with the token pair.
-    resetApiClient();
-  }
+  // The password is forgotten: from now on the client signs its calls with the token pair.
+  Result<std::string> secret = pair ? Result<std::string>(tokenPairSecret(pair->first, pair->second))
+                                    : Result<std::string>(fail(pair.error()));
+  auto error = keepSignInSecret(*this, std::move(secret), kLoginFailed);
   if (onCompleted) onCompleted(std::move(error));
 }
 

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "accounts/AccountErrors.h"
+#include "accounts/TokenSignIn.h"
 #include "core/Dates.h"
 #include "core/Log.h"
 #include "core/MainQueue.h"
@@ -152,18 +153,8 @@ void PinboardService::finishSignIn(const QKPinboardClient* client, Result<std::s
                                    ServiceCompletion onCompleted) {
   // The sign-in's client is inside its own callback here: it goes once that has returned.
   if (signingIn_.get() == client) dependencies().mainQueue.post([done = std::move(signingIn_)] {});
-  std::optional<Error> error;
-  auto owner = account();
-  if (!token) {
-    error = token.error();
-  } else if (!owner || owner->isDeleted()) {
-    error = signInError("The account was removed.");
-  } else if (auto stored = owner->setTokenSecret(*token); !stored) {
-    error = signInError(stored.error().message());
-  } else {
-    // The password is forgotten: from now on only "auth_token" authenticates.
-    resetApiClient();
-  }
+  // The password is forgotten: from now on only "auth_token" authenticates.
+  auto error = keepSignInSecret(*this, std::move(token), kAuthenticateFailed);
   if (onCompleted) onCompleted(std::move(error));
 }
 
