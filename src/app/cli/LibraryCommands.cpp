@@ -107,14 +107,7 @@ int runList(CliContext& cli, const ListOptions& options) {
   }
 
   if (options.json) {
-    json out = json::array();
-    for (const auto& item : items) {
-      auto object = bookmarkJson(*item, /*withContent=*/false);
-      if (!checkResult(object)) return kExitFailure;
-      out.push_back(std::move(*object));
-    }
-    fmt::print("{}\n", out.dump(2));
-    return kExitOk;
+    return checkResult(printBookmarksJson(items)) ? kExitOk : kExitFailure;
   }
   for (const auto& item : items) fmt::print("{}\n", bookmarkLine(*item));
   if (items.empty()) fmt::print("Nothing to show.\n");

@@ -75,6 +75,17 @@ Result<json> bookmarkJson(Bookmark& bookmark, bool withContent) {
   return out;
 }
 
+Result<void> printBookmarksJson(const std::vector<std::shared_ptr<Bookmark>>& items) {
+  json out = json::array();
+  for (const auto& item : items) {
+    auto object = bookmarkJson(*item, /*withContent=*/false);
+    if (!object) return fail(object.error());
+    out.push_back(std::move(*object));
+  }
+  fmt::print("{}\n", out.dump(2));
+  return {};
+}
+
 Result<json> feedJson(Feed& feed) {
   auto unread = feed.unreadCount();
   if (!unread) return fail(unread.error());

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -30,6 +31,8 @@ std::string shortLocalDate(const std::optional<Date>& date);
 // Persisted attribute names as keys, plus `id` (the local id other commands take), `feed`
 // (its title) and `account` (its unique identifier).
 Result<nlohmann::json> bookmarkJson(Bookmark& bookmark, bool withContent);
+// The items as one JSON array (without their content), printed to stdout.
+Result<void> printBookmarksJson(const std::vector<std::shared_ptr<Bookmark>>& items);
 Result<nlohmann::json> feedJson(Feed& feed);
 Result<nlohmann::json> folderJson(Folder& folder);
 nlohmann::json accountJson(Account& account);

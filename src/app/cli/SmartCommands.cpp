@@ -96,14 +96,7 @@ Result<std::vector<ObjectId>> accountsNamed(ObjectContext& context, const std::s
 
 int printBookmarks(std::vector<std::shared_ptr<Bookmark>>& items, bool asJson, const std::vector<std::string>& terms) {
   if (asJson) {
-    json out = json::array();
-    for (const auto& item : items) {
-      auto object = bookmarkJson(*item, /*withContent=*/false);
-      if (!checkResult(object)) return kExitFailure;
-      out.push_back(std::move(*object));
-    }
-    fmt::print("{}\n", out.dump(2));
-    return kExitOk;
+    return checkResult(printBookmarksJson(items)) ? kExitOk : kExitFailure;
   }
   const bool terminal = stdoutIsTerminal();
   for (const auto& item : items) {
