@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace lectern::test {
 
@@ -32,6 +35,11 @@ std::filesystem::path corpusPath(std::string_view relative);  // corpusDir()/<re
 std::string corpusMissing();
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, std::string_view contents);
+
+// Starts `arguments[0]` with its standard output thrown away and answers its pid (-1 on failure).
+// The test process has threads (servers), so the child must not run anything between fork and
+// exec that can take a lock another thread held: posix_spawn does only that.
+pid_t spawnQuietly(const std::vector<std::string>& arguments);
 
 }  // namespace lectern::test
 
