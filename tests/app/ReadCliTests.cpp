@@ -535,6 +535,24 @@ TEST_F(ReadCliTest, ShowWrapsNumbersLinksAndListsEnclosures) {
   }
   EXPECT_EQ(story("Episode")["is_archived"], true);
 
+  // On a terminal: the terminal's width, through the pager.
+  const auto pager = home_.path() / "pager.sh";
+  const auto paged = home_.path() / "paged.txt";
+  writeFile(pager, fmt::format("#!/bin/sh\ncat > '{}'\n", paged.string()));
+  std::filesystem::permissions(pager, std::filesystem::perms::owner_all);
+  ReaderSession terminal({"--home", home().string(), "show", id}, {"PAGER=" + pager.string()}, 24, 50);
+  ASSERT_TRUE(terminal.started());
+  EXPECT_EQ(terminal.waitForExit(), 0);
+  const std::string page = readFile(paged);
+  EXPECT_THAT(page, HasSubstr("Links:\n  [1] https://pod.example/guest\n"));
+  std::istringstream pageLines(page);
+  widest = 0;
+  for (std::string line; std::getline(pageLines, line);) {
+    if (!line.starts_with("  https://")) widest = std::max(widest, displayWidth(line));
+  }
+  EXPECT_LE(widest, 50u);
+  EXPECT_GT(widest, 40u);
+
   // --json and --html stay as they were.
   auto asJson = run("show --json " + id);
   ASSERT_EQ(asJson.exit, 0) << asJson.err;

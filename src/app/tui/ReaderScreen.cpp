@@ -75,7 +75,9 @@ Result<void> runReaderScreen(ReaderModel& model, MainQueue& queue) {
                 "Run `lectern read` in a terminal; `lectern list` and `lectern show` work in scripts.");
   }
   useUtf8Locale();
-  if (!initscr()) return fail(kLecternErrorDomain, 1, "The terminal could not be set up", "Check $TERM.");
+  // newterm rather than initscr, which would end the program when $TERM is unknown.
+  SCREEN* screen = newterm(nullptr, stdout, stdin);
+  if (!screen) return fail(kLecternErrorDomain, 1, "The terminal could not be set up", "Check $TERM.");
   cbreak();
   noecho();
   nonl();
@@ -100,6 +102,7 @@ Result<void> runReaderScreen(ReaderModel& model, MainQueue& queue) {
     draw(model);
   }
   endwin();
+  delscreen(screen);
   return {};
 }
 
