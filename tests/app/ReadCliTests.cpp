@@ -622,7 +622,7 @@ TEST_F(ReadCliTest, ReaderOpensPagesMarksSearchesRefreshesAndFollowsResizes) {
   // A narrower window: the article is wrapped again to the new width.
   reader.resize(24, 40);
   ASSERT_TRUE(reader.waitFor([](const TerminalScreen& screen) {
-    return screen.row(screen.rows() - 2).starts_with("q:back space:page j/k:scroll");
+    return screen.row(screen.rows() - 2).starts_with("q:back space:page n/p:unread");
   })) << reader.screen().text();
   ASSERT_TRUE(reader.waitForText("Gamma has a link[1] and a long sentence\n")) << reader.screen().text();
 

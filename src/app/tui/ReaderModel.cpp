@@ -7,10 +7,9 @@
 namespace lectern {
 namespace {
 
-constexpr std::string_view kListHelp =
-    "q:quit j/k:move Enter:open space:next unread n/p:unread m:read s:star o:browser r:refresh /:search";
-constexpr std::string_view kArticleHelp =
-    "q:back space:page j/k:scroll n/p:unread m:read s:star o:browser 1-9 or f:link r:refresh";
+// Short enough for 80 columns; every key is in `lectern read --help`.
+constexpr std::string_view kListHelp = "q:quit Enter:open n/p:unread m:read s:star o:browser r:refresh /:search";
+constexpr std::string_view kArticleHelp = "q:back space:page n/p:unread m:read s:star o:browser 1-9,f:link r:refresh";
 constexpr std::string_view kSearchHelp = "Enter:search Esc:cancel (e.g. title:rust or \"exact words\")";
 constexpr std::string_view kLinkHelp = "Enter:open the link Esc:cancel";
 
