@@ -4,6 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "support/TestSupport.h"
+
 namespace lectern::test {
 namespace {
 
@@ -49,8 +53,8 @@ TEST(ArticleText, NestedListsIndentAndNumbersFollowStart) {
 }
 
 TEST(ArticleText, QuotesArePrefixedAndPreformattedTextIsKept) {
-  EXPECT_EQ(render("<blockquote><p>quoted words that wrap here</p><p>two</p></blockquote><p>out</p>", 20),
-            (Lines{"> quoted words that", "> wrap here", ">", "> two", "", "out"}));
+  EXPECT_EQ(render("<p>in</p><blockquote><p>quoted words that wrap here</p><p>two</p></blockquote><p>out</p>", 20),
+            (Lines{"in", "", "> quoted words that", "> wrap here", ">", "> two", "", "out"}));
   // Inside pre nothing is wrapped or collapsed; tabs become spaces to the next stop of eight.
   EXPECT_EQ(render("<pre>\nint main() {\n\treturn   0;  // a comment longer than the width\n}\n</pre>", 20),
             (Lines{"int main() {", "        return   0;  // a comment longer than the width", "}"}));
@@ -60,7 +64,7 @@ TEST(ArticleText, LinksAreNumberedResolvedAndListedOnce) {
   const auto text = renderArticleText(
       "<p>See <a href=\"/about\">about</a>, <a href=\"https://other.example/x\">this</a> and "
       "<a href=\"../about\">again</a>. <a href=\"#top\">top</a> <a href=\"javascript:go()\">go</a></p>"
-      "<p><a href=\"pic.html\"><img src=\"a.png\" alt=\"A cat\"></a> <img src=\"b.png\"></p>",
+      "<p><a href=\"pic.html\"><img src=\"a.png\" alt=\"A cat\"></a> <img src=\"b.png\"><a href=\"/icon\"> </a></p>",
       80, "https://blog.example/posts/1");
   EXPECT_THAT(text.lines, ElementsAre("See about[1], this[2] and again[1]. top go", "",
                                       "[image: A cat][3] [image]"));
@@ -126,6 +130,30 @@ TEST(ArticleText, PageHasHeaderTextLinksAndEnclosures) {
   EXPECT_EQ(fitToWidth("日本語テキスト", 7), "日本語…");
   EXPECT_EQ(humanSize(512), "512 bytes");
   EXPECT_EQ(humanSize(900'000), "900 KB");
+}
+
+TEST(ArticleText, EveryCorpusPageRendersWithinTheWidthAndSafely) {
+  LECTERN_SKIP_WITHOUT_CORPUS();
+  size_t pages = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(corpusPath("pages"))) {
+    if (entry.path().extension() != ".html") continue;
+    ++pages;
+    const std::string html = readFile(entry.path());
+    const auto text = renderArticleText(html, 72, "https://example.org/dir/page.html");
+    EXPECT_FALSE(text.lines.empty()) << entry.path().filename();
+    // Only preformatted text may be wider than the line.
+    const bool preformatted = html.find("<pre") != std::string::npos || html.find("<PRE") != std::string::npos ||
+                              html.find("<xmp") != std::string::npos || html.find("<listing") != std::string::npos;
+    for (const auto& line : text.lines) {
+      if (!preformatted) {
+        EXPECT_LE(displayWidth(line), 72u) << entry.path().filename() << ": " << line;
+      }
+      EXPECT_EQ(line, terminalSafe(line)) << entry.path().filename();
+      EXPECT_EQ(line.find_first_of("\n\t"), std::string::npos) << entry.path().filename();
+    }
+    for (const auto& link : text.links) EXPECT_NE(link.url.find(':'), std::string::npos) << link.url;
+  }
+  EXPECT_GT(pages, 100u);
 }
 
 }  // namespace

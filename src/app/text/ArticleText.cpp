@@ -211,8 +211,13 @@ class Renderer {
         return;
       }
       case Kind::kLink: {
+        const size_t textBefore = inline_.size();
+        const size_t linesBefore = lines_.size();
         walk(node->children, depth + 1);
-        if (const int number = linkNumber(attributeOf(node, "href")); number > 0) {
+        // A link that shows nothing (an icon drawn by CSS, an empty anchor) gets no number either.
+        const bool shown = lines_.size() != linesBefore || inline_.size() < textBefore ||
+                           inline_.find_first_not_of(' ', textBefore) != std::string::npos;
+        if (const int number = shown ? linkNumber(attributeOf(node, "href")) : 0; number > 0) {
           trimInlineRight();
           inline_ += fmt::format("[{}]", number);
         }
@@ -260,7 +265,11 @@ class Renderer {
   void block(xmlNode* node, int depth, bool spaced, std::optional<Frame> frame) {
     flush();
     if (spaced) spaceBefore();
-    if (frame) frames_.push_back(std::move(*frame));
+    if (frame) {
+      // The empty line before a quote stands outside it.
+      emitWantedBlank();
+      frames_.push_back(std::move(*frame));
+    }
     walk(node->children, depth + 1);
     flush();
     if (frame) frames_.pop_back();
@@ -439,9 +448,17 @@ class Renderer {
     return prefix;
   }
 
-  void emit(std::string text) {
-    if (blankWanted_ && !lines_.empty()) lines_.push_back(trimRight(currentPrefix(/*rest=*/true)));
+  void emitWantedBlank() {
+    if (blankWanted_ && !lines_.empty() && !lastBlank_) {
+      lines_.push_back(trimRight(currentPrefix(/*rest=*/true)));
+      lastBlank_ = true;
+    }
     blankWanted_ = false;
+  }
+
+  void emit(std::string text) {
+    emitWantedBlank();
+    lastBlank_ = text.empty() && frames_.empty();
     lines_.push_back(trimRight(currentPrefix(/*rest=*/false) + text));
     for (auto& frame : frames_) frame.used = true;
   }
@@ -492,6 +509,7 @@ class Renderer {
   std::vector<Frame> frames_;
   std::string inline_;
   bool blankWanted_ = false;
+  bool lastBlank_ = false;  // the last line is an empty line between blocks
   int listDepth_ = 0;
 };
 

@@ -142,7 +142,8 @@ void ReaderModel::listKey(int key) {
         reload("");
         return;
       }
-      finished_ = true;
+      // Esc leaves a search but never the reader: it is too easily pressed.
+      if (key == 'q') finished_ = true;
       return;
     default:
       return;
