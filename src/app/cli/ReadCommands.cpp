@@ -167,7 +167,7 @@ int runOpen(CliContext& cli, std::int64_t id) {
     printError(Error::make(kLecternErrorDomain, 1, fmt::format("Article {} has no address to open", id)));
     return kExitFailure;
   }
-  fmt::print("Opening {}\n", *url);
+  fmt::print("Opening {}\n", terminalSafe(*url));
   std::fflush(stdout);
   if (!checkResult(openInBrowser(*url))) return kExitFailure;
   if (!(*bookmark)->is_archived()) {
