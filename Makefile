@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 # Debian 12 packages the build and the tests need.
 DEB_PACKAGES := build-essential cmake ccache pkg-config \
   libcurl4-openssl-dev libsqlite3-dev libxml2-dev libicu-dev libssl-dev zlib1g-dev \
-  nlohmann-json3-dev libcli11-dev libfmt-dev libsecret-1-dev \
+  nlohmann-json3-dev libcli11-dev libfmt-dev libsecret-1-dev libncurses-dev \
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev python3
 # Only the benchmarks compare against these.
 BENCH_PACKAGES := newsboat python3-readability nodejs npm valgrind time

@@ -1,6 +1,8 @@
 set(LECTERN_APP_SOURCES
   src/app/AppEnvironment.cpp
   src/app/QKApplicationController.cpp
+  src/app/text/ArticleText.cpp
+  src/app/tui/ReaderModel.cpp
 )
 # The program itself: argument parsing and presentation only.
 set(LECTERN_CLI_SOURCES
@@ -17,4 +19,6 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/SyncCommands.cpp
   src/app/cli/ReadLaterCommands.cpp
   src/app/cli/SmartCommands.cpp
+  src/app/cli/ReadCommands.cpp
+  src/app/tui/ReaderScreen.cpp
 )

@@ -79,6 +79,7 @@ void addOpmlCommands(CLI::App& app, CliContext& context);
 void addSyncCommands(CLI::App& app, CliContext& context);
 void addReadLaterCommands(CLI::App& app, CliContext& context);
 void addSmartCommands(CLI::App& app, CliContext& context);
+void addReadCommands(CLI::App& app, CliContext& context);
 // The items of a smart folder (`lectern list --smart ID`), newest first, filtered as `query` says.
 Result<std::vector<std::shared_ptr<Bookmark>>> smartFolderItems(CliContext& cli, ObjectContext& context, std::int64_t id,
                                                                 const BookmarkQuery& query);

@@ -1,4 +1,4 @@
-// Commands that read and change the library: list, show, mark, delete, queue, feeds, folders, config.
+// Commands that read and change the library: list, mark, delete, queue, feeds, folders, config.
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -111,38 +111,6 @@ int runList(CliContext& cli, const ListOptions& options) {
   }
   for (const auto& item : items) fmt::print("{}\n", bookmarkLine(*item));
   if (items.empty()) fmt::print("Nothing to show.\n");
-  return kExitOk;
-}
-
-// ---- show ----
-
-int runShow(CliContext& cli, std::int64_t id, bool html, bool asJson) {
-  ObjectContext* context = openContext(cli);
-  if (!context) return kExitFailure;
-  auto bookmark = bookmarkById(*context, id);
-  if (!checkResult(bookmark)) return kExitFailure;
-  if (asJson) {
-    auto object = bookmarkJson(**bookmark, /*withContent=*/true);
-    if (!checkResult(object)) return kExitFailure;
-    fmt::print("{}\n", object->dump(2));
-    return kExitOk;
-  }
-  auto body = (*bookmark)->html();
-  if (!checkResult(body)) return kExitFailure;
-  if (html) {
-    fmt::print("{}\n", body->value_or(""));
-    return kExitOk;
-  }
-  const auto& b = **bookmark;
-  fmt::print("{}\n", b.title().value_or("(untitled)"));
-  if (auto* story = dynamic_cast<const FeedStory*>(&b)) {
-    if (auto feed = story->feed(); feed && *feed) fmt::print("Feed:    {}\n", (*feed)->title().value_or(""));
-    if (auto author = story->author(); author && !author->empty()) fmt::print("Author:  {}\n", *author);
-  }
-  if (auto url = b.url()) fmt::print("Link:    {}\n", *url);
-  fmt::print("Date:    {}\n", shortLocalDate(b.date_added()));
-  fmt::print("State:   {}{}\n", b.is_archived() ? "read" : "unread", b.is_favorited() ? ", starred" : "");
-  fmt::print("\n{}\n", htmlToPlainText(body->value_or("")));
   return kExitOk;
 }
 
@@ -379,17 +347,6 @@ void addLibraryCommands(CLI::App& app, CliContext& context) {
   list->add_flag("--all", options->all, "Also articles hidden by a service's training (NewsBlur intelligence)");
   list->add_flag("--json", options->json, "One JSON array of articles");
   context.onCommand(list, [&context, options] { return runList(context, *options); });
-
-  auto showId = std::make_shared<std::int64_t>(0);
-  auto showHtml = std::make_shared<bool>(false);
-  auto showJson = std::make_shared<bool>(false);
-  auto* show = app.add_subcommand("show", "Show one article as text");
-  show->add_option("ID", *showId, "The article's id (from `lectern list`)")->required();
-  show->add_flag("--html", *showHtml, "Print the stored HTML instead of text");
-  show->add_flag("--json", *showJson, "The article with its content as JSON");
-  context.onCommand(show, [&context, showId, showHtml, showJson] {
-    return runShow(context, *showId, *showHtml, *showJson);
-  });
 
   auto markWhat = std::make_shared<std::string>();
   auto markIds = std::make_shared<std::vector<std::int64_t>>();

@@ -36,6 +36,7 @@ int main(int argc, char** argv) {
   addSyncCommands(app, context);
   addReadLaterCommands(app, context);
   addSmartCommands(app, context);
+  addReadCommands(app, context);
 
   // Set after the commands so that they do not inherit it.
   app.footer(
