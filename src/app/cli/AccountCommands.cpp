@@ -14,7 +14,6 @@
 #include "app/cli/Presentation.h"
 #include "core/Strings.h"
 #include "feeds/FeedDiscovery.h"
-#include "net/URL.h"
 #include "store/Account.h"
 #include "store/Feed.h"
 #include "store/FeedFolder.h"
@@ -174,8 +173,8 @@ Result<std::shared_ptr<Account>> subscribingAccount(Library& library, const std:
   return account;
 }
 
-// Says where the account's feed at `url` is, when it has one: subscribing again never moves it.
-// Nothing when it has none; -1 after a failure was printed.
+// Says where the account's feed at `url` is, when it has one (subscribing again never moves it),
+// and answers the exit code; nothing when the account has no such feed.
 std::optional<int> reportSubscribed(Account& account, const std::string& url, const SubscribeOptions& options) {
   auto feed = subscribedFeedWithURL(account, url);
   if (!checkResult(feed)) return kExitFailure;
