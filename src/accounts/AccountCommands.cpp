@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 
 #include "accounts/AccountErrors.h"
@@ -13,6 +14,7 @@
 #include "core/Strings.h"
 #include "net/URL.h"
 #include "store/Account.h"
+#include "store/Bookmark.h"
 #include "store/ObjectContext.h"
 #include "store/QKAccountPreferences.h"
 #include "store/StoreEnvironment.h"
@@ -205,6 +207,32 @@ Result<void> removeAccount(ObjectContext& mainContext, std::string_view name,
   auto account = findAccount(mainContext, name);
   if (!account) return fail(account.error());
   return deleteAccount(**account, cancelSync);
+}
+
+Result<KeptArticles> removeAccount(ObjectContext& mainContext, std::string_view name, StarredArticles starred,
+                                   const CancelAccountSync& cancelSync) {
+  auto account = findAccount(mainContext, name);
+  if (!account) return fail(account.error());
+  auto articles = (*account)->bookmarks();
+  if (!articles) return fail(kAccountErrorDomain, kStoreFailed, "Failed to remove the account", articles.error().message());
+  if (starred == StarredArticles::kKeep && (*account)->serviceType() == ServiceType::kLocalRSS) {
+    const auto count = std::count_if(articles->begin(), articles->end(),
+                                     [](const auto& article) { return article->is_favorited(); });
+    if (count > 0) {
+      return fail(kAccountErrorDomain, kStarredWouldBeLost, "Failed to remove the account",
+                  fmt::format("The built-in reader keeps the starred articles of removed feeds and accounts, and "
+                              "it holds {} starred article{} itself. Remove them with it with --with-starred.",
+                              count, count == 1 ? "" : "s"));
+    }
+  }
+  auto kept = keepStarredArticles(mainContext, *articles, starred);
+  if (!kept) return fail(kAccountErrorDomain, kStoreFailed, "Failed to remove the account", kept.error().message());
+  // One save takes the account and brings the kept copies: a failing one keeps the library as it was.
+  if (auto removed = deleteAccount(**account, cancelSync); !removed) {
+    discardKeptArticles(mainContext, *kept);
+    return fail(removed.error());
+  }
+  return kept;
 }
 
 Result<nlohmann::json> setAccountPreference(Account& account, std::string_view key, std::string_view value) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "accounts/AccountLifecycle.h"
+#include "accounts/KeptArticles.h"
 #include "core/Clock.h"
 #include "core/Error.h"
 
@@ -66,6 +67,12 @@ Result<std::shared_ptr<Account>> findAccount(ObjectContext& context, std::string
 // findAccount, then deleteAccount.
 Result<void> removeAccount(ObjectContext& mainContext, std::string_view name,
                            const CancelAccountSync& cancelSync = {});
+// The same, keeping the account's starred articles in the built-in reader's "Kept" folder unless
+// `starred` says otherwise (see keepStarredArticles). The built-in reader itself cannot keep its
+// own: removing it while it holds starred articles fails with kStarredWouldBeLost, changing
+// nothing, unless they go too.
+Result<KeptArticles> removeAccount(ObjectContext& mainContext, std::string_view name, StarredArticles starred,
+                                   const CancelAccountSync& cancelSync = {});
 
 // Stores one preference of the account. A known key takes its initial value's type: yes/no,
 // true/false, on/off or 1/0 for the flags, a whole number for the indexes (else

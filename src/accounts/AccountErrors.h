@@ -24,6 +24,7 @@ enum AccountErrorCode : int {
   kInvalidFolderName = 11,      // a folder without a name
   kChangeNotOffered = 12,       // the service does not offer that change of subscriptions or folders
   kNoSuchFolder = 13,           // no folder of feeds with that local id
+  kStarredWouldBeLost = 14,     // removing the built-in reader would take its starred articles
 };
 
 }  // namespace lectern

@@ -10,4 +10,5 @@ set(LECTERN_ACCOUNTS_SOURCES
   src/accounts/AccountCommands.cpp
   src/accounts/BuiltInReader.cpp
   src/accounts/Subscriptions.cpp
+  src/accounts/KeptArticles.cpp
 )

@@ -16,6 +16,7 @@ set(LECTERN_CLI_SOURCES
   src/app/cli/Presentation.cpp
   src/app/cli/DiscoverCommands.cpp
   src/app/cli/OpmlCommands.cpp
+  src/app/cli/FolderCommands.cpp
   src/app/cli/SyncCommands.cpp
   src/app/cli/ReadLaterCommands.cpp
   src/app/cli/SmartCommands.cpp

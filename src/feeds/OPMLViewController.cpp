@@ -11,6 +11,7 @@
 #include "core/Log.h"
 #include "core/Strings.h"
 #include "core/UserDefaults.h"
+#include "feeds/FeedDiscovery.h"
 #include "feeds/OPMLWriter.h"
 #include "feeds/XMLReader.h"
 #include "net/URL.h"
@@ -75,38 +76,14 @@ class OPMLViewController::Importer {
     folders.orderBy = "pos, id";
     auto feedFolders = context_.fetch<FeedFolder>(std::move(folders));
     if (!feedFolders) return fail(feedFolders.error());
-    std::unordered_map<std::int64_t, FeedFolder*> byRow;
-    for (auto& folder : *feedFolders) {
-      byRow[folder->objectID().row] = folder.get();
-      foldersByTitle_.try_emplace(folder->title().value_or(""), folder);
-      linksByFolder_[folder.get()];
-    }
+    for (auto& folder : *feedFolders) foldersByTitle_.try_emplace(folder->title().value_or(""), folder);
     auto feeds = account_.feeds();
     if (!feeds) return fail(feeds.error());
-    std::unordered_map<std::int64_t, std::string> linkOfFeed;
     for (const auto& feed : *feeds) {
       // The address may be in feed_link or, for feeds added by subscribing, in folder_id.
-      if (auto link = feed->URL(); link && !link->empty()) linkOfFeed[feed->objectID().row] = *link;
-    }
-    const SqlValue account[] = {account_.objectID().row};
-    auto memberships = context_.select(
-        "SELECT feedfolder, feed FROM FeedFolder_feeds WHERE feed IN (SELECT id FROM Folder WHERE account = "
-        "?)",
-        account);
-    if (!memberships) return fail(memberships.error());
-    std::unordered_set<std::int64_t> inSomeFolder;
-    for (const auto& row : *memberships) {
-      const auto folderRow = integerOf(row[0]);
-      const auto feedRow = integerOf(row[1]);
-      if (!folderRow || !feedRow) continue;
-      inSomeFolder.insert(*feedRow);
-      const auto folder = byRow.find(*folderRow);
-      const auto link = linkOfFeed.find(*feedRow);
-      if (folder != byRow.end() && link != linkOfFeed.end())
-        linksByFolder_[folder->second].insert(link->second);
-    }
-    for (const auto& [row, link] : linkOfFeed) {
-      if (!inSomeFolder.contains(row)) topLevelLinks_.insert(link);
+      for (const auto& address : {feed->feed_link(), feed->folder_id()}) {
+        if (address && !address->empty()) subscribed_.insert(comparableFeedAddress(*address));
+      }
     }
     return {};
   }
@@ -138,9 +115,10 @@ class OPMLViewController::Importer {
                             : !trimView(attribute(outline, "xmlUrl")).empty();
     if (feed) {
       importFeed(outline, folder, position);
-    } else if (!typed) {
+    } else if (!typed && outline.find("outline") != nullptr) {
       importFolder(outline, folder, position);
     } else {
+      // Other kinds, and empty outlines: other readers write separators and notes that way.
       ++summary_.outlinesIgnored;
     }
   }
@@ -162,7 +140,6 @@ class OPMLViewController::Importer {
       auto added = account_.addFeedFolderWithTitle(title, position, std::string(kImportedFolderId));
       folder = added.get();
       foldersByTitle_.emplace(title, std::move(added));
-      linksByFolder_[folder];
       ++summary_.foldersAdded;
     }
     if (children) importOutlines(*children, folder);
@@ -176,9 +153,9 @@ class OPMLViewController::Importer {
       ++summary_.feedsWithoutAddress;
       return;
     }
-    // The same address may be once at the top level and once in each folder.
-    auto& links = folder ? linksByFolder_[folder] : topLevelLinks_;
-    if (!links.insert(link).second) {
+    // A feed is subscribed once: an import never adds it again in another folder, nor moves it.
+    if (!subscribed_.insert(comparableFeedAddress(link)).second) {
+      logDebugMessage(kLogCategory, "Already subscribed to {}. Skipped!", link);
       ++summary_.feedsSkipped;
       return;
     }
@@ -195,8 +172,7 @@ class OPMLViewController::Importer {
   Account& account_;
   ObjectContext& context_;
   std::unordered_map<std::string, std::shared_ptr<FeedFolder>> foldersByTitle_;  // FeedFolders only
-  std::unordered_map<const FeedFolder*, std::unordered_set<std::string>> linksByFolder_;
-  std::unordered_set<std::string> topLevelLinks_;  // feeds in no folder
+  std::unordered_set<std::string> subscribed_;  // comparableFeedAddress of every feed
   OPMLImportSummary summary_;
 };
 
@@ -266,9 +242,43 @@ Result<std::string> OPMLViewController::exportOPMLDocument() const {
   return writer.document();
 }
 
-Result<void> OPMLViewController::exportOPMLToURL(const std::filesystem::path& file) const {
+std::optional<Error> OPMLViewController::exportDestinationProblem(const std::filesystem::path& file,
+                                                                   ExistingFile existing) {
+  namespace fs = std::filesystem;
+  auto problem = [](std::string reason) {
+    return Error::make(kOPMLImportErrorDomain, kOPMLImportErrorCode, "Cannot export OPML", std::move(reason));
+  };
+  std::error_code ec;
+  const fs::path folder = file.parent_path().empty() ? fs::path(".") : file.parent_path();
+  if (!fs::is_directory(folder, ec)) {
+    return problem(fmt::format("The folder {} does not exist; make it first.", folder.string()));
+  }
+  const auto status = fs::status(file, ec);
+  if (!fs::exists(status)) return std::nullopt;
+  if (fs::is_directory(status)) return problem(fmt::format("{} is a folder.", file.string()));
+  if (existing == ExistingFile::kAny) return std::nullopt;
+  // What an export replaces without asking: an earlier export (or any OPML list), or nothing at all.
+  constexpr std::uintmax_t kLargestOPML = 64ull << 20;
+  const std::uintmax_t size = fs::is_regular_file(status) ? fs::file_size(file, ec) : kLargestOPML + 1;
+  if (!ec && size == 0) return std::nullopt;
+  bool isOPML = false;
+  if (!ec && size <= kLargestOPML) {
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    auto document = XMLReader::dictionaryForXMLData(bytes.str());
+    isOPML = document && document->root().find("opml") != nullptr;
+  }
+  if (isOPML) return std::nullopt;
+  return problem(fmt::format("{} exists and is not an OPML file; choose another name, or replace it on purpose "
+                             "(lectern opml export --force).",
+                             file.string()));
+}
+
+Result<void> OPMLViewController::exportOPMLToURL(const std::filesystem::path& file, ExistingFile existing) const {
   auto document = exportOPMLDocument();
   if (!document) return fail(document.error());
+  if (auto problem = exportDestinationProblem(file, existing)) return fail(*problem);
   return writeFileAtomically(file, *document);
 }
 

@@ -78,6 +78,19 @@ std::string appendingPathComponent(std::string_view address, std::string_view hr
   return url->string();
 }
 
+// What the page's relative references are resolved against, as a browser does it: the first
+// <base href> (relative to the page), else the page's own address. Nothing when neither is absolute.
+std::optional<URL> documentBase(xmlXPathContextPtr context, std::string_view examinedURL) {
+  std::optional<URL> page = URL::parse(examinedURL);
+  if (!page || !page->isAbsolute()) return std::nullopt;
+  std::unique_ptr<xmlXPathObject, decltype(&xmlXPathFreeObject)> bases(
+      xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>("//base[@href]"), context), xmlXPathFreeObject);
+  if (!bases || !bases->nodesetval || bases->nodesetval->nodeNr == 0) return page;
+  const std::string href(trimView(attributeValue(bases->nodesetval->nodeTab[0], "href")));
+  auto base = page->resolve(href);
+  return base && base->isAbsolute() ? base : page;
+}
+
 }  // namespace
 
 QKFeedLinkParser::QKFeedLinkParser(NetworkSession& session, std::string url)
@@ -192,14 +205,17 @@ std::vector<QKFeedLinkItem> QKFeedLinkParser::parseFeedLinksFromHtmlData(std::st
       xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>("//head/link"), context.get()),
       xmlXPathFreeObject);
   if (!links || !links->nodesetval) return {};
+  const std::optional<URL> base = documentBase(context.get(), examinedURL);
   std::vector<QKFeedLinkItem> items;
   for (int i = 0; i < links->nodesetval->nodeNr; ++i) {
     xmlNodePtr link = links->nodesetval->nodeTab[i];
     if (!isFeedMIMEType(attributeValue(link, "type"))) continue;
     const std::string href = attributeValue(link, "href");
     if (href.empty()) continue;
+    std::optional<URL> resolved = base ? base->resolve(trimView(href)) : std::nullopt;
     items.push_back(QKFeedLinkItem{attributeValue(link, "title"),
-                                   href.starts_with('/') ? appendingPathComponent(examinedURL, href) : href});
+                                   href.starts_with('/') ? appendingPathComponent(examinedURL, href) : href,
+                                   resolved ? resolved->string() : std::string()});
   }
   return items;
 }

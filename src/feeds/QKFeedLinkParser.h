@@ -67,6 +67,8 @@ class QKFeedLinkParser {
   // path component (the page's own path stays: "/feed" under "http://h/blog" is
   // "http://h/blog/feed"); any other href is taken as it stands, a relative one staying relative.
   // Links without an href are left out. Bytes that are not valid in `encoding` read as U+FFFD.
+  // Each item's resolvedURL is the href resolved by the generic rules of RFC 3986 against the
+  // first <base href> (itself resolved against `examinedURL`), else against `examinedURL`.
   static std::vector<QKFeedLinkItem> parseFeedLinksFromHtmlData(std::string_view data,
                                                                 std::string_view encoding,
                                                                 std::string_view examinedURL);

@@ -3,6 +3,8 @@
 #include "AccountsTestSupport.h"
 #include "accounts/AccountErrors.h"
 #include "accounts/BuiltInReader.h"
+#include "accounts/KeptArticles.h"
+#include "accounts/Subscriptions.h"
 #include "net/QKKindURLErrorMessage.h"
 #include "services/localrss/LocalRSSService.h"
 #include "store/Feed.h"
@@ -170,6 +172,54 @@ TEST_F(BuiltInReaderTest, UnsubscribingRemovesTheFeedWithItsStories) {
   ASSERT_TRUE(context().save());
   EXPECT_EQ(unsubscribe(foreign->objectID().row)->code, kServiceClientUnavailable);
   EXPECT_FALSE(foreign->isDeleted());
+}
+
+TEST_F(BuiltInReaderTest, StarredStoriesAreKeptAsCopiesAndTakenBackWhenTheServiceRefuses) {
+  // A hosted feed whose service cannot be reached (no password): its unsubscription fails after
+  // the starred story was copied, and the copy and its new folder go again.
+  auto other = makeAccount("feedbin", "ann");
+  auto foreign = other->addFeedWithTitle("Theirs", "http://example.org/x", "x");
+  auto starred = context().insertNewObject<FeedStory>();
+  starred->setBookmark_id("s");
+  starred->setTitle("Starred one");
+  starred->setAccount(*other);
+  starred->setFeed(*foreign);
+  starred->setIs_favorited(true);
+  starred->setHtml("<p>Kept text</p>");
+  starred->addEnclosure("http://example.org/a.mp3", "audio/mpeg", 42);
+  auto plain = context().insertNewObject<FeedStory>();
+  plain->setBookmark_id("p");
+  plain->setAccount(*other);
+  plain->setFeed(*foreign);
+  ASSERT_TRUE(context().save());
+
+  std::optional<Result<KeptArticles>> refused;
+  unsubscribeFromFeed(context(), foreign->objectID().row, StarredArticles::kKeep,
+                      [&](Result<KeptArticles> kept) { refused = kept; });
+  ASSERT_TRUE(pumpUntil([&] { return refused.has_value(); }));
+  ASSERT_FALSE(*refused);
+  EXPECT_EQ(refused->error().code, kServiceClientUnavailable);
+  ASSERT_TRUE(context().save());
+  EXPECT_EQ(context().count(Entity::kFeedStory, "1").value(), 2);
+  EXPECT_EQ(context().count(Entity::kFolder, "entity = 'Folder' AND folder_id = 'kept'").value(), 0);
+
+  // Kept directly, as the built-in reader's own unsubscription does before its save.
+  auto kept = keepStarredArticles(context(), {starred, plain}, StarredArticles::kKeep);
+  ASSERT_TRUE(kept) << kept.error().message();
+  EXPECT_EQ(kept->going, 1);
+  ASSERT_EQ(kept->kept, 1);
+  ASSERT_TRUE(context().save());
+  auto copy = std::dynamic_pointer_cast<FeedStory>(kept->copies[0]);
+  ASSERT_TRUE(copy);
+  EXPECT_EQ(copy->account().value()->service(), "localrss");
+  EXPECT_EQ(copy->title(), "Starred one");
+  EXPECT_TRUE(copy->is_favorited());
+  EXPECT_EQ(copy->html().value(), "<p>Kept text</p>");
+  EXPECT_EQ(copy->enclosures().value().size(), 1u);
+  EXPECT_FALSE(copy->feedID());
+  EXPECT_TRUE(copy->isInFolder(*kept->folder).value());
+  EXPECT_EQ(kept->folder->title(), "Kept");
+  EXPECT_EQ(keepStarredArticles(context(), {starred}, StarredArticles::kDelete)->kept, 0);
 }
 
 TEST_F(BuiltInReaderTest, FeedsMoveAndFoldersAreAddedAndRenamedLocally) {

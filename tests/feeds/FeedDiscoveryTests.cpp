@@ -52,6 +52,25 @@ class FeedDiscovery : public ::testing::Test {
         response.set_content(page.body, page.contentType);
       });
     }
+    // An article page whose feed link only a browser's reading finds, and a section page whose
+    // link works as discovery has always read it (and differently as a browser reads it).
+    server.server().Get("/2026/article.html", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("<html><head><link type=\"application/rss+xml\" title=\"Site\" href=\"/site.rss\">"
+                           "<link type=\"application/rss+xml\" title=\"Gone\" href=\"/gone.rss\"></head></html>",
+                           "text/html");
+    });
+    server.server().Get("/site.rss", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("<rss version=\"2.0\"><channel><title>Site</title></channel></rss>", "text/plain");
+    });
+    server.server().Get("/section", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("<html><head><link type=\"application/rss+xml\" href=\"/section.rss\"></head></html>",
+                           "text/html");
+    });
+    for (const char* path : {"/section/section.rss", "/section.rss"}) {
+      server.server().Get(path, [](const httplib::Request&, httplib::Response& response) {
+        response.set_content("<rss/>", "application/rss+xml");
+      });
+    }
     server.server().Get("/moved-feed", [](const httplib::Request&, httplib::Response& response) {
       response.set_redirect("/atom", 302);
     });
@@ -86,9 +105,10 @@ TEST_F(FeedDiscovery, HeadLinksOfFeedTypesAreCandidatesInPageOrder) {
   ASSERT_TRUE(items) << items.error().message();
   // The type decides, not the rel; links in the body and of other types are not candidates. An
   // absolute path is appended to the page's own address; anything else stands as written.
-  EXPECT_EQ(*items, (Items{{"Posts (RSS)", page + "/posts.rss"},
-                           {"Posts (Atom)", "https://feeds.example.org/atom"},
-                           {"Odd", "comments.xml"}}));
+  // Each also carries the href as a browser reads it.
+  EXPECT_EQ(*items, (Items{{"Posts (RSS)", page + "/posts.rss", server.url("/posts.rss")},
+                           {"Posts (Atom)", "https://feeds.example.org/atom", "https://feeds.example.org/atom"},
+                           {"Odd", "comments.xml", server.url("/blog/comments.xml")}}));
   EXPECT_EQ(items->front().description(), "Posts (RSS): " + page + "/posts.rss");
 }
 
@@ -176,6 +196,61 @@ TEST(FeedAddress, TypedAddressesGetASchemeWhenTheyHaveNone) {
       {"", ""},
   };
   for (auto [typed, want] : cases) EXPECT_EQ(normalizedFeedAddress(typed), want) << typed;
+}
+
+TEST(FeedLinkResolution, HrefsAreAlsoReadAsABrowserReadsThem) {
+  // {page, <head> contents, the address discovery has always built, the browser's reading}
+  struct Case {
+    std::string page, head, url, resolved;
+  };
+  const Case cases[] = {
+      {"http://h.example/blog/post", R"(<link type="text/xml" href="/feed">)", "http://h.example/blog/post/feed",
+       "http://h.example/feed"},
+      {"http://h.example/blog/post", R"(<link type="text/xml" href="//cdn.example/f.xml">)",
+       "http://h.example/blog/post/cdn.example/f.xml", "http://cdn.example/f.xml"},
+      {"https://h.example/a/b/post.html", R"(<link type="text/xml" href="../feed.xml?x=1">)", "../feed.xml?x=1",
+       "https://h.example/a/feed.xml?x=1"},
+      {"https://h.example/a/post.html", R"(<base href="https://feeds.example/x/"><link type="text/xml" href="rss">)",
+       "rss", "https://feeds.example/x/rss"},
+      // A relative base is read against the page; only the first base counts.
+      {"https://h.example/a/post.html",
+       R"(<base href="/b/"><base href="https://other.example/"><link type="text/xml" href="rss">)", "rss",
+       "https://h.example/b/rss"},
+      {"https://h.example/a/post.html", R"(<link type="text/xml" href=" https://f.example/rss ">)",
+       " https://f.example/rss ", "https://f.example/rss"},
+      {"not a page address", R"(<link type="text/xml" href="rss">)", "rss", ""},
+  };
+  for (const auto& c : cases) {
+    const auto items = QKFeedLinkParser::parseFeedLinksFromHtmlData("<html><head>" + c.head + "</head></html>",
+                                                                    "UTF-8", c.page);
+    ASSERT_EQ(items.size(), 1u) << c.head;
+    EXPECT_EQ(items[0].URL, c.url) << c.head;
+    EXPECT_EQ(items[0].resolvedURL, c.resolved) << c.head;
+  }
+}
+
+TEST(FeedAddress, SubscriptionsCompareWithSchemeAndHostInLowerCaseAndNothingElseChanged) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"HTTP://Example.ORG/Feed.xml", "http://example.org/Feed.xml"},
+      {" https://Me@Example.org:8080/a?Q=1#F ", "https://Me@example.org:8080/a?Q=1#F"},
+      {"https://example.org", "https://example.org"},
+      {"https://[2001:DB8::1]/rss", "https://[2001:db8::1]/rss"},
+      {"https://example.org/path@Part", "https://example.org/path@Part"},
+      {"Not A URL", "Not A URL"},
+  };
+  for (auto [address, want] : cases) EXPECT_EQ(comparableFeedAddress(address), want) << address;
+}
+
+TEST_F(FeedDiscovery, ABrowsersReadingIsTakenWhenTheUsualAddressAnswersWithNoFeed) {
+  auto article = discoverFeeds(net.session, server.url("/2026/article.html"));
+  ASSERT_TRUE(article) << article.error().message();
+  // A feed served as text/plain still answers as a feed; when neither reading works, the browser's
+  // is the one shown.
+  EXPECT_EQ((*article)[0].URL, server.url("/site.rss"));
+  EXPECT_EQ((*article)[1].URL, server.url("/gone.rss"));
+  auto section = discoverFeeds(net.session, server.url("/section"));
+  ASSERT_TRUE(section) << section.error().message();
+  EXPECT_EQ((*section)[0].URL, server.url("/section/section.rss"));
 }
 
 TEST_F(FeedDiscovery, DiscoverFeedsWaitsOnTheMainThreadOrOnAWorker) {

@@ -128,34 +128,53 @@ TEST_F(OPML, ImportTakesTitleOverTextAndFlattensNestedFolders) {
   EXPECT_EQ(positions, (std::map<std::string, std::int64_t>{{"In A", 0}, {"In C", 0}, {"Top", 1}}));
 }
 
-TEST_F(OPML, DuplicatesAreSkippedPerFolderAndAtTheTopLevel) {
+TEST_F(OPML, AFeedAlreadySubscribedIsSkippedWhereverTheListPutsIt) {
   auto news = folder("News", 0);
   feed("Existing", "https://e.com/one", news.get());
   ASSERT_TRUE(context().save());
+  // The same address in another folder, at the top level, with its scheme and host in capitals:
+  // one feed, left where it is. A path that differs in case is another feed.
   const std::string document =
       "<opml><body>"
       "<outline text=\"News\"><outline type=\"rss\" text=\"Again\" xmlUrl=\"https://e.com/one\"/></outline>"
       "<outline text=\"Other\"><outline type=\"rss\" text=\"Elsewhere\" "
-      "xmlUrl=\"https://e.com/one\"/></outline>"
+      "xmlUrl=\"HTTPS://E.com/one\"/><outline type=\"rss\" text=\"Upper path\" xmlUrl=\"https://e.com/One\"/>"
+      "</outline>"
       "<outline type=\"rss\" text=\"Loose\" xmlUrl=\"https://e.com/one\"/>"
-      "<outline type=\"rss\" text=\"Loose twice\" xmlUrl=\"https://e.com/one\"/>"
+      "<outline type=\"rss\" text=\"Loose upper path\" xmlUrl=\"https://e.com/One\"/>"
       "</body></opml>";
   auto first = import(document);
   ASSERT_TRUE(first) << first.error().message();
   EXPECT_EQ(first->foldersAdded, 1);
   EXPECT_EQ(first->foldersSkipped, 1);
-  EXPECT_EQ(first->feedsAdded, 2);
-  EXPECT_EQ(first->feedsSkipped, 2);
-  EXPECT_EQ(library(), (Lines{"News|Existing|https://e.com/one|", "Other|Elsewhere|https://e.com/one|",
-                              "|Loose|https://e.com/one|"}));
+  EXPECT_EQ(first->feedsAdded, 1);
+  EXPECT_EQ(first->feedsSkipped, 4);
+  EXPECT_EQ(library(), (Lines{"News|Existing|https://e.com/one|", "Other|Upper path|https://e.com/One|"}));
 
   const Lines once = library();
   auto second = import(document);
   ASSERT_TRUE(second);
   EXPECT_EQ(second->foldersAdded, 0);
   EXPECT_EQ(second->feedsAdded, 0);
-  EXPECT_EQ(second->feedsSkipped, 4);
+  EXPECT_EQ(second->feedsSkipped, 5);
   EXPECT_EQ(library(), once);
+}
+
+TEST_F(OPML, AnOutlineWithoutAnAddressIsAFolderOnlyWhenItHoldsOutlines) {
+  const std::string document =
+      "<opml><body>"
+      "<outline text=\"Separator\"/>"
+      "<outline text=\"Note\"></outline>"
+      "<outline text=\"Holder\"><outline text=\"Empty inside\"/>"
+      "<outline text=\"Feed\" xmlUrl=\"https://f.example/rss\"/></outline>"
+      "<outline text=\"Typed\" type=\"rss\"><outline text=\"Child\" xmlUrl=\"https://c.example/rss\"/></outline>"
+      "</body></opml>";
+  auto summary = import(document);
+  ASSERT_TRUE(summary) << summary.error().message();
+  EXPECT_EQ(library(), (Lines{"Holder|Feed|https://f.example/rss|"}));
+  EXPECT_EQ(summary->foldersAdded, 1);
+  EXPECT_EQ(summary->outlinesIgnored, 3);
+  EXPECT_EQ(summary->feedsWithoutAddress, 1);  // typed as a feed: it is one, without its address
 }
 
 TEST_F(OPML, ListsFromOtherReadersImportWhatIsUsable) {
@@ -164,7 +183,6 @@ TEST_F(OPML, ListsFromOtherReadersImportWhatIsUsable) {
   ASSERT_TRUE(summary) << summary.error().message();
   EXPECT_EQ(library(),
             (Lines{
-                "Empty group|",
                 "Technology - Languages - Systems - C++|Deep feed|https://deep.example.com/feed.xml|"
                 "https://deep.example.com/",
                 "Technology - Languages - Systems|",
@@ -175,18 +193,18 @@ TEST_F(OPML, ListsFromOtherReadersImportWhatIsUsable) {
                 "|Untyped feed|https://untyped.example.com/rss|https://untyped.example.com",
                 "|Upper-case type|https://upper.example.com/rss|",
             }));
-  EXPECT_EQ(summary->foldersAdded, 5);
+  EXPECT_EQ(summary->foldersAdded, 4);
   EXPECT_EQ(summary->feedsAdded, 6);
   EXPECT_EQ(summary->feedsSkipped, 1);
   EXPECT_EQ(summary->feedsWithoutAddress, 2);
-  EXPECT_EQ(summary->outlinesIgnored, 2);
+  EXPECT_EQ(summary->outlinesIgnored, 3);  // a link, an include and an empty group
   EXPECT_EQ(log.count("Invalid url for feed No address. Skipped!"), 1u);
   EXPECT_EQ(log.count("Invalid url for feed Relative address. Skipped!"), 1u);
 
   auto again = importFixture("opml/other-readers.opml");
   ASSERT_TRUE(again);
   EXPECT_EQ(again->foldersAdded + again->feedsAdded, 0);
-  EXPECT_EQ(again->foldersSkipped, 5);
+  EXPECT_EQ(again->foldersSkipped, 4);
 }
 
 TEST_F(OPML, ThousandsOfOutlines) {
@@ -240,6 +258,38 @@ TEST_F(OPML, BadFilesAndMissingAccountChangeNothing) {
               "The built-in RSS reader account not found hence not able to import OPML.");
     EXPECT_FALSE(OPMLViewController(none).exportOPMLDocument());
   }
+}
+
+TEST_F(OPML, ExportReplacesOnlyOPMLOrEmptyFilesUnlessToldAndMakesNoFolder) {
+  feed("Alpha", "https://a.example.com/rss");
+  ASSERT_TRUE(context().save());
+  OPMLViewController controller(account);
+  test::TempDir out;
+  using Existing = OPMLViewController::ExistingFile;
+  test::writeFile(out / "notes.txt", "keep me");
+  test::writeFile(out / "empty.opml", "");
+  test::writeFile(out / "old.opml", "<?xml version=\"1.0\"?><opml version=\"1.0\"><body/></opml>");
+  test::writeFile(out / "broken.xml", "<opml><body>");  // not XML: not an export either
+
+  for (const char* name : {"notes.txt", "broken.xml"}) {
+    auto refused = controller.exportOPMLToURL(out / name);
+    ASSERT_FALSE(refused) << name;
+    EXPECT_EQ(refused.error().description, "Cannot export OPML");
+    EXPECT_NE(refused.error().recoverySuggestion.find("is not an OPML file"), std::string::npos);
+  }
+  EXPECT_EQ(test::readFile(out / "notes.txt"), "keep me");
+  for (const char* name : {"empty.opml", "old.opml", "new.opml"}) {
+    ASSERT_TRUE(controller.exportOPMLToURL(out / name)) << name;
+    EXPECT_NE(test::readFile(out / name).find("https://a.example.com/rss"), std::string::npos) << name;
+  }
+  ASSERT_TRUE(controller.exportOPMLToURL(out / "notes.txt", Existing::kAny));
+  EXPECT_NE(test::readFile(out / "notes.txt").find("<opml"), std::string::npos);
+
+  auto nowhere = controller.exportOPMLToURL(out / "missing" / "list.opml", Existing::kAny);
+  ASSERT_FALSE(nowhere);
+  EXPECT_NE(nowhere.error().recoverySuggestion.find("does not exist"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(out / "missing"));
+  EXPECT_FALSE(controller.exportOPMLToURL(out.path(), Existing::kAny));  // a folder
 }
 
 TEST_F(OPML, AStoreFailureHalfWayLosesNothing) {

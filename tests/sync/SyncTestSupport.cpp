@@ -30,6 +30,16 @@ FeedServer::FeedServer() {
     }
     response.set_content(kPngBytes, "image/png");
   });
+  server_.Get(R"(/site/(.*))", [this](const httplib::Request& request, httplib::Response& response) {
+    std::lock_guard lock(mutex_);
+    auto page = pages_.find(request.matches[1].str());
+    if (page == pages_.end()) {
+      response.status = 404;
+      response.set_content("<html><body>Not here</body></html>", "text/html");
+      return;
+    }
+    response.set_content(page->second.second, page->second.first);
+  });
   server_.set_tcp_nodelay(true);  // otherwise delayed ACKs add 40 ms to each answer
   port_ = server_.bind_to_any_port("127.0.0.1");
   thread_ = std::thread([this] { server_.listen_after_bind(); });
@@ -61,6 +71,15 @@ void FeedServer::setFeed(const std::string& name, const std::vector<TestEntry>& 
   }
   body += "</feed>";
   setBody(name, std::move(body));
+}
+
+void FeedServer::setPage(const std::string& path, std::string body, std::string contentType) {
+  std::lock_guard lock(mutex_);
+  pages_[path] = {std::move(contentType), std::move(body)};
+}
+
+std::string FeedServer::pageUrl(const std::string& path) const {
+  return fmt::format("http://127.0.0.1:{}/site/{}", port_, path);
 }
 
 void FeedServer::setBody(const std::string& name, std::string body, int status) {

@@ -57,6 +57,10 @@ class FeedServer {
   void hold(const std::string& name);
   void release();
 
+  // Serves `body` as `contentType` at /site/<path>: pages that name feeds, feeds at any path.
+  void setPage(const std::string& path, std::string body, std::string contentType = "text/html");
+  std::string pageUrl(const std::string& path) const;
+
   int requests(const std::string& name) const;
   int imageRequests() const;
   int maxConcurrent() const;
@@ -80,6 +84,7 @@ class FeedServer {
   int inFlight_ = 0;
   int maxInFlight_ = 0;
   int imageRequests_ = 0;
+  std::map<std::string, std::pair<std::string, std::string>> pages_;  // path -> content type, body
 };
 
 // Hears the pass and keeps what it heard.

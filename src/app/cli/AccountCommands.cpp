@@ -14,9 +14,9 @@
 #include "app/cli/Presentation.h"
 #include "core/Strings.h"
 #include "feeds/FeedDiscovery.h"
-#include "net/URL.h"
 #include "store/Account.h"
 #include "store/Feed.h"
+#include "store/FeedFolder.h"
 #include "store/ObjectContext.h"
 #include "store/QKDataManager.h"
 
@@ -25,6 +25,16 @@ namespace lectern::cli {
 using nlohmann::json;
 
 namespace {
+
+// What removing a feed or an account did to its articles, in one sentence.
+std::string articlesReport(const KeptArticles& kept) {
+  std::string report = fmt::format("{} article{} gone", kept.going, kept.going == 1 ? "" : "s");
+  if (kept.kept > 0 && kept.folder) {
+    report += fmt::format("; {} starred article{} kept in the folder \"{}\" (lectern list --folder {})", kept.kept,
+                          kept.kept == 1 ? "" : "s", kept.folder->title().value_or(""), kept.folder->objectID().row);
+  }
+  return report + ".";
+}
 
 // ---- accounts ----
 
@@ -107,15 +117,17 @@ int runAccountList(CliContext& cli, bool asJson) {
   return kExitOk;
 }
 
-int runAccountRemove(CliContext& cli, const std::string& name) {
+int runAccountRemove(CliContext& cli, const std::string& name, bool withStarred) {
   auto library = openLibrary(cli);
   if (!library) return kExitFailure;
   // No sync runs in this process, so there is nothing to cancel first.
-  if (auto removed = removeAccount(*library->context, name); !removed) {
+  auto removed = removeAccount(*library->context, name,
+                               withStarred ? StarredArticles::kDelete : StarredArticles::kKeep);
+  if (!removed) {
     printError(removed.error());
     return kExitFailure;
   }
-  fmt::print("Removed {}.\n", name);
+  fmt::print("Removed {}: {}\n", name, articlesReport(*removed));
   return kExitOk;
 }
 
@@ -161,6 +173,31 @@ Result<std::shared_ptr<Account>> subscribingAccount(Library& library, const std:
   return account;
 }
 
+// Says where the account's feed at `url` is, when it has one (subscribing again never moves it),
+// and answers the exit code; nothing when the account has no such feed.
+std::optional<int> reportSubscribed(Account& account, const std::string& url, const SubscribeOptions& options) {
+  auto feed = subscribedFeedWithURL(account, url);
+  if (!checkResult(feed)) return kExitFailure;
+  if (!*feed) return std::nullopt;
+  auto folders = (*feed)->feedFolders();
+  if (!checkResult(folders)) return kExitFailure;
+  std::string titles;
+  bool inWanted = false;
+  for (const auto& folder : *folders) {
+    const std::string title = folder->title().value_or("");
+    titles += (titles.empty() ? "" : ", ") + title;
+    if (title == trim(options.folder)) inWanted = true;
+  }
+  const std::string where = folders->empty() ? "in no folder" : "in folder " + titles;
+  const auto id = (*feed)->objectID().row;
+  fmt::print("Already subscribed to {} ({}), {}; its id is {}.\n", (*feed)->title().value_or(url),
+             (*feed)->URL().value_or(url), where, id);
+  if (!inWanted && !options.folder.empty()) {
+    fmt::print("It stays where it is; move it with: lectern move {} --folder '{}'\n", id, options.folder);
+  }
+  return kExitOk;
+}
+
 // Subscribes the account to `url` and waits for the answer.
 int subscribeTo(Library& library, const std::string& url, const SubscribeOptions& options) {
   auto account = subscribingAccount(library, options.account);
@@ -168,6 +205,7 @@ int subscribeTo(Library& library, const std::string& url, const SubscribeOptions
     printError(account.error());
     return kExitFailure;
   }
+  if (auto reported = reportSubscribed(**account, url, options)) return *reported;
   const std::string& folder = options.folder;
   std::optional<Result<std::shared_ptr<Feed>>> outcome;
   subscribeAccountToFeed(*library.context, **account, url, folderOption(folder),
@@ -193,6 +231,10 @@ int runSubscribe(CliContext& cli, const SubscribeOptions& options) {
     return kExitFailure;
   }
   const std::string address = normalizedFeedAddress(options.url);
+  // A feed already subscribed needs no download.
+  if (auto existing = Account::localRSSAccount(*library->context); options.account.empty() && existing && *existing) {
+    if (auto reported = reportSubscribed(**existing, address, options)) return *reported;
+  }
   auto candidates = discoverFeeds(library->environment->network(), options.url);
   if (!candidates) {
     // A feed served with an unexpected type ("text/plain", "application/octet-stream") is still a
@@ -204,13 +246,6 @@ int runSubscribe(CliContext& cli, const SubscribeOptions& options) {
     if (!options.account.empty()) return subscribeTo(*library, address, options);
     printError(candidates.error());
     return kExitFailure;
-  }
-  // Pages may name their feeds relatively; resolve them against the page that named them.
-  const auto page = URL::parse(address);
-  for (auto& candidate : *candidates) {
-    if (!hasURLScheme(candidate.URL) && page) {
-      if (auto resolved = page->resolve(candidate.URL)) candidate.URL = resolved->string();
-    }
   }
   if (options.pick > 0) {
     if (options.pick > static_cast<int>(candidates->size())) {
@@ -230,31 +265,41 @@ int runSubscribe(CliContext& cli, const SubscribeOptions& options) {
   return kExitFailure;
 }
 
-int runUnsubscribe(CliContext& cli, std::int64_t feedId) {
+int runUnsubscribe(CliContext& cli, std::int64_t feedId, bool withStarred) {
   auto library = openLibrary(cli);
   if (!library) return kExitFailure;
-  std::optional<std::optional<Error>> outcome;
-  unsubscribeFromFeed(*library->context, feedId, [&outcome](std::optional<Error> error) { outcome = std::move(error); });
+  std::optional<Result<KeptArticles>> outcome;
+  unsubscribeFromFeed(*library->context, feedId, withStarred ? StarredArticles::kDelete : StarredArticles::kKeep,
+                      [&outcome](Result<KeptArticles> kept) { outcome = std::move(kept); });
   library->environment->mainQueue().runUntil([&] { return outcome.has_value(); });
-  if (*outcome) {
-    printError(**outcome);
+  if (!*outcome) {
+    printError(outcome->error());
     return kExitFailure;
   }
-  fmt::print("Unsubscribed; the feed's articles are gone.\n");
+  fmt::print("Unsubscribed: {}\n", articlesReport(**outcome));
   return kExitOk;
 }
 
-int runRename(CliContext& cli, std::int64_t folderId, const std::string& title) {
+// A feed's id renames the feed; a folder's id (as before there was `folder rename`) the folder.
+int runRename(CliContext& cli, std::int64_t id, const std::string& title) {
   auto library = openLibrary(cli);
   if (!library) return kExitFailure;
+  auto feed = library->context->existingObject<Feed>(ObjectId{Entity::kFeed, id});
+  if (!checkResult(feed)) return kExitFailure;
+  const bool isFeed = *feed != nullptr;
   std::optional<std::optional<Error>> outcome;
-  renameFolder(*library->context, folderId, title, [&outcome](std::optional<Error> error) { outcome = std::move(error); });
+  auto done = [&outcome](std::optional<Error> error) { outcome = std::move(error); };
+  if (isFeed) {
+    renameFeed(*library->context, id, title, done);
+  } else {
+    renameFolder(*library->context, id, title, done);
+  }
   library->environment->mainQueue().runUntil([&] { return outcome.has_value(); });
   if (*outcome) {
     printError(**outcome);
     return kExitFailure;
   }
-  fmt::print("Renamed folder {} to {}.\n", folderId, title);
+  fmt::print("Renamed {} {} to {}.\n", isFeed ? "feed" : "folder", id, trim(title));
   return kExitOk;
 }
 
@@ -276,7 +321,7 @@ int runMove(CliContext& cli, const MoveOptions& options) {
     return kExitFailure;
   }
   if (options.noFolder) {
-    fmt::print("Moved feed {} to the top level.\n", options.feedId);
+    fmt::print("Moved feed {} out of its folders; it is in no folder now.\n", options.feedId);
   } else {
     fmt::print("Moved feed {} into {}.\n", options.feedId, options.folder);
   }
@@ -321,10 +366,16 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
   context.onCommand(list, [&context, listJson] { return runAccountList(context, *listJson); });
 
   auto removeName = std::make_shared<std::string>();
-  auto* remove = account->add_subcommand("remove", "Remove an account with its articles, password and preferences");
+  auto removeWithStarred = std::make_shared<bool>(false);
+  auto* remove = account->add_subcommand(
+      "remove", "Remove an account with its articles, password and preferences (starred articles are kept)");
   remove->add_option("ACCOUNT", *removeName, "The account's identifier (service:username) or its service name")
       ->required();
-  context.onCommand(remove, [&context, removeName] { return runAccountRemove(context, *removeName); });
+  remove->add_flag("--with-starred", *removeWithStarred,
+                   "Remove the starred articles too, instead of keeping them in the built-in reader's \"Kept\" folder");
+  context.onCommand(remove, [&context, removeName, removeWithStarred] {
+    return runAccountRemove(context, *removeName, *removeWithStarred);
+  });
 
   auto setArgs = std::make_shared<std::array<std::string, 3>>();
   auto* set = account->add_subcommand("set", "Change an account preference");
@@ -351,9 +402,16 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
   context.onCommand(subscribeCommand, [&context, subscribe] { return runSubscribe(context, *subscribe); });
 
   auto feedId = std::make_shared<std::int64_t>(0);
-  auto* unsubscribe = app.add_subcommand("unsubscribe", "Unsubscribe from a feed and delete its articles");
+  auto unsubscribeWithStarred = std::make_shared<bool>(false);
+  auto* unsubscribe = app.add_subcommand(
+      "unsubscribe", "Unsubscribe from a feed and delete its articles (starred ones are kept)");
   unsubscribe->add_option("FEED_ID", *feedId, "The feed's id (from `lectern feeds`)")->required();
-  context.onCommand(unsubscribe, [&context, feedId] { return runUnsubscribe(context, *feedId); });
+  unsubscribe->add_flag("--with-starred", *unsubscribeWithStarred,
+                        "Delete the starred articles too, instead of keeping them in the built-in reader's \"Kept\" "
+                        "folder");
+  context.onCommand(unsubscribe, [&context, feedId, unsubscribeWithStarred] {
+    return runUnsubscribe(context, *feedId, *unsubscribeWithStarred);
+  });
 
   auto move = std::make_shared<MoveOptions>();
   auto* moveCommand = app.add_subcommand("move", "Move a feed into a folder, or to the top level");
@@ -369,9 +427,10 @@ void addAccountCommands(CLI::App& app, CliContext& context) {
   context.onCommand(moveCommand, [&context, move] { return runMove(context, *move); });
 
   auto renameArgs = std::make_shared<std::pair<std::int64_t, std::string>>();
-  auto* rename = app.add_subcommand("rename", "Rename a folder of feeds");
-  rename->add_option("FOLDER_ID", renameArgs->first, "The folder's id (from `lectern folders`)")->required();
-  rename->add_option("NAME", renameArgs->second, "Its new name")->required();
+  auto* rename = app.add_subcommand("rename", "Rename a feed (or a folder of feeds, given a folder's id)");
+  rename->add_option("FEED_ID", renameArgs->first, "The feed's id (from `lectern feeds`) or a folder's (`lectern folders`)")
+      ->required();
+  rename->add_option("TITLE", renameArgs->second, "Its new title")->required();
   context.onCommand(rename,
                     [&context, renameArgs] { return runRename(context, renameArgs->first, renameArgs->second); });
 }

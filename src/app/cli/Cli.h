@@ -76,6 +76,7 @@ void addLibraryCommands(CLI::App& app, CliContext& context);
 void addAccountCommands(CLI::App& app, CliContext& context);
 void addDiscoverCommands(CLI::App& app, CliContext& context);
 void addOpmlCommands(CLI::App& app, CliContext& context);
+void addFolderCommands(CLI::App& app, CliContext& context);
 void addSyncCommands(CLI::App& app, CliContext& context);
 void addReadLaterCommands(CLI::App& app, CliContext& context);
 void addSmartCommands(CLI::App& app, CliContext& context);

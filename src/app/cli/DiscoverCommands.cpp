@@ -50,7 +50,9 @@ void addDiscoverCommands(CLI::App& app, CliContext& context) {
   command->add_flag("--json", options->json, "Print a list of objects with \"title\" and \"url\"");
   command->footer(
       "A feed address gives itself (titled \"Feed\"); a page gives the feed links in its head, in page "
-      "order.\n"
+      "order,\n"
+      "as absolute addresses: a link is read as Lectern always has, and as a browser reads it (<base href>,\n"
+      "//host/path) when the first reading answers with no feed.\n"
       "Exit codes: 0 feeds found, 1 download failed or no feed found, 2 usage error.");
   context.onCommand(command, [&context, options] { return discover(context, *options); });
 }

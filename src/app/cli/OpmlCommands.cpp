@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "accounts/BuiltInReader.h"
 #include "app/cli/Cli.h"
 #include "feeds/OPMLViewController.h"
 #include "store/Account.h"
@@ -23,14 +24,16 @@ Result<std::shared_ptr<Account>> localAccount(CliContext& context) {
   return Account::localRSSAccount(**main);
 }
 
-int exportOpml(CliContext& context, const std::string& file) {
+int exportOpml(CliContext& context, const std::string& file, bool force) {
   auto account = localAccount(context);
   if (!account) {
     printError(account.error());
     return kExitFailure;
   }
   OPMLViewController controller(*account);
-  if (auto written = controller.exportOPMLToURL(file); !written) {
+  if (auto written = controller.exportOPMLToURL(
+          file, force ? OPMLViewController::ExistingFile::kAny : OPMLViewController::ExistingFile::kOnlyOPML);
+      !written) {
     printError(written.error());
     return kExitFailure;
   }
@@ -39,7 +42,10 @@ int exportOpml(CliContext& context, const std::string& file) {
 }
 
 int importOpml(CliContext& context, const std::string& file) {
-  auto account = localAccount(context);
+  auto library = openLibrary(context);
+  if (!library) return kExitFailure;
+  // As subscribing does: the first import into a fresh library makes the built-in reader.
+  auto account = ensureLocalRSSAccount(*library->context);
   if (!account) {
     printError(account.error());
     return kExitFailure;
@@ -52,13 +58,14 @@ int importOpml(CliContext& context, const std::string& file) {
   }
   fmt::print("Folders: {} added, {} skipped (already there)\n", summary->foldersAdded,
              summary->foldersSkipped);
-  fmt::print("Feeds: {} added, {} skipped (already there)\n", summary->feedsAdded, summary->feedsSkipped);
+  fmt::print("Feeds: {} added, {} skipped (already subscribed; they stay where they are)\n", summary->feedsAdded,
+             summary->feedsSkipped);
   if (summary->feedsWithoutAddress > 0) {
     fmt::print("{} feed{} without a usable address skipped\n", summary->feedsWithoutAddress,
                summary->feedsWithoutAddress == 1 ? "" : "s");
   }
   if (summary->outlinesIgnored > 0) {
-    fmt::print("{} outline{} of other kinds ignored\n", summary->outlinesIgnored,
+    fmt::print("{} outline{} of other kinds or empty ignored\n", summary->outlinesIgnored,
                summary->outlinesIgnored == 1 ? "" : "s");
   }
   return kExitOk;
@@ -71,18 +78,25 @@ void addOpmlCommands(CLI::App& app, CliContext& context) {
   opml->require_subcommand(1);
 
   auto exportFile = std::make_shared<std::string>(OPMLViewController::kDefaultFileName);
+  auto exportForce = std::make_shared<bool>(false);
   CLI::App* exporting = opml->add_subcommand("export", "Write the folders and feeds to an OPML file");
-  exporting->add_option("FILE", *exportFile, "Where to write")->capture_default_str();
-  exporting->footer("Exit codes: 0 written, 1 no built-in reader account or the file could not be written.");
-  context.onCommand(exporting, [&context, exportFile] { return exportOpml(context, *exportFile); });
+  exporting->add_option("FILE", *exportFile, "Where to write (its folder must exist)")->capture_default_str();
+  exporting->add_flag("--force", *exportForce, "Replace the file even when it is not an OPML file");
+  exporting->footer(
+      "An existing OPML file is replaced; any other file only with --force.\n"
+      "Exit codes: 0 written, 1 no built-in reader account, a missing folder, a file that is not OPML, or the\n"
+      "file could not be written.");
+  context.onCommand(exporting,
+                    [&context, exportFile, exportForce] { return exportOpml(context, *exportFile, *exportForce); });
 
   auto importFile = std::make_shared<std::string>();
   CLI::App* importing = opml->add_subcommand("import", "Add the folders and feeds of an OPML file");
   importing->add_option("FILE", *importFile, "An OPML file from any reader")->required();
   importing->footer(
-      "Nested folders become \"Parent - Child\"; feeds already in their folder are skipped; nothing is\n"
-      "fetched until the next refresh.\n"
-      "Exit codes: 0 imported, 1 no built-in reader account, unreadable file or not OPML, 2 usage error.");
+      "Nested folders become \"Parent - Child\"; an outline without an address is a folder only when it\n"
+      "holds outlines; feeds already subscribed are skipped and stay where they are; the built-in reader is\n"
+      "set up when missing; nothing is fetched until the next refresh.\n"
+      "Exit codes: 0 imported, 1 unreadable file or not OPML, 2 usage error.");
   context.onCommand(importing, [&context, importFile] { return importOpml(context, *importFile); });
 }
 

@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
   addSignInCommands(app, context);
   addDiscoverCommands(app, context);
   addOpmlCommands(app, context);
+  addFolderCommands(app, context);
   addSyncCommands(app, context);
   addReadLaterCommands(app, context);
   addSmartCommands(app, context);
