@@ -1,9 +1,13 @@
 #include "store/FeedFolder.h"
 
+#include <fmt/format.h>
+
 #include "core/Log.h"
 #include "core/Strings.h"
 #include "store/Feed.h"
+#include "store/Bookmark.h"
 #include "store/ObjectContext.h"
+#include "store/StoreQueries.h"
 
 namespace lectern {
 
@@ -29,6 +33,29 @@ void FeedFolder::removeFeed(const Feed& feed) {
   const SqlValue rows[] = {objectID().row, feed.objectID().row};
   managedObjectContext().writeRelationship("DELETE FROM FeedFolder_feeds WHERE feedfolder = ? AND feed = ?",
                                            rows, objectID(), feed.objectID());
+}
+
+namespace {
+// The stories of the folder's feeds, and whatever a service filed in the folder itself.
+constexpr std::string_view kFolderItems =
+    "(feed IN (SELECT feed FROM FeedFolder_feeds WHERE feedfolder = ?) OR id IN (SELECT bookmark FROM "
+    "Folder_bookmarks WHERE folder = ?))";
+}  // namespace
+
+Result<std::vector<std::shared_ptr<Bookmark>>> FeedFolder::readerItems(const BookmarkQuery& query) const {
+  // A feed is a folder of feeds too, but its stories point at it directly.
+  if (entity() != Entity::kFeedFolder) return Folder::readerItems(query);
+  ObjectContext::FetchRequest request;
+  request.where = std::string(kFolderItems);
+  request.arguments = {objectID().row, objectID().row};
+  applyBookmarkQuery(request, query);
+  return managedObjectContext().fetch<Bookmark>(std::move(request));
+}
+
+Result<std::int64_t> FeedFolder::readerUnreadCount() const {
+  if (entity() != Entity::kFeedFolder) return Folder::readerUnreadCount();
+  return managedObjectContext().count(Entity::kBookmark, fmt::format("is_archived = 0 AND {}", kFolderItems),
+                                      {objectID().row, objectID().row});
 }
 
 std::vector<std::string> FeedFolder::titlePath() const {

@@ -39,6 +39,9 @@ class FeedFolder : public Folder {
   // "Cannot delete folder. Error description: ..." and returned.
   static Result<void> deleteFolder(FeedFolder& folder);
 
+  Result<std::vector<std::shared_ptr<Bookmark>>> readerItems(const BookmarkQuery& query = {}) const override;
+  Result<std::int64_t> readerUnreadCount() const override;
+
   std::string folderTypeIdentifier() const override { return "FeedFolder"; }
 };
 

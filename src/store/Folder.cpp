@@ -66,6 +66,12 @@ Result<bool> Folder::containsBookmark(const Bookmark& bookmark) const {
   return !found->empty();
 }
 
+Result<std::vector<std::shared_ptr<Bookmark>>> Folder::readerItems(const BookmarkQuery& query) const {
+  return bookmarks(query);
+}
+
+Result<std::int64_t> Folder::readerUnreadCount() const { return unreadCount(); }
+
 Result<std::int64_t> Folder::unreadCount() const {
   return managedObjectContext().count(
       Entity::kBookmark, "is_archived = 0 AND id IN (SELECT bookmark FROM Folder_bookmarks WHERE folder = ?)",

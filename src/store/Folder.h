@@ -40,6 +40,10 @@ class Folder : public ManagedObject {
   void addBookmark(const Bookmark& bookmark);
   void removeBookmark(const Bookmark& bookmark);
   Result<bool> containsBookmark(const Bookmark& bookmark) const;
+  // What a reader shows for the folder, and how many of those are unread: its members here; a
+  // folder of feeds adds its feeds' stories, which belong to their feed and not to the folder.
+  virtual Result<std::vector<std::shared_ptr<Bookmark>>> readerItems(const BookmarkQuery& query = {}) const;
+  virtual Result<std::int64_t> readerUnreadCount() const;
 
   // Bookmarks with is_archived == NO (a feed counts its stories).
   virtual Result<std::int64_t> unreadCount() const;

@@ -17,7 +17,6 @@
 #include "store/ObjectContext.h"
 #include "store/OfflineOperation.h"
 #include "store/QKDataManager.h"
-#include "store/StoreQueries.h"
 
 namespace lectern::cli {
 
@@ -29,30 +28,6 @@ namespace {
 ObjectContext* openContext(CliContext& cli) {
   auto library = openLibrary(cli);
   return library ? library->context : nullptr;
-}
-
-// A folder of feeds holds its feeds' stories (and, for services that file items in folders, the
-// items filed there): the stories' own relation is to their feed, not to the folder.
-constexpr std::string_view kFeedFolderItems =
-    "(feed IN (SELECT feed FROM FeedFolder_feeds WHERE feedfolder = ?) OR id IN (SELECT bookmark FROM "
-    "Folder_bookmarks WHERE folder = ?))";
-
-bool isFolderOfFeeds(const Folder& folder) { return folder.entity() == Entity::kFeedFolder; }
-
-Result<std::vector<std::shared_ptr<Bookmark>>> folderItems(ObjectContext& context, const Folder& folder,
-                                                           const BookmarkQuery& query) {
-  if (!isFolderOfFeeds(folder)) return folder.bookmarks(query);
-  ObjectContext::FetchRequest request;
-  request.where = std::string(kFeedFolderItems);
-  request.arguments = {folder.objectID().row, folder.objectID().row};
-  applyBookmarkQuery(request, query);
-  return context.fetch<Bookmark>(std::move(request));
-}
-
-Result<std::int64_t> folderUnreadCount(ObjectContext& context, const Folder& folder) {
-  if (!isFolderOfFeeds(folder)) return folder.unreadCount();
-  return context.count(Entity::kBookmark, fmt::format("is_archived = 0 AND {}", kFeedFolderItems),
-                       {folder.objectID().row, folder.objectID().row});
 }
 
 // ---- list ----
@@ -102,7 +77,7 @@ int runList(CliContext& cli, const ListOptions& options) {
                              "See `lectern folders` for the ids."));
       return kExitFailure;
     }
-    auto bookmarks = folderItems(*context, **folder, query);
+    auto bookmarks = (*folder)->readerItems(query);
     if (!checkResult(bookmarks)) return kExitFailure;
     items = std::move(*bookmarks);
   } else {
@@ -308,11 +283,6 @@ int runFolders(CliContext& cli, bool asJson) {
       if (folder->folderTypeIdentifier() == "Feed") continue;  // feeds have their own command
       auto object = folderJson(*folder);
       if (!checkResult(object)) return kExitFailure;
-      if (isFolderOfFeeds(*folder)) {
-        auto unread = folderUnreadCount(*context, *folder);
-        if (!checkResult(unread)) return kExitFailure;
-        (*object)["unread"] = *unread;
-      }
       out.push_back(std::move(*object));
     }
   }

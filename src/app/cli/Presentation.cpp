@@ -109,7 +109,7 @@ Result<json> feedJson(Feed& feed) {
 }
 
 Result<json> folderJson(Folder& folder) {
-  auto unread = folder.unreadCount();
+  auto unread = folder.readerUnreadCount();
   if (!unread) return fail(unread.error());
   auto account = folder.account();
   if (!account) return fail(account.error());

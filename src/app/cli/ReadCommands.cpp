@@ -347,7 +347,7 @@ class StoreReaderLibrary final : public ReaderLibrary, private SyncPassObserver 
       auto folder = context.existingObject<Folder>(ObjectId{Entity::kFolder, options_.folder});
       if (!folder) return fail(folder.error());
       if (!*folder) return std::vector<std::shared_ptr<Bookmark>>{};
-      return (*folder)->bookmarks(query());
+      return (*folder)->readerItems(query());
     }
     auto accounts = Account::services(context);
     if (!accounts) return fail(accounts.error());
