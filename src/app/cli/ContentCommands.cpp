@@ -164,10 +164,8 @@ struct Extracted {
 };
 
 // A stored article gives its stored content; one without content gives the article at its address.
-Result<std::optional<Extracted>> storedArticle(CliContext& context, std::int64_t id, std::string& url) {
-  auto library = openLibrary(context);
-  if (!library) return fail(kLecternErrorDomain, 1, "The library cannot be opened");
-  auto bookmark = bookmarkById(*library->context, id);
+Result<std::optional<Extracted>> storedArticle(Library& library, std::int64_t id, std::string& url) {
+  auto bookmark = bookmarkById(*library.context, id);
   if (!bookmark) return fail(bookmark.error());
   auto html = (*bookmark)->html();
   if (!html) return fail(html.error());
@@ -181,7 +179,8 @@ Result<std::optional<Extracted>> storedArticle(CliContext& context, std::int64_t
 
 bool isArticleId(const std::string& source) {
   std::error_code ec;
-  return !source.empty() && source.size() < 19 && std::all_of(source.begin(), source.end(), ::isdigit) &&
+  const auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  return !source.empty() && source.size() < 19 && std::all_of(source.begin(), source.end(), digit) &&
          !std::filesystem::exists(source, ec);
 }
 
@@ -189,7 +188,9 @@ int extract(CliContext& context, const std::string& source, ExtractOutput output
   std::string url = hasURLScheme(source) ? source : std::string();
   std::optional<Extracted> extracted;
   if (url.empty() && isArticleId(source)) {
-    auto stored = storedArticle(context, std::stoll(source), url);
+    auto library = openLibrary(context);
+    if (!library) return kExitFailure;
+    auto stored = storedArticle(*library, std::stoll(source), url);
     if (!stored) {
       printError(stored.error());
       return kExitFailure;
