@@ -10,7 +10,9 @@ namespace lectern {
 Result<std::unique_ptr<AppEnvironment>> AppEnvironment::create(const AppOptions& options) {
   Paths paths = Paths::resolve(options.home);
   if (auto created = paths.createSupportFolders(); !created) return fail(created.error());
-  Log::configure(LogSettings{.file = paths.logFile(), .mirrorToStderr = options.verbose});
+  Log::configure(LogSettings{.file = paths.logFile(),
+                             .mirrorToStderr = options.verbose,
+                             .minimumLevel = options.verbose ? LogLevel::kDebug : LogLevel::kInfo});
   auto defaults = std::make_unique<UserDefaults>(paths.userDefaultsFile());
   registerLecternDefaults(*defaults);
   return std::unique_ptr<AppEnvironment>(new AppEnvironment(options, std::move(paths), std::move(defaults)));
@@ -41,7 +43,10 @@ Reachability& AppEnvironment::reachability() {
 }
 
 SecretStore& AppEnvironment::secrets() {
-  if (!secrets_) secrets_ = makeDefaultSecretStore(paths_.configFolder / "secrets.json");
+  if (!secrets_) {
+    secrets_ = std::make_unique<DeferredSecretStore>(
+        [file = paths_.configFolder / "secrets.json"] { return makeDefaultSecretStore(file); });
+  }
   return *secrets_;
 }
 

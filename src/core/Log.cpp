@@ -89,11 +89,30 @@ bool Log::isDebugEnabled(std::string_view category) {
   return it == s.debugByCategory.end() ? s.debugAll : it->second;
 }
 
+std::string singleLineLogText(std::string_view message) {
+  std::string out;
+  out.reserve(message.size());
+  for (const char c : message) {
+    if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (static_cast<unsigned char>(c) < 0x20 && c != '\t') {
+      out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
 void Log::write(LogLevel level, std::string_view category, std::string_view message) {
   auto& s = state();
   std::lock_guard lock(s.mutex);
-  const std::string line =
-      fmt::format("{} {} [{}] {}\n", rfc3339String(std::chrono::system_clock::now()), levelName(level), category, message);
+  for (auto& [token, observer] : s.observers) observer(level, category, message);
+  if (level < s.settings.minimumLevel) return;
+  const std::string line = fmt::format("{} {} [{}] {}\n", rfc3339String(std::chrono::system_clock::now()),
+                                       levelName(level), category, singleLineLogText(message));
   if (s.file.is_open()) {
     if (s.fileBytes + line.size() > s.settings.maxBytes && s.fileBytes > 0) rotate(s);
     s.file << line;
@@ -103,7 +122,6 @@ void Log::write(LogLevel level, std::string_view category, std::string_view mess
   if (s.settings.mirrorToStderr || (level == LogLevel::kError && !s.file.is_open() && s.observers.empty())) {
     std::fputs(line.c_str(), stderr);
   }
-  for (auto& [token, observer] : s.observers) observer(level, category, message);
 }
 
 int Log::addObserver(Observer observer) {

@@ -19,7 +19,12 @@ struct LogSettings {
   std::uintmax_t maxBytes = 2 * 1024 * 1024;  // rotate past this size
   int keepFiles = 2;                       // rotated files kept beside the live one (.1, .2)
   bool mirrorToStderr = false;             // --verbose
+  LogLevel minimumLevel = LogLevel::kInfo;  // lines below it reach observers only (--verbose: kDebug)
 };
+
+// `message` as one log line: each line break becomes the two characters "\n" and other control
+// characters "\u00XX", so an entry never spans lines whatever a server sent.
+std::string singleLineLogText(std::string_view message);
 
 // The process-wide diagnostic log. It is the one piece of global state we allow: every class logs,
 // and threading a logger through every constructor would buy nothing. Thread-safe.

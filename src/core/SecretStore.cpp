@@ -330,6 +330,27 @@ Result<void> FileSecretStore::deletePassword(std::string_view service, std::stri
   return savePasswordFile(file_, *doc);
 }
 
+SecretStore& DeferredSecretStore::store() const {
+  std::lock_guard lock(mutex_);
+  if (!store_) store_ = make_();
+  return *store_;
+}
+
+Result<std::optional<std::string>> DeferredSecretStore::password(std::string_view service, std::string_view account) {
+  return store().password(service, account);
+}
+
+Result<void> DeferredSecretStore::setPassword(std::string_view service, std::string_view account,
+                                              std::string_view password) {
+  return store().setPassword(service, account, password);
+}
+
+Result<void> DeferredSecretStore::deletePassword(std::string_view service, std::string_view account) {
+  return store().deletePassword(service, account);
+}
+
+std::string DeferredSecretStore::backendName() const { return store().backendName(); }
+
 bool secretServiceSupported() {
 #ifdef LECTERN_HAVE_LIBSECRET
   return true;
@@ -360,7 +381,13 @@ std::unique_ptr<SecretStore> makeDefaultSecretStore(const std::filesystem::path&
     return std::make_unique<LibsecretSecretStore>();
 #endif
   }
-  logInfo(kLogCategory, "No Secret Service answers; passwords are kept in {}", fallbackFile.string());
+  // Said once, when the file comes into use; after that the log would only repeat itself.
+  std::error_code ec;
+  if (std::filesystem::exists(fallbackFile, ec)) {
+    logDebugMessage(kLogCategory, "No Secret Service answers; passwords are kept in {}", fallbackFile.string());
+  } else {
+    logInfo(kLogCategory, "No Secret Service answers; passwords are kept in {}", fallbackFile.string());
+  }
   return std::make_unique<FileSecretStore>(fallbackFile);
 }
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,25 @@ class FileSecretStore final : public SecretStore {
  private:
   const std::filesystem::path file_;
   std::mutex mutex_;  // serialises read-modify-write of the file
+};
+
+// Chooses its store on the first call that needs one, so that a command which never reads a
+// password never asks the session bus whether a Secret Service answers. Thread-safe.
+class DeferredSecretStore final : public SecretStore {
+ public:
+  using Maker = std::function<std::unique_ptr<SecretStore>()>;
+  explicit DeferredSecretStore(Maker make) : make_(std::move(make)) {}
+  Result<std::optional<std::string>> password(std::string_view service, std::string_view account) override;
+  Result<void> setPassword(std::string_view service, std::string_view account, std::string_view password) override;
+  Result<void> deletePassword(std::string_view service, std::string_view account) override;
+  std::string backendName() const override;
+
+ private:
+  SecretStore& store() const;
+
+  Maker make_;
+  mutable std::mutex mutex_;  // guards store_
+  mutable std::unique_ptr<SecretStore> store_;
 };
 
 // Whether this build can use a Secret Service at all (libsecret was there when it was built).

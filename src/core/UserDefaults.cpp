@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -196,6 +197,111 @@ void registerLecternDefaults(UserDefaults& defaults) {
       {std::string(kNewsblurApiEndpoint), "https://newsblur.com"},
       {std::string(kAccounts), nlohmann::json::object()},
   });
+}
+
+namespace {
+
+constexpr DefaultChoice kConcurrentChoices[] = {{0, "1 account at a time"}, {1, "2 at a time"}, {2, "5 at a time"}};
+// Index 0 is the default and keeps 7 days, as every index without a period of its own does.
+constexpr DefaultChoice kKeepChoices[] = {{0, "7 days"},  {1, "1 day"},   {2, "2 days"},  {3, "3 days"}, {4, "7 days"},
+                                          {5, "14 days"}, {6, "28 days"}, {7, "70 days"}, {99, "70 days"}};
+constexpr DefaultChoice kBadgeChoices[] = {{0, "shown"}, {1, "hidden"}};
+constexpr DefaultChoice kNotificationChoices[] = {{0, "off"}, {1, "on"}};
+
+constexpr KnownDefault kKnownDefaults[] = {
+    {kConcurrentSyncOperationsIndex, DefaultKind::kIndex, "How many accounts sync at once", kConcurrentChoices},
+    {kDaysKeepFeedReadItemsIndex, DefaultKind::kIndex, "How long read feed articles are kept", kKeepChoices},
+    {kBookmarkCountDisplayIndex, DefaultKind::kIndex, "Unread counts on smart folders that follow this setting",
+     kBadgeChoices},
+    {kNotificationCenterIndex, DefaultKind::kIndex, "Desktop notifications of new articles", kNotificationChoices},
+    {kAccounts, DefaultKind::kDictionary, "Each account's preferences, by account identifier", {}},
+    {"feedlyClientId", DefaultKind::kText, "Feedly: the application's client id", {}},
+    {"feedlyClientSecret", DefaultKind::kText, "Feedly: the application's client secret", {}},
+    {"feedlyScope", DefaultKind::kText, "Feedly: the scope asked for at sign-in", {}},
+    {"feedwranglerClientKey", DefaultKind::kText, "Feed Wrangler: the application's client key", {}},
+    {"instapaperConsumerKey", DefaultKind::kText, "Instapaper: the application's consumer key", {}},
+    {"instapaperConsumerSecret", DefaultKind::kText, "Instapaper: the application's consumer secret", {}},
+    {"pocketConsumerKey", DefaultKind::kText, "Pocket: the application's consumer key", {}},
+    {"pinboardSharedByDefault", DefaultKind::kBoolean, "Pinboard: pages saved without a folder are public", {}},
+    {"pinboardCallInterval", DefaultKind::kCount, "Pinboard: seconds between two calls (unset: 3)", {}},
+    {"pinboardAllPostsInterval", DefaultKind::kCount, "Pinboard: seconds between two full lists (unset: 300)", {}},
+    {kNewsblurApiEndpoint, DefaultKind::kAddress, "NewsBlur: the server's address", {}},
+    {"feedbinApiEndpoint", DefaultKind::kAddress, "Feedbin: the server's address", {}},
+    {"feedlyApiEndpoint", DefaultKind::kAddress, "Feedly: the server's address", {}},
+    {"feverApiEndpoint", DefaultKind::kAddress, "Fever: the server's address", {}},
+    {"feedwranglerApiEndpoint", DefaultKind::kAddress, "Feed Wrangler: the server's address", {}},
+    {"instapaperApiEndpoint", DefaultKind::kAddress, "Instapaper: the server's address", {}},
+    {"pocketApiEndpoint", DefaultKind::kAddress, "Pocket: the server's address", {}},
+    {"pocketWebEndpoint", DefaultKind::kAddress, "Pocket: the address of its sign-in pages", {}},
+    {"pinboardApiEndpoint", DefaultKind::kAddress, "Pinboard: the server's address", {}},
+};
+
+Error refusedValue(const KnownDefault& known, std::string_view text, std::string takes) {
+  return Error::make(kLecternErrorDomain, 1, fmt::format("{} cannot be \"{}\"", known.key, text),
+                     fmt::format("{} takes {}.", known.key, takes));
+}
+
+std::optional<std::int64_t> parseInteger(std::string_view text) {
+  std::int64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+}  // namespace
+
+std::span<const KnownDefault> knownDefaults() { return kKnownDefaults; }
+
+const KnownDefault* knownDefault(std::string_view key) {
+  for (const auto& known : kKnownDefaults) {
+    if (known.key == key) return &known;
+  }
+  return nullptr;
+}
+
+std::string_view defaultValueMeaning(const KnownDefault& known, const nlohmann::json& value) {
+  if (known.kind != DefaultKind::kIndex || !value.is_number_integer()) return {};
+  for (const auto& choice : known.choices) {
+    if (choice.value == value.get<std::int64_t>()) return choice.meaning;
+  }
+  return {};
+}
+
+Result<nlohmann::json> parseDefaultValue(const KnownDefault& known, std::string_view text) {
+  switch (known.kind) {
+    case DefaultKind::kIndex: {
+      const auto value = parseInteger(text);
+      std::string takes;
+      for (const auto& choice : known.choices) {
+        if (value && *value == choice.value) return nlohmann::json(*value);
+        takes += fmt::format("{}{} ({})", takes.empty() ? "" : ", ", choice.value, choice.meaning);
+      }
+      return fail(refusedValue(known, text, "one of " + takes));
+    }
+    case DefaultKind::kCount: {
+      const auto value = parseInteger(text);
+      if (!value || *value < 0) return fail(refusedValue(known, text, "a whole number of 0 or more"));
+      return nlohmann::json(*value);
+    }
+    case DefaultKind::kBoolean:
+      if (text == "true" || text == "yes" || text == "1") return nlohmann::json(true);
+      if (text == "false" || text == "no" || text == "0") return nlohmann::json(false);
+      return fail(refusedValue(known, text, "true or false"));
+    case DefaultKind::kText:
+      return nlohmann::json(std::string(text));
+    case DefaultKind::kAddress:
+      if (!text.starts_with("http://") && !text.starts_with("https://")) {
+        return fail(refusedValue(known, text, "an http:// or https:// address"));
+      }
+      return nlohmann::json(std::string(text));
+    case DefaultKind::kDictionary: {
+      // Only a whole dictionary may replace a dictionary: anything else would lose every entry.
+      auto value = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+      if (!value.is_object()) return fail(refusedValue(known, text, "a JSON object"));
+      return value;
+    }
+  }
+  return fail(refusedValue(known, text, "no value"));
 }
 
 }  // namespace lectern

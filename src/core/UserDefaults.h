@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -75,6 +76,30 @@ class UserDefaults {
 
 // Registers the global keys with their defaults.
 void registerLecternDefaults(UserDefaults& defaults);
+
+// What a preference key holds, for `lectern config`.
+enum class DefaultKind { kIndex, kCount, kBoolean, kText, kAddress, kDictionary };
+// One value of an index key and what it means ("7 days").
+struct DefaultChoice {
+  std::int64_t value;
+  std::string_view meaning;
+};
+struct KnownDefault {
+  std::string_view key;
+  DefaultKind kind;
+  std::string_view meaning;
+  std::span<const DefaultChoice> choices;  // kIndex only
+};
+
+// Every preference key Lectern reads, in the order `lectern config list` shows them.
+std::span<const KnownDefault> knownDefaults();
+// The key's entry, or nullptr for a key Lectern does not read.
+const KnownDefault* knownDefault(std::string_view key);
+// What `value` means for an index key ("7 days"); "" when it is not an index or not a choice.
+std::string_view defaultValueMeaning(const KnownDefault& known, const nlohmann::json& value);
+// `text` (as typed on a command line) turned into the value `known` holds; the error says which
+// values the key takes.
+Result<nlohmann::json> parseDefaultValue(const KnownDefault& known, std::string_view text);
 
 // Writes `contents` to `path` through a temporary file in the same folder and a rename, so a
 // reader never sees half a file. `mode` sets the permissions of the new file.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 
 #include "core/Error.h"
@@ -41,6 +42,22 @@ TEST_F(LogFileTest, RotatesPastTheSizeLimitAndKeepsABoundedNumberOfFiles) {
   EXPECT_LE(std::filesystem::file_size(file), 400u);
   // The newest line is in the live file.
   EXPECT_NE(test::readFile(file).find("line number 59"), std::string::npos);
+}
+
+TEST_F(LogFileTest, DebugLinesReachTheFileOnlyWhenAskedAndEveryEntryIsOneLine) {
+  const auto file = dir_ / "Lectern.log";
+  Log::configure(LogSettings{.file = file});
+  ScopedLogCapture capture;
+  logDebugMessage("Test", "quiet detail");
+  logInfo("Test", "title: {}", "Two\nlines\r and a bell\a");
+  EXPECT_TRUE(capture.contains("quiet detail"));  // observers see everything
+  Log::configure(LogSettings{.file = file, .minimumLevel = LogLevel::kDebug});
+  logDebugMessage("Test", "loud detail");
+  const std::string text = test::readFile(file);
+  EXPECT_EQ(text.find("quiet detail"), std::string::npos);
+  EXPECT_NE(text.find("loud detail"), std::string::npos);
+  EXPECT_NE(text.find("title: Two\\nlines\\r and a bell\\u0007\n"), std::string::npos) << text;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
 }
 
 TEST_F(LogFileTest, ClassLevelSwitchSilencesOneCategoryOnly) {

@@ -313,5 +313,18 @@ TEST(SecretStoreSelection, SecretServiceFailuresAreErrorsWithoutTheSecret) {
   }
 }
 
+TEST(DeferredSecretStore, MakesItsStoreOnFirstUseOnly) {
+  int made = 0;
+  DeferredSecretStore deferred([&made] {
+    ++made;
+    return std::make_unique<MemorySecretStore>();
+  });
+  EXPECT_EQ(made, 0);
+  ASSERT_TRUE(deferred.setPassword("s", "a", "pw"));
+  EXPECT_EQ(deferred.password("s", "a").value(), "pw");
+  EXPECT_EQ(deferred.backendName(), "memory");
+  EXPECT_EQ(made, 1);
+}
+
 }  // namespace
 }  // namespace lectern

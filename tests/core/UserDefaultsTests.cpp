@@ -84,5 +84,36 @@ TEST(AtomicWrite, ReplacesTheFileWholeWithTheAskedMode) {
   EXPECT_FALSE(writeFileAtomically("/proc/definitely/not/here", "x"));
 }
 
+TEST(KnownDefaults, ValuesAreCheckedByKindAndIndexValuesExplained) {
+  // Typed text becomes the stored kind; what would break the key is refused with its choices.
+  const auto* keep = knownDefault("DaysKeepFeedReadItemsIndex");
+  ASSERT_NE(keep, nullptr);
+  EXPECT_EQ(parseDefaultValue(*keep, "99").value(), 99);
+  EXPECT_EQ(defaultValueMeaning(*keep, 2), "2 days");
+  EXPECT_EQ(defaultValueMeaning(*keep, 0), "7 days");
+  for (std::string_view bad : {"8", "-1", "4x", "", "seven"}) {
+    auto refused = parseDefaultValue(*keep, bad);
+    ASSERT_FALSE(refused) << bad;
+    EXPECT_NE(refused.error().recoverySuggestion.find("99 (70 days)"), std::string::npos);
+  }
+  const auto* accounts = knownDefault("Accounts");
+  ASSERT_NE(accounts, nullptr);
+  EXPECT_FALSE(parseDefaultValue(*accounts, "3"));
+  EXPECT_FALSE(parseDefaultValue(*accounts, "[]"));
+  EXPECT_TRUE(parseDefaultValue(*accounts, "{}"));
+  // A client key made of digits stays text.
+  EXPECT_EQ(parseDefaultValue(*knownDefault("feedwranglerClientKey"), "0123").value(), "0123");
+  EXPECT_EQ(parseDefaultValue(*knownDefault("pinboardSharedByDefault"), "no").value(), false);
+  EXPECT_EQ(knownDefault("NoSuchKey"), nullptr);
+  // Every registered key is known, so `config list` shows it.
+  UserDefaults defaults;
+  registerLecternDefaults(defaults);
+  for (const auto& known : knownDefaults()) EXPECT_NE(knownDefault(known.key), nullptr);
+  for (auto key : {kConcurrentSyncOperationsIndex, kDaysKeepFeedReadItemsIndex, kBookmarkCountDisplayIndex,
+                   kNotificationCenterIndex, kNewsblurApiEndpoint, kAccounts}) {
+    EXPECT_NE(knownDefault(key), nullptr) << key;
+  }
+}
+
 }  // namespace
 }  // namespace lectern

@@ -104,7 +104,7 @@ int runAccountList(CliContext& cli, bool asJson) {
                      {"title", a.title},
                      {"username", a.username ? json(*a.username) : json(nullptr)},
                      {"last_sync", jsonDate(a.last_sync)},
-                     {"syncError", a.syncError ? json(*a.syncError) : json(nullptr)}});
+                     {"sync_error", a.syncError ? json(*a.syncError) : json(nullptr)}});
     }
     fmt::print("{}\n", out.dump(2));
     return kExitOk;

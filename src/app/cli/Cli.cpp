@@ -56,6 +56,13 @@ void printError(const Error& error) {
   }
 }
 
+bool refusedOffline(const CliContext& cli, std::string_view action) {
+  if (!cli.options.offline) return false;
+  printError(Error::make(kLecternErrorDomain, 1, fmt::format("{} needs the network, and Lectern is offline", action),
+                         "Run it again without --offline (and without LECTERN_OFFLINE=1)."));
+  return true;
+}
+
 bool stdoutIsTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
 
 }  // namespace lectern::cli

@@ -55,6 +55,9 @@ std::optional<Library> openLibrary(CliContext& cli);
 
 // "lectern: <description>" and, when there is one, the recovery suggestion on the next line.
 void printError(const Error& error);
+// With --offline (or LECTERN_OFFLINE=1): prints that `action` ("Fetching a feed") needs the network
+// and answers true, so the command stops before it reaches the network.
+bool refusedOffline(const CliContext& cli, std::string_view action);
 // True when standard output is a terminal (progress lines, colours).
 bool stdoutIsTerminal();
 

@@ -1,11 +1,15 @@
-// `lectern extract`: the readable article of a saved web page.
+// `lectern extract`: the readable article of a web page, a saved page or a stored article.
 #include <fmt/format.h>
+#include <libxml/HTMLparser.h>
+#include <libxml/tree.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
@@ -14,10 +18,102 @@
 #include "app/cli/Cli.h"
 #include "content/QKContentParser.h"
 #include "content/QKContentParserAsync.h"
+#include "core/QuietLibxml.h"
 #include "feeds/FeedDiscovery.h"
+#include "store/Bookmark.h"
+#include "store/ObjectContext.h"
 
 namespace lectern::cli {
+
 namespace {
+
+bool isBlockElement(std::string_view name) {
+  static constexpr std::string_view kBlocks[] = {
+      "address", "article", "aside",  "blockquote", "dd",     "div",   "dl",    "dt",      "figcaption",
+      "figure",  "footer",  "h1",     "h2",         "h3",     "h4",    "h5",    "h6",      "header",
+      "hr",      "li",      "main",   "nav",        "ol",     "p",     "pre",   "section", "table",
+      "tr",      "ul",      "center", "details",    "summary"};
+  return std::find(std::begin(kBlocks), std::end(kBlocks), name) != std::end(kBlocks);
+}
+
+// Collects text with paragraph breaks: whitespace collapses except inside <pre>; a block element
+// ends the paragraph before and after it; <br> ends the line.
+class PlainTextWriter {
+ public:
+  void walk(xmlNode* node, bool preformatted) {
+    for (; node != nullptr; node = node->next) {
+      if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
+        text(reinterpret_cast<const char*>(node->content), preformatted);
+        continue;
+      }
+      if (node->type != XML_ELEMENT_NODE) continue;
+      const std::string_view name = reinterpret_cast<const char*>(node->name);
+      if (name == "script" || name == "style" || name == "head" || name == "noscript" || name == "template") continue;
+      if (name == "br") {
+        lineBreak();
+        continue;
+      }
+      const bool block = isBlockElement(name);
+      if (block) paragraphBreak();
+      if (name == "li") {
+        out_ += "- ";
+        pendingSpace_ = false;
+      }
+      walk(node->children, preformatted || name == "pre");
+      if (block) paragraphBreak();
+    }
+  }
+
+  std::string finish() {
+    while (!out_.empty() && (out_.back() == '\n' || out_.back() == ' ')) out_.pop_back();
+    return out_;
+  }
+
+ private:
+  void text(const char* content, bool preformatted) {
+    if (content == nullptr) return;
+    for (const char* c = content; *c != '\0'; ++c) {
+      const bool space = *c == ' ' || *c == '\t' || *c == '\n' || *c == '\r' || *c == '\f';
+      if (preformatted) {
+        out_ += *c;
+        continue;
+      }
+      if (space) {
+        pendingSpace_ = !out_.empty() && out_.back() != '\n';
+        continue;
+      }
+      if (pendingSpace_) out_ += ' ';
+      pendingSpace_ = false;
+      out_ += *c;
+    }
+  }
+  void lineBreak() {
+    out_ += '\n';
+    pendingSpace_ = false;
+  }
+  void paragraphBreak() {
+    pendingSpace_ = false;
+    while (!out_.empty() && out_.back() == ' ') out_.pop_back();
+    if (out_.empty() || out_.ends_with("\n\n")) return;
+    out_ += out_.back() == '\n' ? "\n" : "\n\n";
+  }
+
+  std::string out_;
+  bool pendingSpace_ = false;
+};
+
+// Plain paragraphs of `html`, parsed leniently and without the network.
+std::string readableText(std::string_view html) {
+  if (html.empty()) return {};
+  QuietLibxml quiet;
+  constexpr int kOptions = HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING | HTML_PARSE_NONET;
+  std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> doc(
+      htmlReadMemory(html.data(), static_cast<int>(html.size()), nullptr, "UTF-8", kOptions), xmlFreeDoc);
+  if (!doc) return {};
+  PlainTextWriter writer;
+  writer.walk(xmlDocGetRootElement(doc.get()), /*preformatted=*/false);
+  return writer.finish();
+}
 
 Error readFailure(const std::string& path, std::string_view reason) {
   return Error::make(kLecternErrorDomain, kContentPageUnreadable, fmt::format("Failed to read {}", path),
@@ -60,31 +156,77 @@ Result<QKContentParser> extractFile(const std::string& path) {
   return parser;
 }
 
-int extract(CliContext& context, const std::string& source, bool json) {
-  const bool remote = hasURLScheme(source);
-  // The log matters only to someone watching it: without --verbose, extracting a file touches no
-  // file but the page.
-  AppEnvironment* environment = nullptr;
-  if (context.options.verbose || remote) {
-    auto made = context.environment();
-    if (!made) {
-      printError(made.error());
-      if (remote) return kExitFailure;
-    } else {
-      environment = *made;
+enum class ExtractOutput { kText, kHtml, kJson };
+
+struct Extracted {
+  std::string title;
+  std::string content;  // HTML
+};
+
+// A stored article gives its stored content; one without content gives the article at its address.
+Result<std::optional<Extracted>> storedArticle(Library& library, std::int64_t id, std::string& url) {
+  auto bookmark = bookmarkById(*library.context, id);
+  if (!bookmark) return fail(bookmark.error());
+  auto html = (*bookmark)->html();
+  if (!html) return fail(html.error());
+  if (*html && !(*html)->empty()) return Extracted{(*bookmark)->title().value_or(""), **html};
+  url = (*bookmark)->url().value_or("");
+  if (url.empty()) {
+    return fail(kLecternErrorDomain, 1, fmt::format("Article {} has neither content nor an address", id));
+  }
+  return std::nullopt;
+}
+
+bool isArticleId(const std::string& source) {
+  std::error_code ec;
+  const auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  return !source.empty() && source.size() < 19 && std::all_of(source.begin(), source.end(), digit) &&
+         !std::filesystem::exists(source, ec);
+}
+
+int extract(CliContext& context, const std::string& source, ExtractOutput output) {
+  std::string url = hasURLScheme(source) ? source : std::string();
+  std::optional<Extracted> extracted;
+  if (url.empty() && isArticleId(source)) {
+    auto library = openLibrary(context);
+    if (!library) return kExitFailure;
+    auto stored = storedArticle(*library, std::stoll(source), url);
+    if (!stored) {
+      printError(stored.error());
+      return kExitFailure;
     }
+    extracted = std::move(*stored);
   }
-  auto parser = remote ? extractURL(*environment, source) : extractFile(source);
-  if (!parser) {
-    printError(parser.error());
-    return kExitFailure;
+  if (!extracted) {
+    const bool remote = !url.empty();
+    if (remote && refusedOffline(context, "Downloading the page")) return kExitFailure;
+    // The log matters only to someone watching it: without --verbose, extracting a file touches no
+    // file but the page.
+    AppEnvironment* environment = nullptr;
+    if (context.options.verbose || remote) {
+      auto made = context.environment();
+      if (!made) {
+        printError(made.error());
+        if (remote) return kExitFailure;
+      } else {
+        environment = *made;
+      }
+    }
+    auto parser = remote ? extractURL(*environment, url) : extractFile(source);
+    if (!parser) {
+      printError(parser.error());
+      return kExitFailure;
+    }
+    extracted = Extracted{parser->title(), parser->fetchContent()};
   }
-  const std::string& content = parser->fetchContent();
-  if (json) {
-    const nlohmann::json object = {{"title", parser->title()}, {"content", content}};
+  const std::string& content = extracted->content;
+  if (output == ExtractOutput::kJson) {
+    const nlohmann::json object = {{"title", extracted->title}, {"content", content}};
     fmt::print("{}\n", object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
-  } else if (!content.empty()) {
-    fmt::print("{}\n", content);
+  } else if (output == ExtractOutput::kHtml) {
+    if (!content.empty()) fmt::print("{}\n", content);
+  } else if (const std::string text = readableText(content); !text.empty()) {
+    fmt::print("{}\n", text);
   }
   return kExitOk;
 }
@@ -92,17 +234,24 @@ int extract(CliContext& context, const std::string& source, bool json) {
 }  // namespace
 
 void addContentCommands(CLI::App& app, CliContext& context) {
-  auto* command = app.add_subcommand("extract", "Print the readable article of a web page or a saved one");
+  auto* command = app.add_subcommand("extract", "Print the readable article of a web page, a saved page or an article");
   auto path = std::make_shared<std::string>();
+  auto html = std::make_shared<bool>(false);
   auto json = std::make_shared<bool>(false);
-  command->add_option("SOURCE", *path, "The page: an http(s) address, or a file (HTML in any character set)")
+  command
+      ->add_option("SOURCE", *path,
+                   "The page: an http(s) address, a file (HTML in any character set), or an article id from "
+                   "`lectern list` (its stored content, else the page at its address)")
       ->required()
-      ->type_name("URL|FILE");
-  command->add_flag("--json", *json, "Print an object with \"title\" and \"content\"");
+      ->type_name("URL|FILE|ID");
+  auto* htmlFlag = command->add_flag("--html", *html, "Print the article's HTML instead of text");
+  command->add_flag("--json", *json, "Print an object with \"title\" and \"content\" (HTML)")->excludes(htmlFlag);
   command->footer(
       "Prints nothing (or an empty \"content\") when the page holds no article; that is not an error.\n"
-      "Exit codes: 0 success, 1 unreadable file or failed download, 2 usage error.");
-  context.onCommand(command, [&context, path, json] { return extract(context, *path, *json); });
+      "Exit codes: 0 success, 1 unreadable file, unknown article or failed download, 2 usage error.");
+  context.onCommand(command, [&context, path, html, json] {
+    return extract(context, *path, *json ? ExtractOutput::kJson : *html ? ExtractOutput::kHtml : ExtractOutput::kText);
+  });
 }
 
 }  // namespace lectern::cli

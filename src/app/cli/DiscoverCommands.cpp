@@ -17,6 +17,7 @@ struct DiscoverOptions {
 };
 
 int discover(CliContext& context, const DiscoverOptions& options) {
+  if (refusedOffline(context, "Discovering feeds")) return kExitFailure;
   auto environment = context.environment();
   if (!environment) {
     printError(environment.error());

@@ -71,6 +71,30 @@ void printText(const RSSFeed& feed) {
   }
 }
 
+// "attachedMedia" -> "attached_media": the program's JSON keys are snake_case throughout.
+nlohmann::ordered_json snakeCaseKeys(const nlohmann::ordered_json& value) {
+  if (value.is_array()) {
+    nlohmann::ordered_json out = nlohmann::ordered_json::array();
+    for (const auto& item : value) out.push_back(snakeCaseKeys(item));
+    return out;
+  }
+  if (!value.is_object()) return value;
+  nlohmann::ordered_json out = nlohmann::ordered_json::object();
+  for (const auto& [key, item] : value.items()) {
+    std::string snake;
+    for (const char c : key) {
+      if (c >= 'A' && c <= 'Z') {
+        if (!snake.empty()) snake += '_';
+        snake += static_cast<char>(c - 'A' + 'a');
+      } else {
+        snake += c;
+      }
+    }
+    out[snake] = snakeCaseKeys(item);
+  }
+  return out;
+}
+
 int printFeed(const Result<RSSFeed>& feed, FeedOutput output) {
   if (!feed) {
     printError(feed.error());
@@ -78,7 +102,7 @@ int printFeed(const Result<RSSFeed>& feed, FeedOutput output) {
   }
   if (output == FeedOutput::kJson) {
     fmt::print("{}\n",
-               rssFeedToJson(*feed).dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+               snakeCaseKeys(rssFeedToJson(*feed)).dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
   } else {
     printText(*feed);
   }
@@ -120,6 +144,7 @@ int runFeedParse(CliContext& context, const FeedParseOptions& options) {
   const FeedParserKind parser = options.stream ? FeedParserKind::kStream : FeedParserKind::kDictionary;
   const FeedOutput output = options.json ? FeedOutput::kJson : FeedOutput::kText;
   if (const auto url = feedAddress(options.source)) {
+    if (refusedOffline(context, "Fetching a feed")) return kExitFailure;
     auto environment = context.environment();
     if (!environment) {
       printError(environment.error());
@@ -131,6 +156,7 @@ int runFeedParse(CliContext& context, const FeedParseOptions& options) {
   if (context.options.verbose) {
     LogSettings settings;
     settings.mirrorToStderr = true;
+    settings.minimumLevel = LogLevel::kDebug;
     Log::configure(settings);
   }
   auto bytes = readDocument(options.source);

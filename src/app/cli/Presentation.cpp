@@ -1,5 +1,10 @@
 #include "app/cli/Presentation.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
 #include <ctime>
 
 #include <fmt/format.h>
@@ -31,7 +36,23 @@ std::string shortLocalDate(const std::optional<Date>& date) {
   std::tm local{};
   localtime_r(&seconds, &local);
   char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M", &local);
+  std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M %z", &local);
+  return buffer;
+}
+
+std::string relativeDate(const std::optional<Date>& date, Date now) {
+  if (!date) return {};
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - *date).count();
+  // A date a little ahead (clock skew at the server) still reads as now.
+  if (seconds < 60 && seconds > -300) return "just now";
+  if (seconds > 0 && seconds < 3600) return fmt::format("{} min ago", seconds / 60);
+  if (seconds > 0 && seconds < 86'400) return fmt::format("{} h ago", seconds / 3600);
+  if (seconds > 0 && seconds < 7 * 86'400) return fmt::format("{} d ago", seconds / 86'400);
+  const std::time_t time = std::chrono::system_clock::to_time_t(*date);
+  std::tm local{};
+  localtime_r(&time, &local);
+  char buffer[16];
+  std::strftime(buffer, sizeof buffer, "%Y-%m-%d", &local);
   return buffer;
 }
 
@@ -96,6 +117,7 @@ Result<json> feedJson(Feed& feed) {
   return json{
       {"id", feed.objectID().row},
       {"title", optionalString(feed.title())},
+      {"url", optionalString(feed.URL())},
       {"feed_link", optionalString(feed.feed_link())},
       {"folder_id", optionalString(feed.folder_id())},
       {"folder", *folder ? optionalString((*folder)->title()) : json(nullptr)},
@@ -133,10 +155,10 @@ json accountJson(Account& account) {
       {"title", optionalString(account.title())},
       {"api_endpoint", optionalString(account.api_endpoint())},
       {"last_sync", jsonDate(account.last_sync())},
-      {"syncError", nullptr},
+      {"sync_error", nullptr},
   };
   if (const auto& error = account.syncError()) {
-    out["syncError"] = {{"description", error->description}, {"recoverySuggestion", error->recoverySuggestion}};
+    out["sync_error"] = {{"description", error->description}, {"recovery_suggestion", error->recoverySuggestion}};
   }
   return out;
 }
@@ -164,14 +186,57 @@ json offlineOperationJson(OfflineOperation& operation, Account& account) {
   };
 }
 
+namespace {
+
+// Widths of the list columns: the feed gets a fifth of what is left after id, date and marks,
+// the title the rest.
+struct ListColumns {
+  size_t feed;
+  size_t title;
+};
+
+ListColumns listColumns() {
+  constexpr size_t kFixed = 7 + 2 + 10 + 2 + 2 + 2 + 2;  // id, date, marks and the gaps
+  const size_t rest = std::max<size_t>(terminalColumns(), kFixed + 30) - kFixed;
+  const size_t feed = std::clamp<size_t>(rest / 5, 8, 24);
+  return {feed, rest - feed};
+}
+
+}  // namespace
+
 std::string bookmarkLine(Bookmark& bookmark) {
   std::string source;
   if (auto* story = dynamic_cast<FeedStory*>(&bookmark)) {
     if (auto feed = story->feed(); feed && *feed) source = (*feed)->title().value_or("");
   }
   const std::string flags = std::string(bookmark.is_archived() ? " " : "•") + (bookmark.is_favorited() ? "★" : " ");
-  return fmt::format("{:>7}  {:16}  {}  {:20}  {}", bookmark.objectID().row, shortLocalDate(bookmark.date_added()),
-                     flags, fitColumn(source, 20), bookmark.title().value_or("(untitled)"));
+  const ListColumns columns = listColumns();
+  return fmt::format("{:>7}  {:10}  {}  {:{}}  {}", bookmark.objectID().row, relativeDate(bookmark.date_added()),
+                     flags, fitColumn(source, columns.feed), columns.feed,
+                     fitColumn(bookmark.title().value_or("(untitled)"), columns.title));
+}
+
+std::string bookmarkHeader() {
+  const ListColumns columns = listColumns();
+  return fmt::format("{:>7}  {:10}  {}  {:{}}  {}", "ID", "ADDED", "  ", "FEED", columns.feed, "TITLE");
+}
+
+size_t terminalColumns() {
+  if (const char* columns = std::getenv("COLUMNS"); columns != nullptr) {
+    const long value = std::strtol(columns, nullptr, 10);
+    if (value >= 20 && value <= 1000) return static_cast<size_t>(value);
+  }
+  winsize size{};
+  if (::isatty(STDOUT_FILENO) == 1 && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20) {
+    return size.ws_col;
+  }
+  return 80;
+}
+
+size_t displayColumns(std::string_view text) {
+  size_t columns = 0;
+  for (const char c : text) columns += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  return columns;
 }
 
 std::string fitColumn(const std::string& text, size_t width) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -25,8 +26,11 @@ namespace lectern::cli {
 
 // RFC 3339 in UTC, or null.
 nlohmann::json jsonDate(const std::optional<Date>& date);
-// "2026-11-22 10:01" in local time, or "" for no date.
+// "2026-11-22 10:01 +0100": local time with its offset, or "" for no date.
 std::string shortLocalDate(const std::optional<Date>& date);
+// For columns: "just now", "12 min ago", "3 h ago", "4 d ago" within a week, else the local day
+// ("2026-11-02"); "" for no date. At most 10 columns.
+std::string relativeDate(const std::optional<Date>& date, Date now = std::chrono::system_clock::now());
 
 // Persisted attribute names as keys, plus `id` (the local id other commands take), `feed`
 // (its title) and `account` (its unique identifier).
@@ -41,9 +45,16 @@ nlohmann::json offlineOperationJson(OfflineOperation& operation, Account& accoun
 // The name of a queued operation's code: "star", "unstar", "read", "unread", "delete".
 std::string offlineOperationName(int code);
 
-// One line of a list: id, date added, unread and starred marks, feed, title.
+// One line of a list: id, date added, unread and starred marks, feed, title, fitted to the
+// terminal's width; bookmarkHeader() names its columns.
 std::string bookmarkLine(Bookmark& bookmark);
+std::string bookmarkHeader();
 
+// The width lines are fitted to: $COLUMNS when set, else the terminal's, else 80.
+size_t terminalColumns();
+
+// Display columns of UTF-8 text (one per code point).
+size_t displayColumns(std::string_view text);
 // Truncates to `width` display columns (counting code points), with "…" when cut.
 std::string fitColumn(const std::string& text, size_t width);
 

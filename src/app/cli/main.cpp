@@ -19,7 +19,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   CliContext context;
   std::string home;
-  app.add_option("--home", home, "Keep data, configuration, logs and cache under DIR (also LECTERN_HOME)")
+  auto* homeOption = app.add_option("--home", home, "Keep data, configuration, logs and cache under DIR (also LECTERN_HOME)")
       ->type_name("DIR");
   app.add_flag("--verbose", context.options.verbose, "Mirror the log to stderr");
   app.add_flag("--offline", context.options.offline,
@@ -55,6 +55,10 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     app.exit(e);
+    return kExitUsage;
+  }
+  if (homeOption->count() > 0 && home.empty()) {
+    fmt::print(stderr, "--home: the folder cannot be empty\nRun with --help for more information.\n");
     return kExitUsage;
   }
   if (!home.empty()) context.options.home = home;
