@@ -1,7 +1,5 @@
 // `lectern extract`: the readable article of a web page, a saved page or a stored article.
 #include <fmt/format.h>
-#include <libxml/HTMLparser.h>
-#include <libxml/tree.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,9 +14,10 @@
 #include <string>
 
 #include "app/cli/Cli.h"
+#include "app/cli/Presentation.h"
+#include "app/text/ArticleText.h"
 #include "content/QKContentParser.h"
 #include "content/QKContentParserAsync.h"
-#include "core/QuietLibxml.h"
 #include "feeds/FeedDiscovery.h"
 #include "store/Bookmark.h"
 #include "store/ObjectContext.h"
@@ -26,94 +25,6 @@
 namespace lectern::cli {
 
 namespace {
-
-bool isBlockElement(std::string_view name) {
-  static constexpr std::string_view kBlocks[] = {
-      "address", "article", "aside",  "blockquote", "dd",     "div",   "dl",    "dt",      "figcaption",
-      "figure",  "footer",  "h1",     "h2",         "h3",     "h4",    "h5",    "h6",      "header",
-      "hr",      "li",      "main",   "nav",        "ol",     "p",     "pre",   "section", "table",
-      "tr",      "ul",      "center", "details",    "summary"};
-  return std::find(std::begin(kBlocks), std::end(kBlocks), name) != std::end(kBlocks);
-}
-
-// Collects text with paragraph breaks: whitespace collapses except inside <pre>; a block element
-// ends the paragraph before and after it; <br> ends the line.
-class PlainTextWriter {
- public:
-  void walk(xmlNode* node, bool preformatted) {
-    for (; node != nullptr; node = node->next) {
-      if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
-        text(reinterpret_cast<const char*>(node->content), preformatted);
-        continue;
-      }
-      if (node->type != XML_ELEMENT_NODE) continue;
-      const std::string_view name = reinterpret_cast<const char*>(node->name);
-      if (name == "script" || name == "style" || name == "head" || name == "noscript" || name == "template") continue;
-      if (name == "br") {
-        lineBreak();
-        continue;
-      }
-      const bool block = isBlockElement(name);
-      if (block) paragraphBreak();
-      if (name == "li") {
-        out_ += "- ";
-        pendingSpace_ = false;
-      }
-      walk(node->children, preformatted || name == "pre");
-      if (block) paragraphBreak();
-    }
-  }
-
-  std::string finish() {
-    while (!out_.empty() && (out_.back() == '\n' || out_.back() == ' ')) out_.pop_back();
-    return out_;
-  }
-
- private:
-  void text(const char* content, bool preformatted) {
-    if (content == nullptr) return;
-    for (const char* c = content; *c != '\0'; ++c) {
-      const bool space = *c == ' ' || *c == '\t' || *c == '\n' || *c == '\r' || *c == '\f';
-      if (preformatted) {
-        out_ += *c;
-        continue;
-      }
-      if (space) {
-        pendingSpace_ = !out_.empty() && out_.back() != '\n';
-        continue;
-      }
-      if (pendingSpace_) out_ += ' ';
-      pendingSpace_ = false;
-      out_ += *c;
-    }
-  }
-  void lineBreak() {
-    out_ += '\n';
-    pendingSpace_ = false;
-  }
-  void paragraphBreak() {
-    pendingSpace_ = false;
-    while (!out_.empty() && out_.back() == ' ') out_.pop_back();
-    if (out_.empty() || out_.ends_with("\n\n")) return;
-    out_ += out_.back() == '\n' ? "\n" : "\n\n";
-  }
-
-  std::string out_;
-  bool pendingSpace_ = false;
-};
-
-// Plain paragraphs of `html`, parsed leniently and without the network.
-std::string readableText(std::string_view html) {
-  if (html.empty()) return {};
-  QuietLibxml quiet;
-  constexpr int kOptions = HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING | HTML_PARSE_NONET;
-  std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> doc(
-      htmlReadMemory(html.data(), static_cast<int>(html.size()), nullptr, "UTF-8", kOptions), xmlFreeDoc);
-  if (!doc) return {};
-  PlainTextWriter writer;
-  writer.walk(xmlDocGetRootElement(doc.get()), /*preformatted=*/false);
-  return writer.finish();
-}
 
 Error readFailure(const std::string& path, std::string_view reason) {
   return Error::make(kLecternErrorDomain, kContentPageUnreadable, fmt::format("Failed to read {}", path),
@@ -225,8 +136,11 @@ int extract(CliContext& context, const std::string& source, ExtractOutput output
     fmt::print("{}\n", object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
   } else if (output == ExtractOutput::kHtml) {
     if (!content.empty()) fmt::print("{}\n", content);
-  } else if (const std::string text = readableText(content); !text.empty()) {
-    fmt::print("{}\n", text);
+  } else if (!content.empty()) {
+    const auto text = renderArticleText(content, static_cast<int>(terminalColumns()), url);
+    for (const auto& line : text.lines) fmt::print("{}\n", line);
+    if (!text.links.empty()) fmt::print("\nLinks:\n");
+    for (const auto& link : text.links) fmt::print("[{}] {}\n", link.number, link.url);
   }
   return kExitOk;
 }

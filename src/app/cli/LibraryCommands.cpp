@@ -174,20 +174,9 @@ Result<std::vector<std::shared_ptr<Bookmark>>> selectedBookmarks(ObjectContext& 
       return fail(kLecternErrorDomain, 1, fmt::format("No folder with id {}", selection.folder),
                   "See `lectern folders` for the ids.");
     }
-    // A feed folder holds feeds, not articles: its articles are its feeds' stories.
-    if (auto* feedFolder = dynamic_cast<FeedFolder*>(folder->get())) {
-      auto feeds = feedFolder->feeds();
-      if (!feeds) return fail(feeds.error());
-      for (const auto& feed : *feeds) {
-        auto stories = feed->stories();
-        if (!stories) return fail(stories.error());
-        out.insert(out.end(), stories->begin(), stories->end());
-      }
-    } else {
-      auto bookmarks = (*folder)->bookmarks();
-      if (!bookmarks) return fail(bookmarks.error());
-      out = std::move(*bookmarks);
-    }
+    auto bookmarks = (*folder)->readerItems();
+    if (!bookmarks) return fail(bookmarks.error());
+    out = std::move(*bookmarks);
   } else {
     auto accounts = Account::services(context);
     if (!accounts) return fail(accounts.error());

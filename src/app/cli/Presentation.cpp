@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "app/text/ArticleText.h"
 #include "core/Dates.h"
 #include "store/Account.h"
 #include "store/Bookmark.h"
@@ -233,29 +234,12 @@ size_t terminalColumns() {
   return 80;
 }
 
-size_t displayColumns(std::string_view text) {
-  size_t columns = 0;
-  for (const char c : text) columns += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-  return columns;
-}
+size_t displayColumns(std::string_view text) { return displayWidth(text); }
 
 std::string fitColumn(const std::string& text, size_t width) {
-  std::string out;
-  size_t columns = 0;
-  for (size_t i = 0; i < text.size();) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    const size_t length = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 1;
-    if (columns + 1 > width || (columns + 1 == width && i + length < text.size())) {
-      out += "…";
-      return out;
-    }
-    const char ch = text[i];
-    out.append(text, i, length);
-    if (ch == '\n' || ch == '\t' || ch == '\r') out.back() = ' ';
-    ++columns;
-    i += length;
-  }
-  return out;
+  std::string flat = text;
+  std::replace_if(flat.begin(), flat.end(), [](char c) { return c == '\n' || c == '\t' || c == '\r'; }, ' ');
+  return fitToWidth(flat, width);
 }
 
 }  // namespace lectern::cli

@@ -53,9 +53,9 @@ std::string bookmarkHeader();
 // The width lines are fitted to: $COLUMNS when set, else the terminal's, else 80.
 size_t terminalColumns();
 
-// Display columns of UTF-8 text (one per code point).
+// Display columns of UTF-8 text (wide characters count two).
 size_t displayColumns(std::string_view text);
-// Truncates to `width` display columns (counting code points), with "…" when cut.
+// Truncates to `width` display columns, with "…" when cut; line breaks and tabs become spaces.
 std::string fitColumn(const std::string& text, size_t width);
 
 }  // namespace lectern::cli

@@ -1,6 +1,5 @@
 // Commands for reading: show (one article as text), open (in the browser), read (the terminal reader).
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,24 +35,9 @@ namespace lectern::cli {
 
 namespace {
 
-constexpr int kDefaultWidth = 80;
 // The reader lists at most this many articles of its scope (or of a search).
 constexpr std::int64_t kReaderListLimit = 1000;
 constexpr auto kChangesWait = std::chrono::seconds(30);
-
-// COLUMNS when it is set, else the terminal's width, else 80.
-int terminalWidth() {
-  if (const char* columns = std::getenv("COLUMNS"); columns && *columns) {
-    char* end = nullptr;
-    const long value = std::strtol(columns, &end, 10);
-    if (end && *end == '\0' && value > 0 && value < 10'000) return static_cast<int>(value);
-  }
-  winsize size{};
-  if (::isatty(STDOUT_FILENO) == 1 && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
-    return size.ws_col;
-  }
-  return kDefaultWidth;
-}
 
 // The page of a bookmark as `show` and the reader show it.
 Result<ArticleDocument> articleDocument(Bookmark& bookmark) {
@@ -140,7 +124,7 @@ int runShow(CliContext& cli, const ShowOptions& options) {
     auto document = articleDocument(**bookmark);
     if (!checkResult(document)) return kExitFailure;
     std::string text;
-    for (const auto& line : renderArticlePage(*document, terminalWidth()).lines) text += line + "\n";
+    for (const auto& line : renderArticlePage(*document, static_cast<int>(terminalColumns())).lines) text += line + "\n";
     if (!stdoutIsTerminal() || !showInPager(text)) {
       fmt::print("{}", text);
       std::fflush(stdout);
