@@ -1,10 +1,13 @@
 // A cold sync (every story new) and a warm sync (nothing new) of 300 feeds of 50 entries each,
 // served by a local HTTP server, through the sync manager into a library in a temporary folder.
+// The warm sync runs twice: against a server that answers every request in full, and against one
+// that answers 304 to a request carrying the document's current ETag.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 #include <httplib.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
@@ -27,9 +30,11 @@ namespace {
 constexpr int kFeeds = 300;
 constexpr int kEntries = 50;
 
+enum class Validation { kNone, kETag };
+
 class FeedSite {
  public:
-  explicit FeedSite(Date now) {
+  explicit FeedSite(Date now, Validation validation = Validation::kNone) {
     for (int feed = 0; feed < kFeeds; ++feed) {
       std::string body =
           R"(<?xml version="1.0" encoding="utf-8"?><feed xmlns="http://www.w3.org/2005/Atom">)";
@@ -44,9 +49,19 @@ class FeedSite {
       }
       bodies_.push_back(body + "</feed>");
     }
-    server_.Get(R"(/feeds/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
-      response.set_content(bodies_.at(std::stoul(request.matches[1].str())), "application/atom+xml");
-    });
+    server_.Get(
+        R"(/feeds/(\d+))", [this, validation](const httplib::Request& request, httplib::Response& response) {
+          const std::string etag = "\"" + request.matches[1].str() + "\"";  // the documents never change
+          if (validation == Validation::kETag) {
+            response.set_header("ETag", etag);
+            if (request.get_header_value("If-None-Match") == etag) {
+              ++notModified_;
+              response.status = 304;
+              return;
+            }
+          }
+          response.set_content(bodies_.at(std::stoul(request.matches[1].str())), "application/atom+xml");
+        });
     server_.set_tcp_nodelay(true);  // otherwise delayed ACKs add 40 ms to each answer
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
@@ -57,8 +72,10 @@ class FeedSite {
     thread_.join();
   }
   std::string url(int feed) const { return fmt::format("http://127.0.0.1:{}/feeds/{}", port_, feed); }
+  int notModified() const { return notModified_; }
 
  private:
+  std::atomic<int> notModified_ = 0;
   std::vector<std::string> bodies_;
   httplib::Server server_;
   std::thread thread_;
@@ -136,8 +153,20 @@ void BM_WarmSync(benchmark::State& state) {
   state.counters["feeds"] = kFeeds;
 }
 
+void BM_WarmSyncNotModified(benchmark::State& state) {
+  Log::setDebugEnabled(false);
+  FeedSite site(std::chrono::system_clock::now(), Validation::kETag);
+  Library library(site);
+  library.sync();
+  for (auto _ : state) timed(state, library);
+  state.counters["stories"] = static_cast<double>(library.stories());
+  state.counters["feeds"] = kFeeds;
+  state.counters["not_modified"] = site.notModified();
+}
+
 BENCHMARK(BM_ColdSync)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_WarmSync)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_WarmSyncNotModified)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);
 
 }  // namespace
 }  // namespace lectern

@@ -6,6 +6,7 @@
 
 #include "core/Dates.h"
 #include "core/Strings.h"
+#include "feeds/FeedLinks.h"
 #include "feeds/FeedStrings.h"
 #include "feeds/XMLReader.h"
 
@@ -84,9 +85,29 @@ std::string firstNonEmpty(const XmlNode& node, std::initializer_list<std::string
   return {};
 }
 
-Date entryDate(const XmlNode& node, std::initializer_list<std::string_view> keyPaths, DateFormatHint hint,
-               Date now) {
-  return dateFromInternetDateTimeString(firstNonEmpty(node, keyPaths), hint).value_or(now);
+void setEntryDate(RSSEntry& entry, const XmlNode& node, std::initializer_list<std::string_view> keyPaths,
+                  DateFormatHint hint, Date now) {
+  const auto date = dateFromInternetDateTimeString(firstNonEmpty(node, keyPaths), hint);
+  entry.date = date.value_or(now);
+  entry.undated = !date;
+}
+
+// The base URL in force inside `node`: its xml:base resolved against the one around it.
+std::string baseOf(const XmlNode& node, std::string_view outer) {
+  const XmlValue* declared = node.find("xml:base");
+  if (!declared || !declared->isString()) return std::string(outer);
+  return resolveLinkReference(outer, trimWhitespaces(declared->asString()));
+}
+
+// The base inside the child element `element` of `node` (its first, when repeated).
+std::string childBase(const XmlNode& node, std::string_view element, std::string_view outer) {
+  const XmlNode child = dictionaryAt(node, element);
+  return child.empty() ? std::string(outer) : baseOf(child, outer);
+}
+
+// An entry's link made absolute; an empty one stays empty (the entry has none).
+std::string absoluteLink(std::string link, std::string_view base) {
+  return link.empty() ? link : resolveLinkReference(base, link);
 }
 
 // A text construct read as a plain field (title, subtitle, rights): one of type "xhtml" holds
@@ -100,9 +121,10 @@ std::string atomText(const XmlNode& node, std::string_view element) {
   return value;
 }
 
-void parseAtom(const XmlNode& feedNode, RSSFeed& feed, Date now) {
+void parseAtom(const XmlNode& feedNode, RSSFeed& feed, Date now, std::string_view documentURL) {
   feed.type = RSSFeedType::kAtom;
-  feed.title = atomText(feedNode, "title");
+  const std::string feedBase = baseOf(feedNode, documentURL);
+  feed.title = collapseWhitespace(atomText(feedNode, "title"));
   feed.url = lookup(feedNode, "link.href");
   feed.descriptionText = atomText(feedNode, "subtitle");
   feed.author = lookup(feedNode, "author.name.textNode");
@@ -116,15 +138,18 @@ void parseAtom(const XmlNode& feedNode, RSSFeed& feed, Date now) {
 
   for (const XmlNode& node : dictionariesUnder(feedNode.find("entry"))) {
     RSSEntry& entry = feed.articles.emplace_back();
-    entry.title = atomText(node, "title");
-    entry.url = lookup(node, "link.href");
+    const std::string entryBase = baseOf(node, feedBase);
+    entry.title = collapseWhitespace(atomText(node, "title"));
+    entry.url = absoluteLink(lookup(node, "link.href"), childBase(node, "link", entryBase));
     entry.uid = lookup(node, "id.textNode");
-    entry.summary = lookup(node, "summary.textNode");
+    entry.summary =
+        resolveRelativeLinksInHtml(lookup(node, "summary.textNode"), childBase(node, "summary", entryBase));
     entry.copyright = atomText(node, "rights");
     entry.author = lookup(node, "author.name.textNode");
-    entry.content = lookup(node, "content.textNode", WhitespaceTrim::kKeep);
+    entry.content = resolveRelativeLinksInHtml(lookup(node, "content.textNode", WhitespaceTrim::kKeep),
+                                               childBase(node, "content", entryBase));
     if (entry.content->empty() && !entry.summary->empty()) entry.content = entry.summary;
-    entry.date = entryDate(node, {"updated.textNode", "published.textNode"}, DateFormatHint::kRFC3339, now);
+    setEntryDate(entry, node, {"updated.textNode", "published.textNode"}, DateFormatHint::kRFC3339, now);
   }
 }
 
@@ -145,10 +170,12 @@ std::optional<RSSAttachedMedia> enclosureOf(const XmlNode& item) {
   return media;
 }
 
-void parseRSS(const XmlNode& root, std::string_view rootName, RSSFeed& feed, Date now) {
+void parseRSS(const XmlNode& root, std::string_view rootName, RSSFeed& feed, Date now,
+              std::string_view documentURL) {
   feed.type = RSSFeedType::kRSS;
   const XmlNode channel = dictionaryAt(root, std::string(rootName) + ".channel");
-  feed.title = lookup(channel, "title.textNode");
+  const std::string channelBase = baseOf(channel, baseOf(dictionaryAt(root, rootName), documentURL));
+  feed.title = collapseWhitespace(lookup(channel, "title.textNode"));
   feed.url = lookup(channel, "link.textNode");
   feed.descriptionText = lookup(channel, "description.textNode");
   feed.author = lookup(channel, "managingEditor.textNode");
@@ -167,8 +194,9 @@ void parseRSS(const XmlNode& root, std::string_view rootName, RSSFeed& feed, Dat
   if (!items) items = follow(root, "rdf:RDF.item").value;
   for (const XmlNode& node : dictionariesUnder(items)) {
     RSSEntry& entry = feed.articles.emplace_back();
-    entry.title = lookup(node, "title.textNode");
-    entry.url = lookup(node, "link.textNode");
+    const std::string itemBase = baseOf(node, channelBase);
+    entry.title = collapseWhitespace(lookup(node, "title.textNode"));
+    entry.url = absoluteLink(lookup(node, "link.textNode"), childBase(node, "link", itemBase));
     entry.uid = lookup(node, "guid.textNode");
     entry.summary = lookup(node, "description.textNode");
     entry.comments = lookup(node, "comments.textNode");
@@ -176,22 +204,28 @@ void parseRSS(const XmlNode& root, std::string_view rootName, RSSFeed& feed, Dat
     std::string content = lookup(node, "content:encoded.textNode", WhitespaceTrim::kKeep);
     if (content.empty() && !entry.summary->empty()) content = *entry.summary;
     if (entry.author->empty()) entry.author = lookup(node, "dc:creator.textNode");
-    entry.date = entryDate(node, {"pubDate.textNode", "dc:date.textNode", "published.textNode"},
-                           DateFormatHint::kRFC822, now);
+    setEntryDate(entry, node, {"pubDate.textNode", "dc:date.textNode", "published.textNode"},
+                 DateFormatHint::kRFC822, now);
     entry.attachedMedia = enclosureOf(node);
-    entry.content = FeedDocumentParser::fixRelativeLinksInImageTags(std::move(content), *entry.url);
+    // Root-relative pictures go to the entry's host first, as they always have; what is still
+    // relative then is resolved against the item's base.
+    content = FeedDocumentParser::fixRelativeLinksInImageTags(std::move(content), *entry.url);
+    const std::string_view contentElement =
+        node.find("content:encoded") ? std::string_view("content:encoded") : std::string_view("description");
+    entry.content = resolveRelativeLinksInHtml(content, childBase(node, contentElement, itemBase));
   }
 }
 
 }  // namespace
 
-Result<RSSFeed> FeedDocumentParser::parseResponseDictionary(const XmlNode& root, Date now) {
+Result<RSSFeed> FeedDocumentParser::parseResponseDictionary(const XmlNode& root, Date now,
+                                                            std::string_view documentURL) {
   const std::string_view rootName = root.empty() ? std::string_view() : root.entries().front().key;
   RSSFeed feed;
   if (rootName == "feed") {
-    parseAtom(dictionaryAt(root, rootName), feed, now);
+    parseAtom(dictionaryAt(root, rootName), feed, now, documentURL);
   } else if (rootName == "rss" || rootName == "rdf:RDF") {
-    parseRSS(root, rootName, feed, now);
+    parseRSS(root, rootName, feed, now, documentURL);
   } else {
     return fail(kQKFeedParserClientErrorDomain, kInvalidFeedErrorCode, "Invalid feed",
                 "Couldn't find the root element of feed");
@@ -199,10 +233,11 @@ Result<RSSFeed> FeedDocumentParser::parseResponseDictionary(const XmlNode& root,
   return feed;
 }
 
-Result<RSSFeed> FeedDocumentParser::parseFeedData(std::string_view data, Date now) {
+Result<RSSFeed> FeedDocumentParser::parseFeedData(std::string_view data, Date now,
+                                                  std::string_view documentURL) {
   auto document = XMLReader::dictionaryForXMLData(data);
   if (!document) return fail(document.error());
-  return parseResponseDictionary(document->root(), now);
+  return parseResponseDictionary(document->root(), now, documentURL);
 }
 
 std::string_view FeedDocumentParser::valueForKeyPath(const XmlNode& dictionary, std::string_view keyPath,

@@ -22,11 +22,15 @@ class FeedDocumentParser {
   // The root names the format: "feed" (Atom), "rss" or "rdf:RDF". Anything else fails with
   // "Invalid feed" / "Couldn't find the root element of feed" (domain "QKFeedParserClient", code 1).
   // Missing elements never fail: string fields become "". Entries without a readable date are
-  // dated `now`.
-  static Result<RSSFeed> parseResponseDictionary(const XmlNode& root, Date now);
+  // dated `now` (and marked `undated`). Titles are one line. Entry links and the href and src
+  // attributes of content and summary are made absolute against the base in force there
+  // (xml:base on the element or any ancestor, resolved in turn against `documentURL`, the
+  // document's own address); with no absolute base they stay as written.
+  static Result<RSSFeed> parseResponseDictionary(const XmlNode& root, Date now,
+                                                 std::string_view documentURL = {});
 
   // XMLReader::dictionaryForXMLData and then parseResponseDictionary: bytes to feed.
-  static Result<RSSFeed> parseFeedData(std::string_view data, Date now);
+  static Result<RSSFeed> parseFeedData(std::string_view data, Date now, std::string_view documentURL = {});
 
   // The one lookup every field goes through. The path's parent is looked up first: a dictionary
   // gives the value of the whole path; a list (a repeated element) gives the first member's value,

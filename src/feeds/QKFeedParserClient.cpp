@@ -71,8 +71,8 @@ void QKFeedParserClient::fetchFeed(Completion onComplete) {
       [&session, onComplete](AFHTTPRequestOperation& operation, const ResponseObject& object) {
         const std::string fallback =
             std::holds_alternative<std::monostate>(object) ? operation.responseData() : "";
-        Result<RSSFeed> feed =
-            FeedDocumentParser::parseFeedData(responseBytes(object, fallback), session.clock().now());
+        Result<RSSFeed> feed = FeedDocumentParser::parseFeedData(
+            responseBytes(object, fallback), session.clock().now(), operation.request().url);
         if (!feed) logDebugMessage(kLogCategory, "Feed not parsed: {}", feed.error().message());
         session.mainQueue().post([onComplete, feed = std::make_shared<Result<RSSFeed>>(std::move(
                                                   feed))]() mutable { onComplete(std::move(*feed)); });
@@ -85,13 +85,39 @@ void QKFeedParserClient::fetchFeed(Completion onComplete) {
 }
 
 Result<RSSFeed> QKFeedParserClient::synchronouslyFetchFeed() {
-  const SynchronousResponse response = synchronouslyGetPath(path_, nullptr, synchronousTimeout_);
+  auto fetched = synchronouslyFetchFeed(FeedValidators{});
+  if (!fetched) return fail(fetched.error());
+  // Nothing was held, so nothing could be "not modified"; a 304 anyway is a server's mistake.
+  if (!fetched->feed)
+    return fail(fetchError(
+        makeURLError(URLErrorCode::kBadServerResponse, url_, "Not modified, though nothing was held"), url_));
+  return std::move(*fetched->feed);
+}
+
+Result<ConditionalFeed> QKFeedParserClient::synchronouslyFetchFeed(const FeedValidators& held) {
+  HttpRequest request = requestWithMethod("GET", path_, nullptr);
+  if (held.etag) request.headers.set("If-None-Match", *held.etag);
+  if (held.lastModified) request.headers.set("If-Modified-Since", *held.lastModified);
+  const SynchronousResponse response = synchronouslyPerformRequest(std::move(request), synchronousTimeout_);
+  const auto head = response.operation ? response.operation->response() : std::nullopt;
+  const bool conditional = held.etag || held.lastModified;
+  if (conditional && head && head->statusCode == 304) {
+    logDebugMessage(kLogCategory, "Not modified: {}", url_);
+    return ConditionalFeed{std::nullopt, held};
+  }
   if (response.error) return fail(fetchError(*response.error, url_));
   const std::string fallback = std::holds_alternative<std::monostate>(response.responseObject)
                                    ? response.operation->responseData()
                                    : std::string();
-  return FeedDocumentParser::parseFeedData(responseBytes(response.responseObject, fallback),
-                                           session().clock().now());
+  auto feed = FeedDocumentParser::parseFeedData(responseBytes(response.responseObject, fallback),
+                                                session().clock().now(), url_);
+  if (!feed) return fail(feed.error());
+  FeedValidators validators;
+  if (head) {
+    validators.etag = head->headers.value("ETag");
+    validators.lastModified = head->headers.value("Last-Modified");
+  }
+  return ConditionalFeed{std::move(*feed), std::move(validators)};
 }
 
 }  // namespace lectern

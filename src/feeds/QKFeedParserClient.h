@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,20 @@
 #include "net/AFHTTPClient.h"
 
 namespace lectern {
+
+// The validators of the copy of a feed document the caller holds, as the server gave them.
+struct FeedValidators {
+  std::optional<std::string> etag;          // "ETag", sent back as "If-None-Match"
+  std::optional<std::string> lastModified;  // "Last-Modified", sent back as "If-Modified-Since"
+  bool operator==(const FeedValidators&) const = default;
+};
+
+// The answer to a conditional fetch: the parsed feed, or nothing when the server answered 304
+// (the copy the caller holds is current; nothing was parsed).
+struct ConditionalFeed {
+  std::optional<RSSFeed> feed;
+  FeedValidators validators;  // of this answer; on a 304, the ones sent
+};
 
 // Downloads one feed document and parses it into an RSSFeed. A new client is made for each fetch
 // (by the subscribe command or a refresh operation); fetchFeed's completion runs on the main queue.
@@ -40,6 +55,9 @@ class QKFeedParserClient : public AFHTTPClient {
   // The same, blocking the calling worker thread for at most the synchronous timeout. Never
   // needs the main thread.
   Result<RSSFeed> synchronouslyFetchFeed();
+  // The same, conditional on `held` (no header for a validator it lacks). Relative links of the
+  // document are resolved against the feed's address.
+  Result<ConditionalFeed> synchronouslyFetchFeed(const FeedValidators& held);
 
   // For tests: a shorter limit than kSynchronousFetchTimeout.
   void setSynchronousTimeout(std::chrono::duration<double> timeout) { synchronousTimeout_ = timeout; }

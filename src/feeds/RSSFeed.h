@@ -38,6 +38,7 @@ struct RSSEntry {
   std::optional<std::string> copyright;
   std::optional<std::string> author;
   std::optional<Date> date;
+  bool undated = false;  // the document gave no readable date: `date` is when it was read
   std::vector<std::string> categories;
   std::optional<RSSAttachedMedia> attachedMedia;
 };

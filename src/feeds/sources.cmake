@@ -6,6 +6,7 @@ set(LECTERN_FEEDS_LEAF_SOURCES
   src/feeds/XhtmlCapture.cpp
   src/feeds/FeedStrings.cpp
   src/feeds/FeedURLSplit.cpp
+  src/feeds/FeedLinks.cpp
   src/feeds/FeedDocumentParser.cpp
   src/feeds/RSSParser.cpp
   src/feeds/RSSFeedJson.cpp

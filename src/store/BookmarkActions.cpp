@@ -6,6 +6,8 @@
 #include "core/Reachability.h"
 #include "store/Account.h"
 #include "store/Bookmark.h"
+#include "store/Feed.h"
+#include "store/FeedStory.h"
 #include "store/Folder.h"
 #include "store/ObjectContext.h"
 #include "store/ServiceDelivery.h"
@@ -212,6 +214,13 @@ void Bookmark::deleteBookmarkWithId(std::string_view bookmarkId, Account& accoun
     return;
   }
   const std::optional<std::string> feedId = *found ? (*found)->offlineFeedId() : std::nullopt;
+  // The built-in reader's refresh would bring a deleted story back while its feed lists it.
+  if (*found && account.serviceType() == ServiceType::kLocalRSS) {
+    if (auto* story = dynamic_cast<FeedStory*>(found->get())) {
+      auto feed = story->feed();
+      if (feed && *feed && story->bookmark_id()) (*feed)->recordDeletedEntry(*story->bookmark_id());
+    }
+  }
   // The item goes at once, online or not: a queued delete carries what its service needs.
   if (*found) context.deleteObject(**found);
   const std::string id(bookmarkId);

@@ -43,7 +43,8 @@ constexpr ColumnInfo kFolderColumns[] = {
     {"is_expanded", kBoolean}, {"feed_link", kText},           {"date_updated", kDate},
     {"last_refresh", kDate},   {"last_error", kText},          {"failing_since", kDate},
     {"predicate", kText},      {"showNotification", kBoolean}, {"badgeIndex", kInteger},
-    {"groupIndex", kInteger},  {"sortIndex", kInteger}};
+    {"groupIndex", kInteger},  {"sortIndex", kInteger},        {"http_etag", kText},
+    {"http_last_modified", kText}, {"older_not_kept", kInteger}};
 constexpr ColumnInfo kBookmarkColumns[] = {
     {"entity", kText},         {"account", kReference},    {"bookmark_id", kText},
     {"bookmark_hash", kText},  {"title", kText},           {"url", kText},

@@ -90,7 +90,10 @@ enum : int {
   kShowNotification,
   kBadgeIndex,
   kGroupIndex,
-  kSortIndex
+  kSortIndex,
+  kHttpEtag,
+  kHttpLastModified,
+  kOlderNotKept
 };
 }
 namespace BookmarkColumn {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <nlohmann/json.hpp>
 
 #include "core/UserDefaults.h"
 #include "store/FeedStory.h"
@@ -40,6 +41,43 @@ void Feed::recordRefreshFailed(Date at, std::string error) {
   setLast_refresh(at);
   setLast_error(std::move(error));
   if (!failing_since()) setFailing_since(at);
+}
+
+std::optional<std::string> Feed::http_etag() const { return textValue(kHttpEtag); }
+void Feed::setHttp_etag(std::optional<std::string> etag) { setText(kHttpEtag, std::move(etag)); }
+std::optional<std::string> Feed::http_last_modified() const { return textValue(kHttpLastModified); }
+void Feed::setHttp_last_modified(std::optional<std::string> date) {
+  setText(kHttpLastModified, std::move(date));
+}
+std::int64_t Feed::older_not_kept() const { return integerValue(kOlderNotKept); }
+void Feed::setOlder_not_kept(std::int64_t count) { setInteger(kOlderNotKept, count); }
+
+Result<std::set<std::string>> Feed::deletedEntryIds() const {
+  const SqlValue row[] = {objectID().row};
+  auto rows = managedObjectContext().select("SELECT entry_id FROM DeletedEntry WHERE feed = ?", row);
+  if (!rows) return fail(rows.error());
+  std::set<std::string> ids;
+  for (const auto& found : *rows) {
+    if (auto id = textOf(found[0])) ids.insert(std::move(*id));
+  }
+  return ids;
+}
+
+void Feed::recordDeletedEntry(const std::string& entryId) {
+  // The feed may go in the same save: a record of a feed that is gone is not written.
+  const SqlValue arguments[] = {objectID().row, entryId, objectID().row};
+  managedObjectContext().writeRelationship(
+      "INSERT OR IGNORE INTO DeletedEntry (feed, entry_id) SELECT ?, ? WHERE EXISTS"
+      " (SELECT 1 FROM Folder WHERE id = ?)",
+      arguments, objectID(), objectID());
+}
+
+void Feed::forgetDeletedEntries(const std::vector<std::string>& entryIds) {
+  if (entryIds.empty()) return;
+  const SqlValue arguments[] = {objectID().row, nlohmann::json(entryIds).dump()};
+  managedObjectContext().writeRelationship(
+      "DELETE FROM DeletedEntry WHERE feed = ? AND entry_id IN (SELECT value FROM json_each(?))", arguments,
+      objectID(), objectID());
 }
 
 Result<std::vector<std::shared_ptr<FeedStory>>> Feed::stories(const BookmarkQuery& query) const {
@@ -90,7 +128,11 @@ std::int64_t Feed::daysKeepUnreadItems(const UserDefaults& defaults) {
 }
 
 Date Feed::calculateKeepDate(const UserDefaults& defaults, const Clock& clock) {
-  int days = 7;
+  return clock.now() - std::chrono::hours(24 * keepPeriodDays(defaults));
+}
+
+std::int64_t Feed::keepPeriodDays(const UserDefaults& defaults) {
+  std::int64_t days = 7;
   switch (daysKeepUnreadItems(defaults)) {
     case 1:
       days = 1;
@@ -120,7 +162,7 @@ Date Feed::calculateKeepDate(const UserDefaults& defaults, const Clock& clock) {
       days = 7;
       break;
   }
-  return clock.now() - std::chrono::hours(24 * days);
+  return days;
 }
 
 void Feed::prepareForDeletion() {

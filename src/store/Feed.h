@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,22 @@ class Feed final : public FeedFolder {
   void recordRefreshSucceeded(Date at);
   void recordRefreshFailed(Date at, std::string error);
 
+  // The validators of the last full answer, sent back as If-None-Match and If-Modified-Since.
+  std::optional<std::string> http_etag() const;
+  void setHttp_etag(std::optional<std::string> etag);
+  std::optional<std::string> http_last_modified() const;
+  void setHttp_last_modified(std::optional<std::string> date);
+  // How many entries the feed's first refresh left out as older than the keep period (0: none).
+  std::int64_t older_not_kept() const;
+  void setOlder_not_kept(std::int64_t count);
+
+  // The entries of this feed the person deleted (by the link a refresh compares), recorded for as
+  // long as the feed lists them so that a refresh does not bring them back. Written at the save.
+  Result<std::set<std::string>> deletedEntryIds() const;
+  void recordDeletedEntry(const std::string& entryId);
+  // Drops the records of `entryIds`: entries the feed no longer lists.
+  void forgetDeletedEntries(const std::vector<std::string>& entryIds);
+
   Result<std::vector<std::shared_ptr<FeedStory>>> stories(const BookmarkQuery& query = {}) const;
   Result<std::int64_t> unreadCount() const override;
   Result<std::vector<std::shared_ptr<FeedFolder>>> feedFolders() const;
@@ -49,6 +66,8 @@ class Feed final : public FeedFolder {
 
   // The "DaysKeepFeedReadItemsIndex" preference.
   static std::int64_t daysKeepUnreadItems(const UserDefaults& defaults);
+  // The keep period, in days, that the index selects.
+  static std::int64_t keepPeriodDays(const UserDefaults& defaults);
   // Now minus the keep period the index selects: read stories older than this are deleted.
   static Date calculateKeepDate(const UserDefaults& defaults, const Clock& clock);
 

@@ -184,7 +184,15 @@ Result<void> MigrationManager::copyMemberships() {
         membership.table, membership.left, membership.leftTable, membership.right, membership.rightTable);
     if (auto copied = db_.execute(sql); !copied) return copied;
   }
-  return {};
+  // The records of deleted entries hang off their feed alone (since 2.8).
+  auto source = columnsOf("src", "DeletedEntry");
+  if (!source) return fail(source.error());
+  auto destination = destinationColumns("DeletedEntry");
+  if (!destination) return fail(destination.error());
+  if (source->empty() || destination->empty()) return {};
+  return db_.execute(
+      "INSERT OR IGNORE INTO main.DeletedEntry (feed, entry_id) SELECT feed, entry_id FROM src.DeletedEntry"
+      " WHERE feed IN (SELECT id FROM main.Folder)");
 }
 
 Result<void> EntityMigrationPolicy::createDestinationInstancesForSourceInstance(const SourceInstance& source,

@@ -100,7 +100,8 @@ std::vector<MappingModel> builtInMappingModels() {
   return {makeMappingModel("Lectern 2.4", "Lectern 2.41", "2.41"),
           makeMappingModel("Lectern 2.41", "Lectern 2.5", "2.5"),
           makeMappingModel("Lectern 2.5", "Lectern 2.6", "2.6"),
-          makeMappingModel("Lectern 2.6", "Lectern 2.7", "2.7")};
+          makeMappingModel("Lectern 2.6", "Lectern 2.7", "2.7"),
+          makeMappingModel("Lectern 2.7", "Lectern 2.8", "2.8")};
 }
 
 }  // namespace lectern

@@ -37,7 +37,8 @@ class QKSmartFolderToSmartFolderPolicy : public EntityMigrationPolicy {
   static std::vector<std::string> extractPredicatesFromCompoundPredicate(const std::string& predicate);
 };
 
-// The step mappings Lectern ships: "Lectern 2.4" to "Lectern 2.41", on to "Lectern 2.5" and "Lectern 2.6".
+// The step mappings Lectern ships: "Lectern 2.4" to "Lectern 2.41", and on one version at a time
+// to the current one.
 std::vector<MappingModel> builtInMappingModels();
 // Every entity mapped to itself with the given "modelVersion" and the custom policies.
 MappingModel makeMappingModel(std::string sourceModelName, std::string destinationModelName,

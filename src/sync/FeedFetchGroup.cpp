@@ -1,13 +1,13 @@
 #include "sync/FeedFetchGroup.h"
 
-#include "feeds/QKFeedParserClient.h"
 #include "net/URLError.h"
 
 namespace lectern {
 
 FeedFetchGroup::FeedFetchGroup(NetworkSession& session) : session_(session) {}
 
-Result<RSSFeed> FeedFetchGroup::synchronouslyFetchFeed(const std::string& url) {
+Result<ConditionalFeed> FeedFetchGroup::synchronouslyFetchFeed(const std::string& url,
+                                                               const FeedValidators& held) {
   QKFeedParserClient client(session_, url);
   {
     std::lock_guard lock(mutex_);
@@ -17,7 +17,7 @@ Result<RSSFeed> FeedFetchGroup::synchronouslyFetchFeed(const std::string& url) {
     }
     active_.insert(&client);
   }
-  auto feed = client.synchronouslyFetchFeed();
+  auto feed = client.synchronouslyFetchFeed(held);
   std::lock_guard lock(mutex_);
   active_.erase(&client);
   return feed;

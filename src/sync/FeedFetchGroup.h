@@ -5,12 +5,12 @@
 #include <string>
 
 #include "core/Error.h"
+#include "feeds/QKFeedParserClient.h"
 #include "feeds/RSSFeed.h"
 
 namespace lectern {
 
 class NetworkSession;
-class QKFeedParserClient;
 
 // The feed downloads of one refresh, each through a feed client of its own. Cancelling stops the
 // downloads under way and refuses new ones. Thread-safe: several download threads use it at once.
@@ -18,9 +18,9 @@ class FeedFetchGroup {
  public:
   explicit FeedFetchGroup(NetworkSession& session);
 
-  // QKFeedParserClient's synchronouslyFetchFeed with a client of its own: blocking for at most
-  // the client's timeout; "Failed to fetch feed: <url>" or the parser's error.
-  Result<RSSFeed> synchronouslyFetchFeed(const std::string& url);
+  // QKFeedParserClient's conditional synchronouslyFetchFeed with a client of its own: blocking for
+  // at most the client's timeout; "Failed to fetch feed: <url>" or the parser's error.
+  Result<ConditionalFeed> synchronouslyFetchFeed(const std::string& url, const FeedValidators& held);
   void cancelAll();
 
  private:

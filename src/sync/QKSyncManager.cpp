@@ -1,5 +1,7 @@
 #include "sync/QKSyncManager.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "core/Dates.h"
@@ -168,8 +170,9 @@ void QKSyncManager::operationFinished(SyncOperation& operation) {
   logDebugMessage(kCategory, "Did finished sync: {}", titleOf(*account));
   account->setIsSyncing(false);
   if (!error && !operation.isCancelled()) account->setIsInitialSync(false);
-  reportFinished(*account, AccountSyncReport{account->objectID(), titleOf(*account), error,
-                                             operation.feedErrors(), operation.isCancelled()});
+  reportFinished(*account,
+                 AccountSyncReport{account->objectID(), titleOf(*account), error, operation.feedErrors(),
+                                   operation.isCancelled(), operation.feedsWithOlderEntriesNotKept()});
 
   if (--runningCount_ == 0) {
     isSyncing_ = false;
@@ -227,6 +230,12 @@ void QKSyncManager::rearrangeSmartFoldersWithDatePredicate() {
     if (folder->entity() == Entity::kSmartFolder)
       rearranger_->rearrangeIfHasDatePredicate(static_cast<SmartFolder&>(*folder));
   }
+}
+
+std::string olderEntriesNotKeptNote(std::int64_t count, std::int64_t keepDays) {
+  return fmt::format(
+      "{} older articles not kept (keep period {} {}; `lectern config set DaysKeepFeedReadItemsIndex …`)",
+      count, keepDays, keepDays == 1 ? "day" : "days");
 }
 
 }  // namespace lectern

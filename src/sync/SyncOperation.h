@@ -56,6 +56,8 @@ class SyncOperation : public Operation {
   std::optional<Error> error() const;
   // Feeds that failed without failing the sync (the built-in reader's). Thread-safe.
   virtual std::vector<FeedRefreshFailure> feedErrors() const { return {}; }
+  // Feeds whose first refresh kept nothing, every entry being older than the keep period.
+  virtual std::vector<FeedEntriesNotKept> feedsWithOlderEntriesNotKept() const { return {}; }
 
   // Set by the manager before the operation is queued.
   bool isForced() const { return isForced_; }

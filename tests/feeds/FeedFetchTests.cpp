@@ -35,6 +35,18 @@ class FeedFetch : public ::testing::Test {
       record(request);
       response.set_content(std::string(kFeed), "application/rss+xml");
     });
+    // Answers 304 to the validators it hands out, "\"v1\"" and a fixed date.
+    s.Get("/validated.xml", [this](const httplib::Request& request, httplib::Response& response) {
+      record(request);
+      response.set_header("ETag", "\"v1\"");
+      response.set_header("Last-Modified", "Sun, 01 Nov 2026 08:00:00 GMT");
+      if (request.get_header_value("If-None-Match") == "\"v1\"" ||
+          request.get_header_value("If-Modified-Since") == "Sun, 01 Nov 2026 08:00:00 GMT") {
+        response.status = 304;
+        return;
+      }
+      response.set_content(std::string(kFeed), "application/rss+xml");
+    });
     s.Get("/missing.xml", [](const httplib::Request&, httplib::Response& response) {
       response.status = 404;
       response.set_content("<html><body>gone</body></html>", "text/html");
@@ -119,6 +131,35 @@ TEST_F(FeedFetch, PortStaysAtTheFrontOfThePathYetTheRequestReachesThatPort) {
 
   // A second fetch of the same feed is not made conditional by the first one's answer.
   ASSERT_TRUE(fetchAsync(url));
+  EXPECT_FALSE(lastRequest().conditional);
+}
+
+TEST_F(FeedFetch, ConditionalFetchKeepsTheValidatorsAndReadsNothingOn304) {
+  const std::string url = server.url("/validated.xml");
+  auto full = QKFeedParserClient(net.session, url).synchronouslyFetchFeed(FeedValidators{});
+  ASSERT_TRUE(full) << full.error().message();
+  ASSERT_TRUE(full->feed);
+  EXPECT_EQ(full->feed->title, "Local news");
+  EXPECT_FALSE(lastRequest().conditional);
+  const FeedValidators held{"\"v1\"", "Sun, 01 Nov 2026 08:00:00 GMT"};
+  EXPECT_EQ(full->validators, held);
+
+  // Either validator alone is sent back and earns a 304: no feed, the validators as they were.
+  for (const FeedValidators& sent :
+       {FeedValidators{held.etag, std::nullopt}, FeedValidators{std::nullopt, held.lastModified}}) {
+    auto same = QKFeedParserClient(net.session, url).synchronouslyFetchFeed(sent);
+    ASSERT_TRUE(same) << same.error().message();
+    EXPECT_FALSE(same->feed);
+    EXPECT_EQ(same->validators, sent);
+    EXPECT_TRUE(lastRequest().conditional);
+  }
+  // Validators the server does not know get the document in full.
+  auto changed =
+      QKFeedParserClient(net.session, url).synchronouslyFetchFeed(FeedValidators{"\"v0\"", std::nullopt});
+  ASSERT_TRUE(changed);
+  EXPECT_TRUE(changed->feed);
+  // The plain fetch sends no validator.
+  ASSERT_TRUE(QKFeedParserClient(net.session, url).synchronouslyFetchFeed());
   EXPECT_FALSE(lastRequest().conditional);
 }
 

@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 
 #include "StoreTestSupport.h"
 #include "store/Bookmark.h"
+#include "store/Feed.h"
 #include "store/MigrationPolicies.h"
 #include "store/ModelVersion.h"
 #include "store/PredicateText.h"
@@ -125,7 +125,8 @@ TEST_F(MigrationTest, ALibraryThreeVersionsBehindIsMigratedStepByStep) {
             (std::vector<std::string>{"Lectern 2.4 > Lectern 2.41 @ Lectern.Lectern 2.41.storedata",
                                       "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata",
                                       "Lectern 2.5 > Lectern 2.6 @ Lectern.Lectern 2.6.storedata",
-                                      "Lectern 2.6 > Lectern 2.7 @ Lectern.Lectern 2.7.storedata"}));
+                                      "Lectern 2.6 > Lectern 2.7 @ Lectern.Lectern 2.7.storedata",
+                                      "Lectern 2.7 > Lectern 2.8 @ Lectern.Lectern 2.8.storedata"}));
   ASSERT_FALSE(delegate.progress_.empty());
   EXPECT_EQ(delegate.progress_.back(), 1.0);
   // The library as it was stays beside it (not in a temporary folder); no step file is left.
@@ -160,6 +161,9 @@ TEST_F(MigrationTest, ALibraryThreeVersionsBehindIsMigratedStepByStep) {
   EXPECT_EQ(rows("SELECT score FROM Bookmark WHERE entity = 'FeedStory'"), std::vector<std::string>{"NULL"});
   EXPECT_EQ(rows("SELECT last_refresh, last_error FROM Folder WHERE entity = 'Feed'"),
             std::vector<std::string>{"NULL|NULL"});
+  EXPECT_EQ(rows("SELECT http_etag, http_last_modified, older_not_kept FROM Folder WHERE entity = 'Feed'"),
+            std::vector<std::string>{"NULL|NULL|NULL"});
+  EXPECT_EQ(rows("SELECT count(*) FROM DeletedEntry"), std::vector<std::string>{"0"});
 
   // And the migrated library opens.
   auto pocket = Account::findService(context(), "pocket", "ann").value();
@@ -194,6 +198,41 @@ TEST_F(MigrationTest, PoliciesOfOtherModelVersionsCopyAsTheDefaultMappingDoes) {
   EXPECT_EQ(migrateWith("2.4"), asDefault);
   EXPECT_EQ(migrateWith("2.42"), asDefault);
   EXPECT_NE(migrateWith("2.41"), asDefault);
+}
+
+TEST_F(MigrationTest, ALibraryOfTheVersionBeforeGainsFeedValidatorsAndTheDeletedEntryRecord) {
+  // A 2.7 library with a feed, a story, its search index entry: one step, everything kept, and
+  // the new columns and record work in the library that opens.
+  const ModelVersion* before = modelVersionNamed("Lectern 2.7");
+  ASSERT_NE(before, nullptr);
+  writeStoreOfVersion(paths_.storeFile(), *before,
+                      {"INSERT INTO Account (id, service, title) VALUES (3, 'localrss', 'Feeds')",
+                       "INSERT INTO Folder (id, entity, account, title, folder_id, last_error) VALUES"
+                       " (14, 'Feed', 3, 'Blog', 'http://blog.example/feed', 'timed out')",
+                       "INSERT INTO Bookmark (id, entity, account, bookmark_id, title, feed) VALUES"
+                       " (22, 'FeedStory', 3, 'http://blog.example/1', 'Post', 14)"});
+  RecordingDelegate delegate;
+  ASSERT_TRUE(manager_->migrate(&delegate));
+  EXPECT_EQ(delegate.steps_,
+            std::vector<std::string>{"Lectern 2.7 > Lectern 2.8 @ Lectern.Lectern 2.8.storedata"});
+  EXPECT_EQ(rows("SELECT title, last_error, http_etag FROM Folder"),
+            std::vector<std::string>{"Blog|timed out|NULL"});
+  EXPECT_EQ(rows("SELECT rowid FROM StorySearch"), std::vector<std::string>{"22"});
+
+  auto feed = context().existingObject<Feed>(ObjectId{Entity::kFeed, 14}).value();
+  ASSERT_NE(feed, nullptr);
+  feed->setHttp_etag("\"v1\"");
+  feed->setOlder_not_kept(4);
+  feed->recordDeletedEntry("http://blog.example/0");
+  feed->recordDeletedEntry("http://blog.example/0");  // once is enough
+  ASSERT_TRUE(context().save());
+  EXPECT_EQ(rows("SELECT http_etag, older_not_kept FROM Folder WHERE id = 14"),
+            std::vector<std::string>{"\"v1\"|4"});
+  EXPECT_EQ(feed->deletedEntryIds().value(), std::set<std::string>{"http://blog.example/0"});
+  // The record goes with its feed.
+  context().deleteObject(*feed);
+  ASSERT_TRUE(context().save());
+  EXPECT_EQ(rows("SELECT count(*) FROM DeletedEntry"), std::vector<std::string>{"0"});
 }
 
 class FailingPolicy : public EntityMigrationPolicy {
@@ -288,6 +327,7 @@ TEST_F(MigrationTest, StepFileNamesAndTheMappingChain) {
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[1]).value().modelName, "Lectern 2.5");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[2]).value().modelName, "Lectern 2.6");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[3]).value().modelName, "Lectern 2.7");
+  EXPECT_EQ(chain.getDestinationModel(modelVersions()[4]).value().modelName, "Lectern 2.8");
   auto none = chain.getDestinationModel(currentModelVersion());
   ASSERT_FALSE(none);
   EXPECT_EQ(none.error().description, "No mapping model found in bundle");

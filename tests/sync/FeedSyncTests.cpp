@@ -5,7 +5,10 @@
 #include <filesystem>
 
 #include "SyncTestSupport.h"
+#include "core/Dates.h"
 #include "core/Log.h"
+#include "feeds/FeedDocumentParser.h"
+#include "services/localrss/FeedSyncOperation.h"
 #include "store/Bookmark.h"
 #include "store/Feed.h"
 #include "store/FeedStory.h"
@@ -47,13 +50,14 @@ TEST_F(FeedSyncTest, FirstSyncStoresEntriesInsideTheKeepPeriodAndMarksWeekOldOne
                  entry("three days", 3 * kDay),
                  entry("ten days", 10 * kDay),
                  entry("twenty days", 20 * kDay),
-                 entry("after the cut", hours(3))});
+                 entry("after the old one", hours(3))});
   ScopedLogCapture log;
 
   ASSERT_TRUE(syncAndWait(account));
 
-  // The walk stops at the first entry older than the keep date, even before newer ones.
-  EXPECT_THAT(storiesOf(*feed), ElementsAre("today", "three days", "ten days*"));
+  // The walk goes by date, so a recent entry listed after an old one is not missed.
+  EXPECT_THAT(storiesOf(*feed), ElementsAre("today", "after the old one", "three days", "ten days*"));
+  EXPECT_EQ(feed->older_not_kept(), 0);
   EXPECT_TRUE(log.contains("Built-in RSS: validation failed for story: no link"));
   EXPECT_TRUE(log.contains("Built-in RSS: Downloading all stories of feed: news"));
   EXPECT_TRUE(log.contains("Syncing account: Local"));
@@ -294,6 +298,171 @@ TEST_F(FeedSyncTest, PicturesOfNewStoriesAreCachedWhenTheAccountAsksForIt) {
   EXPECT_EQ(server_.imageRequests(), 1);
   EXPECT_TRUE(std::filesystem::exists(
       BookmarkImage(server_.imageUrl("newer.png")).cachedImagePath(account->imageCacheFolder())));
+}
+
+}  // namespace
+}  // namespace lectern::test
+
+namespace lectern::test {
+namespace {
+
+// An Atom document whose entries may lack a date ("" leaves <updated> out).
+std::string atomWithDates(const std::vector<std::pair<std::string, std::string>>& entries) {
+  std::string body = R"(<?xml version="1.0"?><feed xmlns="http://www.w3.org/2005/Atom"><title>f</title>)";
+  for (const auto& [title, updated] : entries) {
+    body += "<entry><title>" + title + "</title><link href=\"http://example.com/" + title + "\"/>";
+    if (!updated.empty()) body += "<updated>" + updated + "</updated>";
+    body += "</entry>";
+  }
+  return body + "</feed>";
+}
+
+TEST(FeedSyncOrder, NewestFirstWithUndatedEntriesBesideTheirNeighbours) {
+  const Date now = dateFromRFC3339String("2026-11-20T12:00:00Z").value();
+  auto titles = [&](const RSSFeed& feed) {
+    std::vector<std::string> out;
+    for (const auto& [date, entry] : FeedSyncOperation::entriesNewestFirst(feed, now))
+      out.push_back(*entry->title);
+    return out;
+  };
+  auto feedOf = [&](const std::vector<std::pair<std::string, std::string>>& entries) {
+    return FeedDocumentParser::parseFeedData(atomWithDates(entries), now).value();
+  };
+  // Oldest first, with an undated entry after "b": it stays right after "b" in the walk.
+  EXPECT_THAT(titles(feedOf({{"a", "2026-11-01T00:00:00Z"},
+                             {"b", "2026-11-02T00:00:00Z"},
+                             {"b-undated", ""},
+                             {"c", "2026-11-03T00:00:00Z"}})),
+              ElementsAre("c", "b", "b-undated", "a"));
+  // Undated entries at the top go with the first dated one; equal dates keep document order.
+  EXPECT_THAT(titles(feedOf({{"top", ""},
+                             {"x", "2026-11-01T00:00:00Z"},
+                             {"y", "2026-11-05T00:00:00Z"},
+                             {"z", "2026-11-05T00:00:00Z"}})),
+              ElementsAre("y", "z", "top", "x"));
+  // No dates at all: document order, as before.
+  EXPECT_THAT(titles(feedOf({{"p", ""}, {"q", ""}, {"r", ""}})), ElementsAre("p", "q", "r"));
+}
+
+TEST_F(FeedSyncTest, AStickyOldPostOrAnOldestFirstFeedHidesNoFreshPosts) {
+  keepDays(4);  // 7 days
+  auto account = localAccount();
+  auto sticky = addFeed(*account, "sticky");
+  auto ascending = addFeed(*account, "ascending");
+  serve("sticky",
+        {entry("pinned", 30 * kDay), entry("f1", hours(1)), entry("f2", hours(2)), entry("f3", hours(3))});
+  serve("ascending", {entry("a1", 3 * kDay), entry("a2", 2 * kDay), entry("a3", kDay)});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_THAT(storiesOf(*sticky), ElementsAre("f1", "f2", "f3"));
+  EXPECT_THAT(storiesOf(*ascending), ElementsAre("a3", "a2", "a1"));
+
+  // Later posts arrive at the bottom of the oldest-first feed and below the pinned one.
+  clock_.advance(hours(2));
+  serve("sticky",
+        {entry("pinned", 30 * kDay), entry("f0", hours(1)), entry("f1", hours(3)), entry("f2", hours(4))});
+  serve("ascending", {entry("a2", 2 * kDay), entry("a3", kDay), entry("a4", hours(1))});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_THAT(storiesOf(*sticky), ElementsAre("f0", "f1", "f2", "f3"));
+  EXPECT_THAT(storiesOf(*ascending), ElementsAre("a4", "a3", "a2", "a1"));
+}
+
+TEST_F(FeedSyncTest, DeletedStoriesStayDeletedWhileTheFeedListsThem) {
+  keepDays(4);
+  auto account = localAccount();
+  auto feed = addFeed(*account, "news");
+  serve("news", {entry("s1", hours(1)), entry("s2", hours(2)), entry("s3", hours(3))});
+  ASSERT_TRUE(syncAndWait(account));
+  auto remove = [&](const std::string& title) {
+    Bookmark::deleteBookmarkWithId("http://example.com/" + title, *account,
+                                   [](std::optional<Error> error) { EXPECT_FALSE(error); });
+    mainQueue_.drain();
+  };
+  remove("s1");  // online
+  reachability_.set(ReachabilityStatus::kNotReachable);
+  remove("s3");  // offline
+  reachability_.set(ReachabilityStatus::kReachableViaWiFi);
+  EXPECT_EQ(feed->deletedEntryIds().value(),
+            (std::set<std::string>{"http://example.com/s1", "http://example.com/s3"}));
+
+  // The newest entry was deleted: the walk stops there as at a kept story, and nothing comes back.
+  clock_.advance(hours(1));
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_THAT(storiesOf(*feed), ElementsAre("s2"));
+  // A new entry above it arrives; a longer keep period walks past known entries and still skips them.
+  serve("news", {entry("s0", hours(1)), entry("s1", hours(2)), entry("s2", hours(3)), entry("s3", hours(4))});
+  keepDays(5);
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_THAT(storiesOf(*feed), ElementsAre("s0", "s2"));
+
+  // Once the feed no longer lists an entry, its record goes.
+  serve("news", {entry("s0", hours(1)), entry("s1", hours(2)), entry("s2", hours(3))});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_EQ(feed->deletedEntryIds().value(), std::set<std::string>{"http://example.com/s1"});
+  EXPECT_THAT(storiesOf(*feed), ElementsAre("s0", "s2"));
+}
+
+TEST_F(FeedSyncTest, TheFirstRefreshOfAFeedOlderThanTheKeepPeriodSaysWhatItLeftOut) {
+  keepDays(4);  // 7 days
+  auto account = localAccount();
+  auto old = addFeed(*account, "old");
+  auto fresh = addFeed(*account, "fresh");
+  serve("old",
+        {entry("o1", 10 * kDay), entry("o2", 12 * kDay), {"no link", "", 11 * kDay}, entry("o3", 40 * kDay)});
+  serve("fresh", {entry("n1", hours(1)), entry("n2", 9 * kDay)});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_THAT(storiesOf(*old), IsEmpty());
+  EXPECT_EQ(old->older_not_kept(), 3);
+  EXPECT_EQ(fresh->older_not_kept(), 0);  // it kept something
+  ASSERT_EQ(observer_.reports.size(), 1u);
+  ASSERT_EQ(observer_.reports[0].olderNotKept.size(), 1u);
+  EXPECT_EQ(observer_.reports[0].olderNotKept[0].title, "old");
+  EXPECT_EQ(observer_.reports[0].olderNotKept[0].count, 3);
+  EXPECT_EQ(olderEntriesNotKeptNote(3, Feed::keepPeriodDays(defaults_)),
+            "3 older articles not kept (keep period 7 days; `lectern config set DaysKeepFeedReadItemsIndex "
+            "\u2026`)");
+
+  // Only the first refresh reports; the count stays on the feed until a story arrives.
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_TRUE(observer_.reports.back().olderNotKept.empty());
+  EXPECT_EQ(old->older_not_kept(), 3);
+  serve("old", {entry("o0", hours(1)), entry("o1", 10 * kDay)});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_EQ(old->older_not_kept(), 0);
+}
+
+TEST_F(FeedSyncTest, AnUnchangedFeedAnswers304AndCostsNoMerge) {
+  server_.answerConditionally();
+  keepDays(4);
+  auto account = localAccount();
+  auto feed = addFeed(*account, "news");
+  serve("news", {entry("s1", hours(1))});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_EQ(feed->http_etag(), "\"news-v1\"");
+  EXPECT_TRUE(feed->http_last_modified());
+
+  // A failure recorded meanwhile: the 304 is a successful refresh and clears it.
+  feed->recordRefreshFailed(clock_.now(), "Failed to fetch feed: timed out");
+  ASSERT_TRUE(context().save());
+  clock_.advance(hours(1));
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_EQ(server_.notModified("news"), 1);
+  EXPECT_FALSE(feed->last_error());
+  EXPECT_FALSE(feed->failing_since());
+  EXPECT_EQ(feed->last_refresh(), clock_.now());
+  EXPECT_TRUE(observer_.reports.back().failedFeeds.empty());
+
+  // A changed document is read in full, and its new validators kept.
+  serve("news", {entry("s2", hours(1)), entry("s1", hours(2))});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_EQ(server_.notModified("news"), 1);
+  EXPECT_THAT(storiesOf(*feed), ElementsAre("s2", "s1"));
+  EXPECT_EQ(feed->http_etag(), "\"news-v2\"");
+
+  // A lengthened keep period needs the whole document: no validators are sent.
+  keepDays(5);
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_EQ(server_.notModified("news"), 1);
+  EXPECT_EQ(server_.requests("news"), 4);
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ const std::string kPngBytes("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
 
 FeedServer::FeedServer() {
   server_.Get(R"(/feeds/(.+))", [this](const httplib::Request& request, httplib::Response& response) {
-    answer(request.matches[1].str(), response);
+    answer(request.matches[1].str(), request, response);
   });
   server_.Get(R"(/images/(.+))", [this](const httplib::Request&, httplib::Response& response) {
     {
@@ -84,7 +84,19 @@ std::string FeedServer::pageUrl(const std::string& path) const {
 
 void FeedServer::setBody(const std::string& name, std::string body, int status) {
   std::lock_guard lock(mutex_);
+  if (bodies_[name] != std::pair{status, body}) ++versions_[name];
   bodies_[name] = {status, std::move(body)};
+}
+
+void FeedServer::answerConditionally() {
+  std::lock_guard lock(mutex_);
+  conditional_ = true;
+}
+
+int FeedServer::notModified(const std::string& name) const {
+  std::lock_guard lock(mutex_);
+  auto found = notModified_.find(name);
+  return found == notModified_.end() ? 0 : found->second;
 }
 
 void FeedServer::setHook(const std::string& name, std::function<void()> hook) {
@@ -110,7 +122,8 @@ void FeedServer::release() {
   changed_.notify_all();
 }
 
-void FeedServer::answer(const std::string& name, httplib::Response& response) {
+void FeedServer::answer(const std::string& name, const httplib::Request& request,
+                        httplib::Response& response) {
   std::function<void()> hook;
   {
     std::unique_lock lock(mutex_);
@@ -133,10 +146,25 @@ void FeedServer::answer(const std::string& name, httplib::Response& response) {
   auto body = bodies_.find(name);
   if (body == bodies_.end()) {
     response.status = 404;
-  } else {
-    response.status = body->second.first;
-    response.set_content(body->second.second, "application/atom+xml");
+    return;
   }
+  if (conditional_ && body->second.first == 200) {
+    const int version = versions_[name];
+    const std::string etag = fmt::format("\"{}-v{}\"", name, version);
+    const std::string lastModified = fmt::format("Sun, {:02} Nov 2026 08:00:00 GMT", 1 + version % 28);
+    const bool current = request.has_header("If-None-Match")
+                             ? request.get_header_value("If-None-Match") == etag
+                             : request.get_header_value("If-Modified-Since") == lastModified;
+    response.set_header("ETag", etag);
+    response.set_header("Last-Modified", lastModified);
+    if (current) {
+      ++notModified_[name];
+      response.status = 304;
+      return;
+    }
+  }
+  response.status = body->second.first;
+  response.set_content(body->second.second, "application/atom+xml");
 }
 
 int FeedServer::requests(const std::string& name) const {

@@ -60,13 +60,19 @@ class FeedServer {
   // Serves `body` as `contentType` at /site/<path>: pages that name feeds, feeds at any path.
   void setPage(const std::string& path, std::string body, std::string contentType = "text/html");
   std::string pageUrl(const std::string& path) const;
+  // From now on documents carry an ETag and a Last-Modified (new ones whenever a body changes),
+  // and a request that sends the current one back (If-None-Match, else If-Modified-Since) is
+  // answered 304 without a body.
+  void answerConditionally();
 
   int requests(const std::string& name) const;
+  // Requests of `name` answered 304.
+  int notModified(const std::string& name) const;
   int imageRequests() const;
   int maxConcurrent() const;
 
  private:
-  void answer(const std::string& name, httplib::Response& response);
+  void answer(const std::string& name, const httplib::Request& request, httplib::Response& response);
 
   httplib::Server server_;
   std::thread thread_;
@@ -74,6 +80,9 @@ class FeedServer {
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable changed_;
   std::map<std::string, std::pair<int, std::string>> bodies_;
+  bool conditional_ = false;
+  std::map<std::string, int> versions_;  // bumped by each new body: the validators follow it
+  std::map<std::string, int> notModified_;
   std::map<std::string, std::function<void()>> hooks_;
   std::map<std::string, int> requests_;
   std::string held_;

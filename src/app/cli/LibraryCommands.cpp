@@ -20,6 +20,8 @@
 #include "store/ObjectContext.h"
 #include "store/OfflineOperation.h"
 #include "store/QKDataManager.h"
+#include "store/StoreEnvironment.h"
+#include "sync/AccountSyncReport.h"
 
 namespace lectern::cli {
 
@@ -342,6 +344,7 @@ int runFeeds(CliContext& cli, bool asJson) {
     for (const auto& feed : *feeds) {
       auto object = feedJson(*feed);
       if (!checkResult(object)) return kExitFailure;
+      (*object)["older_not_kept"] = feed->older_not_kept();
       out.push_back(std::move(*object));
     }
   }
@@ -375,6 +378,10 @@ int runFeeds(CliContext& cli, bool asJson) {
                fitColumn(feed["title"].is_null() ? "" : feed["title"].get<std::string>(), titleWidth), titleWidth,
                fitColumn(feed["folder"].is_null() ? "" : feed["folder"].get<std::string>(), 16),
                fitColumn(health, healthWidth));
+    if (const auto notKept = feed["older_not_kept"].get<std::int64_t>(); notKept > 0) {
+      const std::int64_t keepDays = Feed::keepPeriodDays(context->environment().defaults());
+      fmt::print("{:>5}  {}\n", "", olderEntriesNotKeptNote(notKept, keepDays));
+    }
   }
   return kExitOk;
 }

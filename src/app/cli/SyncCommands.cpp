@@ -22,6 +22,7 @@
 #include "store/Folder.h"
 #include "store/ObjectContext.h"
 #include "store/QKDataManager.h"
+#include "store/StoreEnvironment.h"
 #include "sync/SyncPassObserver.h"
 
 namespace lectern::cli {
@@ -101,6 +102,10 @@ class PassPrinter final : public SyncPassObserver {
       for (const auto& feed : report.failedFeeds) {
         failed.push_back({{"id", feed.feed.row}, {"title", feed.title}, {"url", feed.url}, {"error", feed.error.message()}});
       }
+      json notKept = json::array();
+      for (const auto& feed : report.olderNotKept) {
+        notKept.push_back({{"id", feed.feed.row}, {"title", feed.title}, {"count", feed.count}});
+      }
       reports_.push_back({{"account", account.uniqueIdentifier()},
                           {"title", report.title},
                           {"ok", !report.error && !report.cancelled},
@@ -108,6 +113,7 @@ class PassPrinter final : public SyncPassObserver {
                           {"error", report.error ? json(errorText(*report.error)) : json(nullptr)},
                           {"suggestion", report.error ? json(report.error->recoverySuggestion) : json(nullptr)},
                           {"failed_feeds", std::move(failed)},
+                          {"older_not_kept", std::move(notKept)},
                           {"unread", unread ? json(*unread) : json(nullptr)}});
       return;
     }
@@ -129,8 +135,20 @@ class PassPrinter final : public SyncPassObserver {
         const auto before = unreadBefore_[account.objectID().row];
         if (before && *unread > *before) counts += fmt::format(" ({} new)", *unread - *before);
       }
-      if (!report.failedFeeds.empty()) counts += fmt::format(", {} feeds failed", report.failedFeeds.size());
-      fmt::print("{}{}: up to date{}\n", prefix, report.title, counts);
+      // Never "up to date" while some of its feeds could not be read.
+      if (report.failedFeeds.empty()) {
+        fmt::print("{}{}: up to date{}\n", prefix, report.title, counts);
+      } else {
+        const size_t failed = report.failedFeeds.size();
+        fmt::print("{}{}: {} {} failed{}\n", prefix, report.title, failed, failed == 1 ? "feed" : "feeds",
+                   counts);
+      }
+      const std::int64_t keepDays =
+          Feed::keepPeriodDays(account.managedObjectContext().environment().defaults());
+      for (const auto& feed : report.olderNotKept) {
+        fmt::print("  {}: {}\n", feed.title.empty() ? "(untitled feed)" : feed.title,
+                   olderEntriesNotKeptNote(feed.count, keepDays));
+      }
     }
     std::fflush(stdout);
     for (const auto& feed : report.failedFeeds) {

@@ -1,5 +1,6 @@
 #include "services/localrss/FeedSyncOperation.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -25,6 +26,20 @@ constexpr std::string_view kCategory = FeedSyncOperation::kClassName;
 // A JSON array of ids, for "IN (SELECT value FROM json_each(?))": one statement whatever the count.
 std::string jsonArrayOf(const std::vector<std::string>& ids) { return nlohmann::json(ids).dump(); }
 
+// The entries from `position` on that a refresh could have made stories of: valid, not known,
+// each link once.
+std::int64_t countNewEntries(const std::vector<std::pair<Date, const RSSEntry*>>& order, size_t position,
+                             const std::set<std::string>& known) {
+  std::set<std::string> seen;
+  for (; position < order.size(); ++position) {
+    const RSSEntry* entry = order[position].second;
+    const std::string id = entry->url.value_or("");
+    if (known.contains(id) || !FeedStory::isValidForRSSEntryMapping(entry)) continue;
+    seen.insert(id);
+  }
+  return static_cast<std::int64_t>(seen.size());
+}
+
 }  // namespace
 
 FeedSyncOperation::FeedSyncOperation(std::shared_ptr<Account> account, const SyncEnvironment& environment)
@@ -42,6 +57,33 @@ FeedSyncOperation::~FeedSyncOperation() = default;
 std::vector<FeedRefreshFailure> FeedSyncOperation::feedErrors() const {
   std::lock_guard lock(errorsMutex_);
   return errors_;
+}
+
+std::vector<FeedEntriesNotKept> FeedSyncOperation::feedsWithOlderEntriesNotKept() const {
+  std::lock_guard lock(errorsMutex_);
+  return notKept_;
+}
+
+std::vector<std::pair<Date, const RSSEntry*>> FeedSyncOperation::entriesNewestFirst(const RSSFeed& feed,
+                                                                                    Date now) {
+  std::vector<std::pair<Date, const RSSEntry*>> order;
+  order.reserve(feed.articles.size());
+  std::optional<Date> before;
+  size_t undatedRun = 0;  // undated entries at the top, waiting for the first dated one
+  for (const auto& entry : feed.articles) {
+    const bool dated = entry.date && !entry.undated;
+    if (dated) {
+      before = *entry.date;
+      for (size_t i = order.size() - undatedRun; i < order.size(); ++i) order[i].first = *before;
+      undatedRun = 0;
+    } else if (!before) {
+      ++undatedRun;
+    }
+    order.emplace_back(dated ? *entry.date : before.value_or(now), &entry);
+  }
+  std::stable_sort(order.begin(), order.end(),
+                   [](const auto& a, const auto& b) { return a.first > b.first; });
+  return order;
 }
 
 void FeedSyncOperation::cancelRequests() {
@@ -67,8 +109,14 @@ void FeedSyncOperation::main() {
       finishOperation();
       return;
     }
+    // A lengthened keep period needs the whole document, older entries included: nothing is asked
+    // conditionally then.
+    const bool conditional = !account().isKeepIndexChangedToLonger();
     for (const auto& feed : *feeds) {
-      jobs_.push_back(FeedJob{feed->objectID(), feed->title().value_or(""), feed->URL().value_or("")});
+      FeedValidators validators;
+      if (conditional) validators = {feed->http_etag(), feed->http_last_modified()};
+      jobs_.push_back(FeedJob{feed->objectID(), feed->title().value_or(""), feed->URL().value_or(""),
+                              std::move(validators)});
     }
   }
 
@@ -173,7 +221,7 @@ FeedSyncOperation::Download FeedSyncOperation::downloadAllStoriesOfFeed(size_t j
     return download;
   }
   logDebugMessage(kCategory, "Built-in RSS: Downloading all stories of feed: {}", feed.title);
-  download.feed = fetches_.synchronouslyFetchFeed(feed.url);
+  download.feed = fetches_.synchronouslyFetchFeed(feed.url, feed.validators);
   // The user may have deleted the feed while it was downloading.
   download.deletedAfter = isFeedDeletedInParentContext(feed.feed);
   return download;
@@ -199,10 +247,17 @@ void FeedSyncOperation::finishDownload(Download& download) {
     return;
   }
 
-  const Result<RSSFeed>& fetched = *download.feed;
+  const Result<ConditionalFeed>& fetched = *download.feed;
   const Date now = environment().clock.now();
   if (fetched) {
-    parseEntriesFromRSSFeed(feed, *fetched);
+    // Not modified (304): nothing to read or merge; the refresh still succeeded.
+    if (fetched->feed) {
+      parseEntriesFromRSSFeed(feed, *fetched->feed);
+      if (feed.http_etag() != fetched->validators.etag) feed.setHttp_etag(fetched->validators.etag);
+      if (feed.http_last_modified() != fetched->validators.lastModified) {
+        feed.setHttp_last_modified(fetched->validators.lastModified);
+      }
+    }
     feed.recordRefreshSucceeded(now);
   } else if (isCancelled()) {
     return;  // stopped by the cancellation, not the feed's fault
@@ -244,20 +299,46 @@ void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parse
   for (const auto& story : findAndDeleteDuplicatesInContainer(container, &SyncOperation::bookmarkIdOf)) {
     known.insert(story->bookmark_id().value_or(""));
   }
+  // An entry the person deleted counts as known, as the story would if it had been kept: it never
+  // comes back, and the walk stops there as it would at the story. Records of entries the feed
+  // no longer lists are dropped.
+  if (auto deleted = feed.deletedEntryIds(); deleted) {
+    const std::set<std::string> listed(ids.begin(), ids.end());
+    std::vector<std::string> gone;
+    for (const auto& id : *deleted) {
+      if (listed.contains(id)) {
+        known.insert(id);
+      } else {
+        gone.push_back(id);
+      }
+    }
+    feed.forgetDeletedEntries(gone);
+  } else {
+    logError(kCategory, "Built-in RSS: Failed to read the deleted entries of feed {}: {}",
+             feed.title().value_or(""), deleted.error().message());
+  }
+  const bool firstRefresh =
+      !feed.last_refresh() || (feed.failing_since() && container.empty() && known.empty());
 
-  // Entries come newest first: the first one already stored means the rest is known too, unless
-  // the keep period grew and older entries fall inside it now.
+  // Newest first by date, whatever order the document uses: the first entry already stored means
+  // the rest is known too, unless the keep period grew and older entries fall inside it now.
+  const auto order = entriesNewestFirst(parsed, now);
   const bool walkPastKnown = account().isKeepIndexChangedToLonger();
   std::set<std::string> added;
-  for (const auto& entry : parsed.articles) {
-    if (entry.date.value_or(now) <= keepDate_) break;
-    const std::string id = entry.url.value_or("");
+  std::int64_t olderNotKept = 0;
+  for (size_t position = 0; position < order.size(); ++position) {
+    const auto& [date, entry] = order[position];
+    if (date <= keepDate_) {
+      if (firstRefresh && added.empty()) olderNotKept = countNewEntries(order, position, known);
+      break;
+    }
+    const std::string id = entry->url.value_or("");
     if (known.contains(id)) {
       if (!walkPastKnown) break;
       continue;
     }
-    if (!FeedStory::isValidForRSSEntryMapping(&entry)) {
-      logDebugMessage(kCategory, "Built-in RSS: validation failed for story: {}", entry.title.value_or(""));
+    if (!FeedStory::isValidForRSSEntryMapping(entry)) {
+      logDebugMessage(kCategory, "Built-in RSS: validation failed for story: {}", entry->title.value_or(""));
       continue;
     }
     // The same link twice in one document is one story.
@@ -265,12 +346,19 @@ void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parse
     auto story = moc().insertNewObject<FeedStory>();
     story->setAccount(account());
     story->setFeed(feed);
-    story->mapFromRSSEntry(entry, environment().clock);
+    story->mapFromRSSEntry(*entry, environment().clock);
     if (isInitialSync() && story->date_added().value_or(now) <= initialReadDate) {
       story->setIs_archived(true);
     } else {
       downloadImages(*story);
     }
+  }
+  if (olderNotKept > 0) {
+    feed.setOlder_not_kept(olderNotKept);
+    std::lock_guard lock(errorsMutex_);
+    notKept_.push_back(FeedEntriesNotKept{feed.objectID(), feed.title().value_or(""), olderNotKept});
+  } else if (!added.empty() && feed.older_not_kept() != 0) {
+    feed.setOlder_not_kept(0);  // the feed has stories now: the note has done its work
   }
 }
 

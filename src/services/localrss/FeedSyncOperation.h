@@ -5,10 +5,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/Clock.h"
 #include "core/Error.h"
+#include "feeds/QKFeedParserClient.h"
 #include "feeds/RSSFeed.h"
 #include "store/BookmarkImage.h"
 #include "sync/FeedFetchGroup.h"
@@ -37,6 +39,12 @@ class FeedSyncOperation final : public SyncOperation {
   std::string_view className() const override { return kClassName; }
   // `errors`: the feeds that could not be fetched or parsed, in the order they failed.
   std::vector<FeedRefreshFailure> feedErrors() const override;
+  std::vector<FeedEntriesNotKept> feedsWithOlderEntriesNotKept() const override;
+
+  // The order the refresh walks a document's entries: newest first. An entry without a date of
+  // its own takes the date of the nearest dated entry before it in the document (after it, when
+  // none is before), so that the stable sort keeps it beside its neighbours. Any thread.
+  static std::vector<std::pair<Date, const RSSEntry*>> entriesNewestFirst(const RSSFeed& feed, Date now);
 
  protected:
   void main() override;
@@ -48,11 +56,12 @@ class FeedSyncOperation final : public SyncOperation {
     ObjectId feed;
     std::string title;
     std::string url;
+    FeedValidators validators;  // none when the document must be read in full
   };
   // One feed's download as a download thread hands it back.
   struct Download {
     size_t job = 0;
-    std::optional<Result<RSSFeed>> feed;  // nothing: not fetched (cancelled, or deleted before)
+    std::optional<Result<ConditionalFeed>> feed;  // nothing: not fetched (cancelled, or deleted before)
     bool deletedBefore = false;
     bool deletedAfter = false;
   };
@@ -85,8 +94,9 @@ class FeedSyncOperation final : public SyncOperation {
   std::vector<BookmarkImage> pendingImages_;  // of stories not saved yet
   FeedFetchGroup fetches_;
   std::unique_ptr<StoryImageDownloader> images_;  // only when the account caches images
-  mutable std::mutex errorsMutex_;                // guards errors_
+  mutable std::mutex errorsMutex_;                // guards errors_ and notKept_
   std::vector<FeedRefreshFailure> errors_;
+  std::vector<FeedEntriesNotKept> notKept_;
 };
 
 }  // namespace lectern
