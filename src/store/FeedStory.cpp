@@ -68,6 +68,12 @@ void FeedStory::mapFromRSSEntry(const RSSEntry& entry, const Clock& clock) {
   }
   setIs_archived(false);
   setIs_favorited(false);
+  // A podcast's episode is its enclosure: without it the story would be only show notes.
+  if (entry.attachedMedia && entry.attachedMedia->url && !entry.attachedMedia->url->empty()) {
+    const auto& media = *entry.attachedMedia;
+    addEnclosure(media.url, media.type,
+                 media.length ? std::optional<std::int64_t>(*media.length) : std::nullopt);
+  }
 }
 
 std::optional<std::string> FeedStory::offlineFeedId() const {

@@ -163,7 +163,7 @@ TEST_F(CommandsCliTest, ExtractGivesTextHtmlOrJsonFromAFileOrAStoredArticleAndOf
   auto text = run("extract " + page.string());
   ASSERT_EQ(text.exit, 0) << text.err;
   EXPECT_THAT(text.out, HasSubstr("First paragraph with bold text"));  // whitespace collapsed, tags gone
-  EXPECT_THAT(text.out, HasSubstr("\n\n- one\n\n- two\n\n"));
+  EXPECT_THAT(text.out, HasSubstr("\n\n  * one\n  * two\n\n"));
   EXPECT_THAT(text.out, HasSubstr("a  b\n  c"));  // preformatted text kept as it is
   EXPECT_THAT(text.out, Not(HasSubstr("<p")));
   EXPECT_THAT(text.out, Not(HasSubstr("p{}")));

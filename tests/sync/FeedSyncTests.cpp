@@ -1,5 +1,6 @@
 // The built-in reader's refresh, end to end: the sync manager, the operation, a local feed server
 // whose documents change between syncs, and a library in a temporary folder.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include "services/localrss/FeedSyncOperation.h"
 #include "store/Bookmark.h"
 #include "store/Feed.h"
+#include "store/FeedEnclosure.h"
 #include "store/FeedStory.h"
 #include "store/ObjectContext.h"
 #include "sync/SyncWindowControllerDelegate.h"
@@ -463,6 +465,34 @@ TEST_F(FeedSyncTest, AnUnchangedFeedAnswers304AndCostsNoMerge) {
   ASSERT_TRUE(syncAndWait(account));
   EXPECT_EQ(server_.notModified("news"), 1);
   EXPECT_EQ(server_.requests("news"), 4);
+}
+
+TEST_F(FeedSyncTest, APodcastEpisodeIsKeptWithItsStory) {
+  auto account = localAccount();
+  auto feed = addFeed(*account, "cast");
+  const std::string date = rfc3339String(clock_.now() - hours(2));
+  server_.setBody("cast", fmt::format(R"(<?xml version="1.0"?>
+<rss version="2.0" xmlns:dc="http://purl.org/dc/elements/1.1/"><channel><title>Cast</title>
+<item><title>Episode 1</title><link>https://cast.example/1</link><dc:date>{0}</dc:date>
+<enclosure url="https://cast.example/1.mp3" type="audio/mpeg" length="12345"/></item>
+<item><title>Notes only</title><link>https://cast.example/2</link><dc:date>{0}</dc:date></item>
+</channel></rss>)", date));
+  ASSERT_TRUE(syncAndWait(account));
+  auto stories = feed->stories();
+  ASSERT_TRUE(stories);
+  ASSERT_EQ(stories->size(), 2u);
+  for (const auto& story : *stories) {
+    auto enclosures = story->enclosures();
+    ASSERT_TRUE(enclosures);
+    if (story->title() == "Notes only") {
+      EXPECT_THAT(*enclosures, IsEmpty());
+      continue;
+    }
+    ASSERT_EQ(enclosures->size(), 1u);
+    EXPECT_EQ((*enclosures)[0]->url(), "https://cast.example/1.mp3");
+    EXPECT_EQ((*enclosures)[0]->type(), "audio/mpeg");
+    EXPECT_EQ((*enclosures)[0]->length(), 12345);
+  }
 }
 
 }  // namespace

@@ -528,6 +528,8 @@ ArticleText renderArticleText(std::string_view html, int width, std::string_view
   return renderer.finish();
 }
 
+constexpr size_t kFieldIndent = 9;  // "Author:  "
+
 ArticleText renderArticlePage(const ArticleDocument& document, int width) {
   const size_t columns = static_cast<size_t>(std::max(width, kMinimumTextWidth));
   ArticleText page;
@@ -538,7 +540,16 @@ ArticleText renderArticlePage(const ArticleDocument& document, int width) {
   for (const auto& [name, value] : document.fields) {
     if (value.empty()) continue;
     const std::string label = name + ":";
-    page.lines.push_back(fmt::format("{:9}{}", label, terminalSafe(value)));
+    // An address stays whole so that it can be copied; other values wrap under their label.
+    if (name == "Link" || columns <= kFieldIndent + 8) {
+      page.lines.push_back(fmt::format("{:9}{}", label, terminalSafe(value)));
+      continue;
+    }
+    bool first = true;
+    for (auto& line : wrapLine(terminalSafe(value), columns - kFieldIndent, nullptr)) {
+      page.lines.push_back(fmt::format("{:9}{}", first ? label : "", line));
+      first = false;
+    }
   }
   ArticleText body = renderArticleText(document.html, width, document.baseUrl);
   if (!body.lines.empty()) {
