@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "app/ProgramRun.h"
 #include "support/TestSupport.h"
 #include "sync/SyncTestSupport.h"
 
@@ -21,13 +22,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using nlohmann::json;
 using namespace std::chrono_literals;
-
-struct ProgramRun {
-  int exit = -1;
-  std::string out;
-  std::string err;
-  json parsed() const { return json::parse(out); }
-};
 
 std::vector<std::string> split(const std::string& text, char separator) {
   std::vector<std::string> out;
@@ -51,16 +45,7 @@ class CommandsCliTest : public ::testing::Test {
  protected:
   // Runs `lectern --home HOME <arguments>` (arguments are shell words); `environment` goes first.
   ProgramRun run(const std::string& arguments, const std::string& environment = "") {
-    const auto out = home_.path() / "stdout.txt";
-    const auto err = home_.path() / "stderr.txt";
-    const std::string command = fmt::format("{} '{}' --home '{}' {} < /dev/null > '{}' 2> '{}'", environment,
-                                            LECTERN_PROGRAM, home().string(), arguments, out.string(), err.string());
-    const int status = std::system(command.c_str());
-    ProgramRun result;
-    result.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.out = readFile(out);
-    result.err = readFile(err);
-    return result;
+    return runProgram(home_.path(), home(), arguments, "", environment);
   }
   std::filesystem::path home() const { return home_.path() / "home"; }
 

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "app/ProgramRun.h"
 #include "mocks/PinboardMockServer.h"
 #include "support/TestSupport.h"
 
@@ -20,30 +21,11 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using nlohmann::json;
 
-struct ProgramRun {
-  int exit = -1;
-  std::string out;
-  std::string err;
-  json parsed() const { return json::parse(out); }
-};
-
 class PinboardCliTest : public ::testing::Test {
  protected:
   // Runs `lectern --home HOME <arguments>` (arguments are shell words) with `input` on stdin.
   ProgramRun run(const std::string& arguments, const std::string& input = "") {
-    const auto in = home_.path() / "stdin.txt";
-    const auto out = home_.path() / "stdout.txt";
-    const auto err = home_.path() / "stderr.txt";
-    writeFile(in, input);
-    const std::string command =
-        fmt::format("'{}' --home '{}' {} < '{}' > '{}' 2> '{}'", LECTERN_PROGRAM, (home_.path() / "home").string(),
-                    arguments, in.string(), out.string(), err.string());
-    const int status = std::system(command.c_str());
-    ProgramRun result;
-    result.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.out = readFile(out);
-    result.err = readFile(err);
-    return result;
+    return runProgram(home_.path(), home_.path() / "home", arguments, input);
   }
   // The account's items by title.
   std::map<std::string, json> listed() {

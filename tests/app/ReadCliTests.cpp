@@ -23,6 +23,7 @@
 
 #include "app/text/ArticleText.h"
 #include "core/UserDefaults.h"
+#include "app/ProgramRun.h"
 #include "mocks/FeedbinMockServer.h"
 #include "store/FeedEnclosure.h"
 #include "store/FeedStory.h"
@@ -43,12 +44,6 @@ using nlohmann::json;
 using namespace std::chrono_literals;
 
 constexpr auto kScreenWait = 30s;  // generous: the program runs under the sanitizers
-
-struct ProgramRun {
-  int exit = -1;
-  std::string out;
-  std::string err;
-};
 
 // Just enough of an xterm to know what is on the screen: cursor addressing, erasing, line
 // insertion and deletion, scrolling regions; attributes and modes are ignored.
@@ -408,15 +403,8 @@ class ReadCliTest : public ::testing::Test {
   }
 
   ProgramRun run(const std::string& arguments, const std::string& environment = "", const std::string& input = "") {
-    const auto in = home_.path() / "stdin.txt";
-    const auto out = home_.path() / "stdout.txt";
-    const auto err = home_.path() / "stderr.txt";
-    writeFile(in, input);
-    const std::string command =
-        fmt::format("env -u COLUMNS -u PAGER {} BROWSER='{}' '{}' --home '{}' {} < '{}' > '{}' 2> '{}'", environment,
-                    browser(), LECTERN_PROGRAM, home().string(), arguments, in.string(), out.string(), err.string());
-    const int status = std::system(command.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
+    return runProgram(home_.path(), home(), arguments, input,
+                      fmt::format("env -u COLUMNS -u PAGER {} BROWSER='{}'", environment, browser()));
   }
 
   std::filesystem::path home() const { return home_.path() / "home"; }

@@ -11,6 +11,7 @@
 #include <set>
 
 #include "core/Dates.h"
+#include "app/ProgramRun.h"
 #include "support/TestSupport.h"
 #include "sync/SyncTestSupport.h"
 
@@ -22,28 +23,11 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace std::chrono_literals;
 
-struct ProgramRun {
-  int exit = -1;
-  std::string out;
-  std::string err;
-  json parsed() const { return json::parse(out); }
-};
-
 class RefreshCliTest : public ::testing::Test {
  protected:
   // Runs `lectern --home HOME <arguments>` (arguments are shell words).
   ProgramRun run(const std::string& arguments) {
-    const auto out = home_.path() / "stdout.txt";
-    const auto err = home_.path() / "stderr.txt";
-    const std::string command =
-        fmt::format("'{}' --home '{}' {} < /dev/null > '{}' 2> '{}'", LECTERN_PROGRAM,
-                    (home_.path() / "home").string(), arguments, out.string(), err.string());
-    const int status = std::system(command.c_str());
-    ProgramRun result;
-    result.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.out = readFile(out);
-    result.err = readFile(err);
-    return result;
+    return runProgram(home_.path(), home_.path() / "home", arguments);
   }
   void serve(const std::string& name, const std::vector<TestEntry>& entries) {
     server_.setFeed(name, entries, std::chrono::system_clock::now());

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "app/ProgramRun.h"
 #include "mocks/FeedbinMockServer.h"
 #include "support/TestSupport.h"
 #include "sync/SyncTestSupport.h"
@@ -24,29 +25,11 @@ using ::testing::Not;
 using nlohmann::json;
 using namespace std::chrono_literals;
 
-struct ProgramRun {
-  int exit = -1;
-  std::string out;
-  std::string err;
-  json parsed() const { return json::parse(out); }
-};
-
 class SubscriptionCliTest : public ::testing::Test {
  protected:
   // `lectern --home HOME <arguments>` (shell words), with `input` on stdin.
   ProgramRun run(const std::string& arguments, const std::string& input = "") {
-    const auto in = home_.path() / "stdin.txt";
-    const auto out = home_.path() / "stdout.txt";
-    const auto err = home_.path() / "stderr.txt";
-    writeFile(in, input);
-    const std::string command = fmt::format("'{}' --home '{}' {} < '{}' > '{}' 2> '{}'", LECTERN_PROGRAM, home(),
-                                            arguments, in.string(), out.string(), err.string());
-    const int status = std::system(command.c_str());
-    ProgramRun result;
-    result.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.out = readFile(out);
-    result.err = readFile(err);
-    return result;
+    return runProgram(home_.path(), home(), arguments, input);
   }
   std::string home() const { return (home_.path() / "home").string(); }
 
