@@ -130,10 +130,8 @@ void OperationQueue::setMaxConcurrentOperationCount(int count) {
 }
 
 void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
-  {
-    std::lock_guard lock(state_->mutex);
-    state_->operations.push_back(operation);
-  }
+  // The hooks go on before the operation is listed: another thread's pump may start a listed
+  // operation at once, and one that finished without its hook would stay listed for ever.
   std::weak_ptr<State> weakState = state_;
   Operation* raw = operation.get();
   {
@@ -159,6 +157,10 @@ void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
     operation->onCancel_ = [weakState] {
       if (auto state = weakState.lock()) pump(state);
     };
+  }
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->operations.push_back(operation);
   }
   pump(state_);
 }
