@@ -9,6 +9,8 @@ DEB_PACKAGES := build-essential cmake ccache pkg-config \
   libcurl4-openssl-dev libsqlite3-dev libxml2-dev libicu-dev libssl-dev zlib1g-dev \
   nlohmann-json3-dev libcli11-dev libfmt-dev libsecret-1-dev libncurses-dev \
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev python3
+# The fuzz targets need clang with libc++ (std::expected) and libFuzzer.
+FUZZ_PACKAGES := clang-16 libc++-16-dev libc++abi-16-dev libclang-rt-16-dev
 # Only the benchmarks compare against these.
 BENCH_PACKAGES := newsboat python3-readability nodejs npm valgrind time
 
@@ -19,7 +21,7 @@ export CCACHE_BASEDIR ?= $(abspath $(CURDIR)/..)
 # Debug objects otherwise carry the build folder in their key, which defeats the line above.
 export CCACHE_NOHASHDIR ?= 1
 
-.PHONY: run test tsan bench deps bench-deps build build-test build-tsan build-bench clean
+.PHONY: run test tsan fuzz fuzz-check bench deps bench-deps fuzz-deps build build-test build-tsan build-fuzz build-bench clean
 
 define install_missing
 	@missing=""; \
@@ -72,6 +74,25 @@ tsan: build-tsan
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/tsan.supp" \
 	  ctest --output-on-failure -j $(JOBS) -L '^($(shell echo $(TSAN_TESTS) | tr ' ' '|'))$$'
 
+# Fuzzing: `make fuzz` runs every target FUZZ_SECONDS (default 60) each; `make fuzz-check`
+# replays each target's seeds and the crashes found so far, as CI does.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS := feeds html wire search dates_urls opml services
+
+fuzz-deps: deps
+	$(call install_missing,$(FUZZ_PACKAGES))
+
+build-fuzz: fuzz-deps
+	@CC=clang-16 CXX=clang++-16 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLECTERN_FUZZ=ON \
+	  -DLECTERN_BUILD_TESTS=OFF > /dev/null
+	@cmake --build build-fuzz -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+
+fuzz: build-fuzz
+	./tests/fuzz/run.sh build-fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
+fuzz-check: build-fuzz
+	./tests/fuzz/run.sh build-fuzz 0 $(FUZZ_TARGETS)
+
 build-bench: bench-deps
 	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLECTERN_BUILD_TESTS=OFF -DLECTERN_BUILD_BENCH=ON > /dev/null
 	@cmake --build build-bench -j $(JOBS)
@@ -80,4 +101,4 @@ bench: build-bench
 	./bench/run-all.sh build-bench
 
 clean:
-	rm -rf build build-test build-tsan build-bench
+	rm -rf build build-test build-tsan build-fuzz build-bench

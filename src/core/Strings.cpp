@@ -5,6 +5,9 @@
 #include <openssl/rand.h>
 
 #include <array>
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
 #include <charconv>
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -44,7 +47,7 @@ bool safeBoolValue(const nlohmann::json& value) {
     if (text == "true" || text == "yes") return true;
     double number = 0;
     const auto* end = text.data() + text.size();
-    return !text.empty() && std::from_chars(text.data(), end, number).ptr == end && number != 0;
+    return !text.empty() && fromChars(text.data(), end, number).ptr == end && number != 0;
   }
   return false;
 }
@@ -350,6 +353,32 @@ std::string latin1ToUTF8(std::string_view bytes) {
     }
   }
   return out;
+}
+
+std::from_chars_result fromChars(const char* first, const char* last, double& value) {
+#if defined(_LIBCPP_VERSION) && _LIBCPP_VERSION < 170000
+  // What from_chars refuses: leading space, a plus sign, an empty text; a "0x" prefix reads as 0.
+  std::string_view text(first, static_cast<size_t>(last - first));
+  const size_t sign = text.starts_with('-') ? 1 : 0;
+  if (text.size() == sign || text[sign] == '+' || text[sign] == ' ' || (text[sign] >= '\t' && text[sign] <= '\r'))
+    return {first, std::errc::invalid_argument};
+  if (text.size() > sign + 1 && text[sign] == '0' && (text[sign + 1] == 'x' || text[sign + 1] == 'X')) {
+    value = sign == 1 ? -0.0 : 0.0;
+    return {first + sign + 1, std::errc()};
+  }
+  static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", nullptr);
+  const std::string copy(text);
+  char* stop = nullptr;
+  errno = 0;
+  const double parsed = strtod_l(copy.c_str(), &stop, cLocale);
+  if (stop == copy.c_str()) return {first, std::errc::invalid_argument};
+  const char* end = first + (stop - copy.c_str());
+  if (errno == ERANGE) return {end, std::errc::result_out_of_range};
+  value = parsed;
+  return {end, std::errc()};
+#else
+  return std::from_chars(first, last, value);
+#endif
 }
 
 }  // namespace lectern

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -56,5 +57,9 @@ bool isValidUTF8(std::string_view text);
 std::string sanitizeUTF8(std::string_view text);
 // Latin-1 bytes to UTF-8.
 std::string latin1ToUTF8(std::string_view bytes);
+
+// std::from_chars for a double. libc++ before 17 (the fuzz build's) has no floating-point
+// from_chars; there this reads the same forms with strtod in the C locale.
+std::from_chars_result fromChars(const char* first, const char* last, double& value);
 
 }  // namespace lectern

@@ -1,4 +1,5 @@
 #include "feeds/FeedStrings.h"
+#include "core/Strings.h"
 
 #include <algorithm>
 #include <cctype>
@@ -126,7 +127,7 @@ float floatValue(std::string_view text) {
   const bool negative = number.front() == '-';
   if (number.front() == '+' || number.front() == '-') number.remove_prefix(1);
   double parsed = 0;
-  if (std::from_chars(number.data(), number.data() + number.size(), parsed).ec ==
+  if (fromChars(number.data(), number.data() + number.size(), parsed).ec ==
       std::errc::result_out_of_range) {
     const bool tiny =
         number.find("e-") != std::string_view::npos || number.find("E-") != std::string_view::npos;

@@ -83,7 +83,7 @@ Result<nlohmann::json> readValue(const xmlNode* node, int depth) {
   if (name == "real") {
     const std::string text = trim(textOf(node));
     double value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const auto [end, ec] = fromChars(text.data(), text.data() + text.size(), value);
     if (ec != std::errc() || end != text.data() + text.size()) return fail(corrupt("bad real"));
     return nlohmann::json(value);
   }

@@ -382,7 +382,7 @@ class Parser {
     }
     const std::string literal(text_.substr(start, pos_ - start));
     double number = 0;
-    const auto [end, ec] = std::from_chars(literal.data(), literal.data() + literal.size(), number);
+    const auto [end, ec] = fromChars(literal.data(), literal.data() + literal.size(), number);
     if (ec != std::errc() || end != literal.data() + literal.size()) return error("not a number", start);
     return Expression::ofConstant(number);
   }

@@ -36,7 +36,7 @@ double numberValue(const nlohmann::json& item, std::string_view key) {
   double number = 0;
   const std::string trimmed = trim(*text);
   const auto* end = trimmed.data() + trimmed.size();
-  return std::from_chars(trimmed.data(), end, number).ptr == end ? number : 0;
+  return fromChars(trimmed.data(), end, number).ptr == end ? number : 0;
 }
 
 std::optional<Date> pocketDate(const nlohmann::json& item, std::string_view key) {

@@ -8,6 +8,7 @@
 #include "store/EntitySchema.h"
 #include "store/SearchFunctions.h"
 #include "store/SqliteDatabase.h"
+#include "core/Strings.h"
 
 namespace lectern {
 namespace {
@@ -48,7 +49,7 @@ std::optional<double> modelVersionOf(const EntityMapping& mapping) {
   }
   double value = 0;
   const auto* end = digits.data() + digits.size();
-  if (digits.empty() || std::from_chars(digits.data(), end, value).ptr != end) return std::nullopt;
+  if (digits.empty() || fromChars(digits.data(), end, value).ptr != end) return std::nullopt;
   return value;
 }
 

@@ -1,4 +1,5 @@
 #include "store/SqliteStatement.h"
+#include "core/Strings.h"
 
 #include <fmt/format.h>
 #include <sqlite3.h>
@@ -36,7 +37,7 @@ std::optional<double> realOf(const SqlValue& value) {
   if (const auto* text = std::get_if<std::string>(&value)) {
     double parsed = 0;
     const auto* end = text->data() + text->size();
-    if (std::from_chars(text->data(), end, parsed).ptr == end && !text->empty()) return parsed;
+    if (fromChars(text->data(), end, parsed).ptr == end && !text->empty()) return parsed;
   }
   return std::nullopt;
 }

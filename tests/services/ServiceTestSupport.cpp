@@ -9,6 +9,7 @@
 
 #include "accounts/AccountCommands.h"
 #include "accounts/ServiceFactory.h"
+#include "net/CurlTransport.h"
 #include "store/Feed.h"
 #include "store/FeedFolder.h"
 #include "store/FeedStory.h"
@@ -35,10 +36,22 @@ void consentInBrowser(const std::string& page) {
   }).detach();
 }
 
+namespace {
+
+// The real transport, listened to by `recorder` when it is set.
+std::unique_ptr<Transport> testTransport(const std::shared_ptr<fuzz::AnswerRecorder>& recorder) {
+  auto transport = std::make_unique<CurlTransport>();
+  if (!recorder) return transport;
+  return fuzz::AnswerRecorder::wrap(std::move(transport), recorder);
+}
+
+}  // namespace
+
 ServiceTest::ServiceTest()
-    : paths_(Paths::under(temp_.path())),
+    : recorder_(fuzz::answerRecordingFolder().empty() ? nullptr : std::make_shared<fuzz::AnswerRecorder>()),
+      paths_(Paths::under(temp_.path())),
       clock_(std::chrono::system_clock::now()),
-      session_(mainQueue_, reachability_),
+      session_(mainQueue_, reachability_, testTransport(recorder_)),
       dataManager_(
           std::make_unique<QKDataManager>(paths_, defaults_, mainQueue_, clock_, reachability_, &secrets_)),
       environment_{*dataManager_, defaults_, mainQueue_, reachability_, clock_, session_} {
@@ -48,6 +61,10 @@ ServiceTest::ServiceTest()
 }
 
 ServiceTest::~ServiceTest() {
+  if (recorder_) {
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    fuzz::writeAnswerSeed(*recorder_, test->test_suite_name(), test->name());
+  }
   manager_.reset();
   dataManager_.reset();
   mainQueue_.drain();

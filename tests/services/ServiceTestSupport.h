@@ -15,6 +15,7 @@
 #include "core/Reachability.h"
 #include "core/SecretStore.h"
 #include "core/UserDefaults.h"
+#include "fuzz/AnswerRecorder.h"
 #include "net/NetworkSession.h"
 #include "store/Account.h"
 #include "store/QKDataManager.h"
@@ -64,6 +65,8 @@ class ServiceTest : public ::testing::Test {
   std::vector<std::string> feedsAndFolders(Account& account);
   std::vector<std::string> queued(Account& account);
 
+  // Set only while the mock servers' answers are recorded as seeds for the sync fuzz target.
+  std::shared_ptr<fuzz::AnswerRecorder> recorder_;
   TempDir temp_;
   Paths paths_;
   UserDefaults defaults_;

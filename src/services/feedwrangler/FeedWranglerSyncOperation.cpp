@@ -42,7 +42,7 @@ std::optional<Date> secondsValue(const json& object, std::string_view key) {
   if (!text) return std::nullopt;
   double seconds = 0;
   const char* end = text->data() + text->size();
-  const auto [stop, failed] = std::from_chars(text->data(), end, seconds);
+  const auto [stop, failed] = fromChars(text->data(), end, seconds);
   if (failed != std::errc() || stop != end) return std::nullopt;
   return dateFromSecondsSince1970(seconds);
 }
