@@ -82,7 +82,19 @@ icu::UnicodeString toUnicode(std::string_view text) {
   return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
 }
 
+// ICU 72 divides by zero reading a fraction of more than about 30 digits (its scale overflows),
+// and no date of ours has ten digits in a row: such text never reaches it.
+bool hasLongDigitRun(std::string_view text) {
+  size_t run = 0;
+  for (const char c : text) {
+    run = (c >= '0' && c <= '9') ? run + 1 : 0;
+    if (run >= 10) return true;
+  }
+  return false;
+}
+
 std::optional<Date> parseRFC3339Locked(InternetDateFormatter& shared, std::string_view text) {
+  if (hasLongDigitRun(text)) return std::nullopt;
   std::string s = replaceAll(toUpperASCII(text), "Z", "-0000");
   // Drop the colon of a numeric zone offset ("+01:00" -> "+0100"), which the patterns cannot read.
   if (s.size() >= 21) s = s.substr(0, 20) + replaceAll(std::string_view(s).substr(20), ":", "");
@@ -264,6 +276,7 @@ std::optional<Date> dateFromRFC3339StringWithICU(std::string_view text) {
 }
 
 std::optional<Date> dateFromRFC822StringWithICU(std::string_view text) {
+  if (hasLongDigitRun(text)) return std::nullopt;
   auto& shared = internetDateFormatter();
   const std::string upper = toUpperASCII(text);
   std::lock_guard lock(shared.mutex);
@@ -359,6 +372,9 @@ std::optional<Date> dateFromISO8601String(std::string_view input) {
                            std::chrono::day(static_cast<unsigned>(*day))};
   if (!ymd.ok()) return std::nullopt;
   const auto base = sys_days(ymd) + hours(hour) + minutes(minute) + seconds(second) - seconds(offsetSeconds);
+  // As for the other readers, a year the clock cannot hold is no date (it would overflow).
+  if (std::abs(static_cast<double>(base.time_since_epoch().count())) * 1000 >= kRepresentableMilliseconds)
+    return std::nullopt;
   return Date(duration_cast<Date::duration>(base.time_since_epoch() + duration<double>(fraction)));
 }
 

@@ -94,6 +94,8 @@ std::optional<URL> URL::parse(std::string_view text) {
     } else {
       const size_t portColon = authority.rfind(':');
       url.host_ = std::string(authority.substr(0, portColon));
+      // Only a bracketed IPv6 literal may hold a colon; "h:1,x:" is no host and no port.
+      if (url.host_.find(':') != std::string::npos) return std::nullopt;
       if (portColon != std::string_view::npos) portText = authority.substr(portColon + 1);
     }
     if (!portText.empty()) {

@@ -86,6 +86,12 @@ TEST(FeedDates, UnreadableDatesGiveNothingAndSayWhyInTheLog) {
   EXPECT_TRUE(log.contains("Could not parse RFC822 date: \"next tuesday\" Possible invalid format."));
   // Trailing junk is not silently ignored.
   EXPECT_EQ(dateFromRFC3339String("2003-12-13T18:30:02Zjunk"), std::nullopt);
+  // Found by fuzzing: a fraction of many digits made the date library divide by zero and the
+  // process die on a feed's date.
+  const std::string longFraction = "2014-02-011T4:07:33." + std::string(60, '6') + "Z";
+  for (const auto hint : {DateFormatHint::kRFC822, DateFormatHint::kRFC3339})
+    EXPECT_EQ(dateFromInternetDateTimeString(longFraction, hint), std::nullopt);
+  EXPECT_EQ(dateFromRFC3339StringWithICU("2014-02-01T04:07:33." + std::string(40, '1') + "Z"), std::nullopt);
 }
 
 TEST(FeedDates, SafeToParseFromManyThreads) {
@@ -113,9 +119,15 @@ TEST(ServiceDates, Iso8601AndEpochForms) {
       {"2013-02-02", utc(2013, 2, 2, 0, 0, 0)},
   };
   for (const auto& [text, want] : cases) EXPECT_EQ(dateFromISO8601String(text), want) << text;
-  for (const char* bad : {"", "2013-02-30T00:00:00Z", "2013-2-2", "2013-02-02T14:07:33Q", "yesterday"}) {
+  // Years the clock cannot hold are no dates (found by fuzzing: "2913" overflowed the clock).
+  for (const char* bad : {"", "2013-02-30T00:00:00Z", "2013-2-2", "2013-02-02T14:07:33Q", "yesterday",
+                          "2913-02-01 14:05:33", "9999-12-31", "0001-01-01T00:00:00Z"}) {
     EXPECT_EQ(dateFromISO8601String(bad), std::nullopt) << bad;
   }
+  // What the reader takes, written out, reads back.
+  const auto late = dateFromISO8601String("2250-06-01T00:00:00Z");
+  ASSERT_TRUE(late);
+  EXPECT_EQ(dateFromRFC3339String(rfc3339String(*late)), late);
   EXPECT_EQ(dateFromMillisecondsSince1970(1'055'217'600'000), utc(2003, 6, 10, 4, 0, 0));
   EXPECT_EQ(millisecondsSince1970(utc(2003, 6, 10, 4, 0, 0, 7)), 1'055'217'600'007);
 }

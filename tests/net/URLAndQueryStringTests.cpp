@@ -45,6 +45,10 @@ TEST(URLParse, SplitsAuthorityAndRejectsWhatIsNoURL) {
   EXPECT_FALSE(URL::parse("http://h:12ab/"));
   EXPECT_FALSE(URL::parse("http://h/a b"));
   EXPECT_FALSE(URL::parse("http://h/\n"));
+  // Found by fuzzing: a colon inside a name made a URL that wrote out as another, unparsable one.
+  EXPECT_FALSE(URL::parse("http://h:99999,ttp://h:99999,/"));
+  EXPECT_FALSE(URL::parse("http://a:b:80/"));
+  EXPECT_EQ(URL::parse("http://h:/x")->string(), "http://h/x");
 }
 
 TEST(QueryString, SortsKeysSuffixesListsAndNestsDictionaries) {
