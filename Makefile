@@ -19,7 +19,7 @@ export CCACHE_BASEDIR ?= $(abspath $(CURDIR)/..)
 # Debug objects otherwise carry the build folder in their key, which defeats the line above.
 export CCACHE_NOHASHDIR ?= 1
 
-.PHONY: run test tsan bench deps bench-deps build build-test build-tsan build-bench clean
+.PHONY: run test tsan stress bench deps bench-deps build build-test build-tsan build-bench clean
 
 define install_missing
 	@missing=""; \
@@ -71,6 +71,13 @@ build-tsan: deps
 tsan: build-tsan
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/tsan.supp" \
 	  ctest --output-on-failure -j $(JOBS) -L '^($(shell echo $(TSAN_TESTS) | tr ' ' '|'))$$'
+
+# The long durability run on the sanitizer build: a sync, the daemon and a library upgrade each
+# killed at 100 random moments (`make test` kills 10, 2 and 3). LECTERN_KILL_SEED replays a run.
+STRESS_KILLS ?= 100
+
+stress: build-test
+	LECTERN_KILLS=$(STRESS_KILLS) ASAN_OPTIONS=detect_leaks=1 ./build-test/tests/durability/durability_tests
 
 build-bench: bench-deps
 	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLECTERN_BUILD_TESTS=OFF -DLECTERN_BUILD_BENCH=ON > /dev/null

@@ -20,7 +20,8 @@
 
 namespace lectern::test {
 
-// How many kills a harness makes: LECTERN_KILLS, else `fallback`.
+// How many kills a harness makes: LECTERN_KILLS (`make stress` sets 100), else `fallback`, the
+// short run of `make test`.
 int killCount(int fallback = 10);
 // The seed of the random moments: LECTERN_KILL_SEED (to replay a failure), else the clock.
 std::uint64_t killSeed();
