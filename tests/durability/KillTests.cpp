@@ -62,8 +62,8 @@ class SyncKillTest : public ::testing::Test {
     writeFile(opml, feeds_.opml());
     auto imported = home_.run("opml import '" + opml.string() + "'");
     EXPECT_EQ(imported.exit, 0) << imported.err;
-    // Newest 250 of 400 unread: enough unread items for four changes a round for 100 rounds.
-    feedbin_.seed(/*feeds=*/8, /*entriesPerFeed=*/50, /*unread=*/250, /*starredEvery=*/0);
+    // The newest 330 of 480 unread: three unread items and one read a round for 100 rounds.
+    feedbin_.seed(/*feeds=*/8, /*entriesPerFeed=*/60, /*unread=*/330, /*starredEvery=*/0);
     auto added = home_.run("account add feedbin --username me@example.org --password-stdin --endpoint " +
                            feedbin_.baseURL(), "secret\n");
     EXPECT_EQ(added.exit, 0) << added.err;
