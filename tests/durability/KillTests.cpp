@@ -40,7 +40,7 @@ std::chrono::milliseconds elapsedSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
 }
 
-// An offline change to a Feedbin item and how the mock shows that it arrived.
+// An offline change to a Feedbin item (`arrived` says whether the mock has it).
 struct Change {
   std::string operation;  // as `lectern queue --json` names it
   std::int64_t entry = 0;
@@ -49,7 +49,7 @@ struct Change {
 class SyncKillTest : public ::testing::Test {
  protected:
   SyncKillTest() : seed_(killSeed()), random_(seed_) {
-    std::cout << fmt::format("[ seed     ] LECTERN_KILL_SEED={}\n", seed_);
+    std::cout << fmt::format("[ seed     ] LECTERN_KILL_SEED={}", seed_) << std::endl;
     RecordProperty("seed", std::to_string(seed_));
   }
 
@@ -187,15 +187,16 @@ class SyncKillTest : public ::testing::Test {
     return requests;
   }
 
-  std::chrono::milliseconds pickMoment(int kill, std::chrono::milliseconds whole, std::string& window) {
+  // The moment of kill number `kill` within its window of `whole`, and the window's name.
+  std::pair<std::chrono::milliseconds, std::string> pickMoment(int kill, std::chrono::milliseconds whole) {
     const auto [from, to] = kWindows[kill % std::size(kWindows)];
-    window = fmt::format("{:.2f}-{:.2f}", from, to);
     std::uniform_real_distribution<double> within(from, to);
-    return std::chrono::milliseconds(static_cast<std::int64_t>(within(random_) * static_cast<double>(whole.count())));
+    return {std::chrono::milliseconds(static_cast<std::int64_t>(within(random_) * static_cast<double>(whole.count()))),
+            fmt::format("{:.2f}-{:.2f}", from, to)};
   }
 
   // Each round: new stories, new changes, a run killed at a random moment, the checks, a complete
-  // sync and its checks. `start` spawns the run; `lead` is the time before it starts to sync.
+  // sync and its checks. `arguments` start the run; `lead` is the time before it starts to sync.
   void killRounds(int kills, std::chrono::milliseconds whole, const std::vector<std::string>& arguments,
                   std::chrono::milliseconds lead) {
     int killed = 0;
@@ -205,8 +206,8 @@ class SyncKillTest : public ::testing::Test {
       const auto roundStart = Clock::now();
       feeds_.serveRound(++round_);
       makeChanges();
-      std::string window;
-      const auto moment = lead + pickMoment(kill, whole, window);
+      const auto [offset, window] = pickMoment(kill, whole);
+      const auto moment = lead + offset;
       const int requestsBefore = feedRequests();
       const pid_t child = home_.spawn(arguments);
       ASSERT_GT(child, 0);
@@ -225,7 +226,7 @@ class SyncKillTest : public ::testing::Test {
       EXPECT_EQ(synced.exit, 0) << what << "\n" << synced.out << synced.err;
       checkComplete(what + ", then a complete sync");
       killTime += elapsedSince(roundStart);
-      if (HasFailure()) std::cout << "[ failed   ] " << what << "\n";
+      std::cout << (HasFailure() ? "[ failed   ] " : "[ round    ] ") << what << std::endl;
     }
     std::cout << fmt::format("[ kills    ] {} rounds, {} killed a running process ({} after its feed requests began),"
                              " {} ms a round\n", kills, killed, killedDownloading, killTime.count() / std::max(1, kills));
@@ -293,7 +294,7 @@ class UpgradeKillTest : public ::testing::Test {
 
 TEST_F(UpgradeKillTest, AnUpgradeKilledBetweenItsStepsIsFinishedOrNeverBegun) {
   const std::uint64_t seed = killSeed();
-  std::cout << fmt::format("[ seed     ] LECTERN_KILL_SEED={}\n", seed);
+  std::cout << fmt::format("[ seed     ] LECTERN_KILL_SEED={}", seed) << std::endl;
   std::mt19937_64 random(seed);
   TempDir templates;
   const auto old = templates / "Lectern.storedata";
