@@ -21,7 +21,7 @@ export CCACHE_BASEDIR ?= $(abspath $(CURDIR)/..)
 # Debug objects otherwise carry the build folder in their key, which defeats the line above.
 export CCACHE_NOHASHDIR ?= 1
 
-.PHONY: run test tsan fuzz fuzz-check bench deps bench-deps fuzz-deps build build-test build-tsan build-fuzz build-bench clean
+.PHONY: run test tsan stress fuzz fuzz-check bench deps bench-deps fuzz-deps build build-test build-tsan build-fuzz build-bench clean
 
 define install_missing
 	@missing=""; \
@@ -92,6 +92,13 @@ fuzz: build-fuzz
 
 fuzz-check: build-fuzz
 	./tests/fuzz/run.sh build-fuzz 0 $(FUZZ_TARGETS)
+
+# The long durability run on the sanitizer build: a sync, the daemon and a library upgrade each
+# killed at 100 random moments (`make test` kills 10, 2 and 3). LECTERN_KILL_SEED replays a run.
+STRESS_KILLS ?= 100
+
+stress: build-test
+	LECTERN_KILLS=$(STRESS_KILLS) ASAN_OPTIONS=detect_leaks=1 ./build-test/tests/durability/durability_tests
 
 build-bench: bench-deps
 	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLECTERN_BUILD_TESTS=OFF -DLECTERN_BUILD_BENCH=ON > /dev/null

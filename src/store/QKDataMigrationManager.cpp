@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 
+#include <string>
+#include <vector>
+
 
 #include "core/Log.h"
 #include "core/Strings.h"
@@ -23,6 +26,14 @@ void removeStoreFiles(const fs::path& store) {
   fs::remove(store.string() + "-wal", error);
   fs::remove(store.string() + "-shm", error);
   fs::remove(store.string() + "-journal", error);
+  // A step's commit spans two files, so SQLite writes a super-journal ("<file>-mj<random>") beside
+  // it; a process killed during that commit leaves it behind for good unless it goes here too.
+  const std::string superJournal = store.filename().string() + "-mj";
+  std::vector<fs::path> leftovers;
+  for (fs::directory_iterator entry(store.parent_path(), error), end; !error && entry != end; entry.increment(error)) {
+    if (entry->path().filename().string().starts_with(superJournal)) leftovers.push_back(entry->path());
+  }
+  for (const auto& leftover : leftovers) fs::remove(leftover, error);
 }
 
 Result<void> fileError(std::string_view action, const fs::path& path, const std::error_code& error) {

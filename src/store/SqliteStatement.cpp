@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <utility>
@@ -49,10 +50,23 @@ std::optional<Date> dateOf(const SqlValue& value) {
 }
 
 Error sqliteError(sqlite3* db, int code, std::string_view action) {
+  // Read first: the failed call's errno, which sqlite3_system_errno does not always keep.
+  const int lastErrno = errno;
   const int primary = code & 0xff;
   std::string reason;
+  // SQLite says "disk I/O error" for a write refused by a size limit (EFBIG) and "unable to open
+  // database file" for a library in a read-only folder: say what a person can act on.
+  int systemError = 0;
+  if (db != nullptr && (primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN)) {
+    systemError = sqlite3_system_errno(db);
+    if (systemError == 0) systemError = lastErrno;
+  }
   if (primary == SQLITE_BUSY || primary == SQLITE_LOCKED) {
     reason = "the library is busy with another task; try again";
+  } else if (primary == SQLITE_FULL || systemError == ENOSPC || systemError == EFBIG || systemError == EDQUOT) {
+    reason = "the disk is full (or the library reached the file size limit); free some space and try again";
+  } else if (primary == SQLITE_READONLY || systemError == EROFS || systemError == EACCES || systemError == EPERM) {
+    reason = "the library can't be written (its file or folder is read-only); check their permissions";
   } else if (db != nullptr && sqlite3_errcode(db) == code) {
     reason = sqlite3_errmsg(db);
   } else {

@@ -122,6 +122,9 @@ void SyncOperation::saveOwnContext() {
   if (auto saved = moc_->save(); !saved) {
     logError(className(), "Failed to save account ({}) in background thread!", accountTitle_);
     logError(className(), "Reason: {}", saved.error().message());
+    // What could not be saved is lost for this sync (the next one fetches it again), so the
+    // account's sync failed: a full disk must not end in "up to date".
+    if (!error()) setError(saved.error());
   }
 }
 

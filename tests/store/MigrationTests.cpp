@@ -318,6 +318,15 @@ TEST_F(MigrationTest, ACrashBetweenStepsLeavesTheOriginalAndTheNextStartUpgrades
   EXPECT_EQ(libraryFolder().count("Lectern.Lectern 2.41.storedata"), 0u);
 }
 
+// Found by killing upgrades at random: a step killed while committing left its super-journal.
+TEST_F(MigrationTest, TheSuperJournalOfAKilledStepIsRemovedByTheNextUpgrade) {
+  writeStoreOfVersion(paths_.storeFile(), modelVersions()[0], kOldLibrary);
+  writeFile(paths_.applicationFolder / "Lectern.Lectern 2.8.storedata-mj5B90B79BB", "left by a killed commit");
+  RecordingDelegate delegate;
+  ASSERT_TRUE(manager_->migrate(&delegate));
+  EXPECT_EQ(libraryFolder(), (std::set<std::string>{"Lectern.storedata", std::string(kBackup), std::string(kLock)}));
+}
+
 TEST_F(MigrationTest, StepFileNamesAndTheMappingChain) {
   EXPECT_EQ(
       QKDataMigrationManager::destinationStoreURLWithSourceStoreURL("/a/b/Lectern.storedata", "Lectern 2.41"),
