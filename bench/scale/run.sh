@@ -112,7 +112,7 @@ for stories in $sizes; do
   row "search '\"city council\"'" "$(measure "${l[@]}" search '"city council"')"
   row "search 'climate AND NOT football'" "$(measure "${l[@]}" search 'climate AND NOT football')"
   row "search --unread 'brulee OR kraken'" "$(measure "${l[@]}" search --unread 'brulee OR kraken')"
-  row "smart list (3 counts)" "$(measure "${l[@]}" smart list)"
+  row "smart list (6 counts)" "$(measure "${l[@]}" smart list)"
   row "folders (unread counts)" "$(measure "${l[@]}" folders)"
   row "feeds (unread counts, health)" "$(measure "${l[@]}" feeds)"
   if command -v script > /dev/null; then
