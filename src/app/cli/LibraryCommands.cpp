@@ -62,14 +62,14 @@ int runList(CliContext& cli, const ListOptions& options) {
   if (options.limit > 0) query.limit = options.limit;
 
   std::vector<std::shared_ptr<Bookmark>> items;
-  std::int64_t matched = 0;
+  std::int64_t total = 0;  // every item that matches, the page's and the rest
   if (options.smart > 0) {
     auto found = smartFolderItems(cli, *context, options.smart, query);
     if (!checkResult(found)) return kExitFailure;
     items = std::move(*found);
     auto counted = smartFolderItemCount(cli, *context, options.smart, query);
     if (!checkResult(counted)) return kExitFailure;
-    matched = *counted;
+    total = *counted;
   } else if (options.feed > 0) {
     auto feed = context->existingObject<Feed>(ObjectId{Entity::kFeed, options.feed});
     if (!checkResult(feed)) return kExitFailure;
@@ -83,7 +83,7 @@ int runList(CliContext& cli, const ListOptions& options) {
     items.assign(stories->begin(), stories->end());
     auto counted = countStories(**feed, query);
     if (!checkResult(counted)) return kExitFailure;
-    matched = *counted;
+    total = *counted;
   } else if (options.folder > 0) {
     auto folder = context->existingObject<Folder>(ObjectId{Entity::kFolder, options.folder});
     if (!checkResult(folder)) return kExitFailure;
@@ -97,7 +97,7 @@ int runList(CliContext& cli, const ListOptions& options) {
     items = std::move(*bookmarks);
     auto counted = countReaderItems(**folder, query);
     if (!checkResult(counted)) return kExitFailure;
-    matched = *counted;
+    total = *counted;
   } else {
     auto accounts = Account::services(*context);
     if (!checkResult(accounts)) return kExitFailure;
@@ -113,7 +113,7 @@ int runList(CliContext& cli, const ListOptions& options) {
       items.insert(items.end(), bookmarks->begin(), bookmarks->end());
       auto counted = countBookmarks(*account, query);
       if (!checkResult(counted)) return kExitFailure;
-      matched += *counted;
+      total += *counted;
     }
     if (!matched) {
       printError(Error::make(kLecternErrorDomain, 1, "No account " + options.account,
@@ -137,8 +137,8 @@ int runList(CliContext& cli, const ListOptions& options) {
   }
   fmt::print("{}\n", bookmarkHeader());
   for (const auto& item : items) fmt::print("{}\n", bookmarkLine(*item));
-  if (static_cast<std::int64_t>(items.size()) < matched) {
-    fmt::print("{} of {} (--limit 0 shows all)\n", items.size(), matched);
+  if (static_cast<std::int64_t>(items.size()) < total) {
+    fmt::print("{} of {} (--limit 0 shows all)\n", items.size(), total);
   }
   return kExitOk;
 }
