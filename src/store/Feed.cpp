@@ -7,6 +7,7 @@
 #include "core/UserDefaults.h"
 #include "store/FeedStory.h"
 #include "store/ObjectContext.h"
+#include "store/ListCounts.h"
 #include "store/StoreQueries.h"
 #include "store/UrlParts.h"
 
@@ -80,12 +81,23 @@ void Feed::forgetDeletedEntries(const std::vector<std::string>& entryIds) {
       objectID(), objectID());
 }
 
-Result<std::vector<std::shared_ptr<FeedStory>>> Feed::stories(const BookmarkQuery& query) const {
+namespace {
+ObjectContext::FetchRequest feedStoriesRequest(std::int64_t feed, const BookmarkQuery& query) {
   ObjectContext::FetchRequest request;
+  request.entity = Entity::kFeedStory;
   request.where = "feed = ?";
-  request.arguments = {objectID().row};
+  request.arguments = {feed};
   applyBookmarkQuery(request, query);
-  return managedObjectContext().fetch<FeedStory>(std::move(request));
+  return request;
+}
+}  // namespace
+
+Result<std::vector<std::shared_ptr<FeedStory>>> Feed::stories(const BookmarkQuery& query) const {
+  return managedObjectContext().fetch<FeedStory>(feedStoriesRequest(objectID().row, query));
+}
+
+Result<std::int64_t> countStories(const Feed& feed, const BookmarkQuery& query) {
+  return countOf(feed.managedObjectContext(), feedStoriesRequest(feed.objectID().row, query));
 }
 
 Result<std::int64_t> Feed::unreadCount() const {

@@ -7,6 +7,7 @@
 #include "store/Feed.h"
 #include "store/Bookmark.h"
 #include "store/ObjectContext.h"
+#include "store/ListCounts.h"
 #include "store/StoreQueries.h"
 
 namespace lectern {
@@ -40,16 +41,26 @@ namespace {
 constexpr std::string_view kFolderItems =
     "(feed IN (SELECT feed FROM FeedFolder_feeds WHERE feedfolder = ?) OR id IN (SELECT bookmark FROM "
     "Folder_bookmarks WHERE folder = ?))";
+
+ObjectContext::FetchRequest folderItemsRequest(std::int64_t folder, const BookmarkQuery& query) {
+  ObjectContext::FetchRequest request;
+  request.where = std::string(kFolderItems);
+  request.arguments = {folder, folder};
+  applyBookmarkQuery(request, query);
+  return request;
+}
 }  // namespace
 
 Result<std::vector<std::shared_ptr<Bookmark>>> FeedFolder::readerItems(const BookmarkQuery& query) const {
   // A feed is a folder of feeds too, but its stories point at it directly.
   if (entity() != Entity::kFeedFolder) return Folder::readerItems(query);
-  ObjectContext::FetchRequest request;
-  request.where = std::string(kFolderItems);
-  request.arguments = {objectID().row, objectID().row};
-  applyBookmarkQuery(request, query);
-  return managedObjectContext().fetch<Bookmark>(std::move(request));
+  return managedObjectContext().fetch<Bookmark>(folderItemsRequest(objectID().row, query));
+}
+
+Result<std::int64_t> countReaderItems(const Folder& folder, const BookmarkQuery& query) {
+  // As readerItems: a folder of feeds holds its feeds' stories, any other folder its members.
+  if (folder.entity() != Entity::kFeedFolder) return countFolderBookmarks(folder, query);
+  return countOf(folder.managedObjectContext(), folderItemsRequest(folder.objectID().row, query));
 }
 
 Result<std::int64_t> FeedFolder::readerUnreadCount() const {

@@ -7,6 +7,7 @@
 #include "store/Account.h"
 #include "store/Bookmark.h"
 #include "store/ObjectContext.h"
+#include "store/ListCounts.h"
 #include "store/StoreQueries.h"
 
 namespace lectern {
@@ -35,12 +36,18 @@ Result<std::shared_ptr<Account>> Folder::account() const {
 
 void Folder::setAccount(const Account& account) { setReference(kAccount, account.objectID().row); }
 
-Result<std::vector<std::shared_ptr<Bookmark>>> Folder::bookmarks(const BookmarkQuery& query) const {
+namespace {
+ObjectContext::FetchRequest folderBookmarksRequest(std::int64_t folder, const BookmarkQuery& query) {
   ObjectContext::FetchRequest request;
   request.where = "id IN (SELECT bookmark FROM Folder_bookmarks WHERE folder = ?)";
-  request.arguments = {objectID().row};
+  request.arguments = {folder};
   applyBookmarkQuery(request, query);
-  return managedObjectContext().fetch<Bookmark>(std::move(request));
+  return request;
+}
+}  // namespace
+
+Result<std::vector<std::shared_ptr<Bookmark>>> Folder::bookmarks(const BookmarkQuery& query) const {
+  return managedObjectContext().fetch<Bookmark>(folderBookmarksRequest(objectID().row, query));
 }
 
 void Folder::addBookmark(const Bookmark& bookmark) {
@@ -68,6 +75,10 @@ Result<bool> Folder::containsBookmark(const Bookmark& bookmark) const {
 
 Result<std::vector<std::shared_ptr<Bookmark>>> Folder::readerItems(const BookmarkQuery& query) const {
   return bookmarks(query);
+}
+
+Result<std::int64_t> countFolderBookmarks(const Folder& folder, const BookmarkQuery& query) {
+  return countOf(folder.managedObjectContext(), folderBookmarksRequest(folder.objectID().row, query));
 }
 
 Result<std::int64_t> Folder::readerUnreadCount() const { return unreadCount(); }

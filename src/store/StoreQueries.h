@@ -18,6 +18,12 @@ inline void applyBookmarkQuery(ObjectContext::FetchRequest& request, const Bookm
   request.limit = query.limit;
 }
 
+// How many rows `request` would fetch without its limit, counted in SQL: a list that says how much
+// it leaves out need not load every match.
+inline Result<std::int64_t> countOf(ObjectContext& context, const ObjectContext::FetchRequest& request) {
+  return context.count(request.entity, request.where, request.arguments);
+}
+
 // A list bound as one value and read back in SQL with "IN (SELECT value FROM json_each(?))".
 template <class T>
 SqlValue jsonList(const std::vector<T>& items) {

@@ -87,6 +87,9 @@ void addReadCommands(CLI::App& app, CliContext& context);
 // The items of a smart folder (`lectern list --smart ID`), newest first, filtered as `query` says.
 Result<std::vector<std::shared_ptr<Bookmark>>> smartFolderItems(CliContext& cli, ObjectContext& context, std::int64_t id,
                                                                 const BookmarkQuery& query);
+// How many items `smartFolderItems` gives without a limit.
+Result<std::int64_t> smartFolderItemCount(CliContext& cli, ObjectContext& context, std::int64_t id,
+                                          const BookmarkQuery& query);
 
 // A browser sign-in's choices on `account add` (Feedly).
 struct BrowserSignInOptions {

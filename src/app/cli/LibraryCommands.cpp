@@ -16,6 +16,7 @@
 #include "store/Feed.h"
 #include "store/FeedFolder.h"
 #include "store/FeedStory.h"
+#include "store/ListCounts.h"
 #include "store/Folder.h"
 #include "store/ObjectContext.h"
 #include "store/OfflineOperation.h"
@@ -55,14 +56,20 @@ int runList(CliContext& cli, const ListOptions& options) {
   if (!context) return kExitFailure;
   BookmarkQuery query;
   query.filter = options.unread ? BookmarkFilter::kUnread : options.starred ? BookmarkFilter::kStarred : BookmarkFilter::kAll;
-  // Everything that matches is fetched so that the list can say how much it leaves out.
   query.includeBlocked = options.all;
+  // One page is fetched and the rest only counted, so that a large library lists as fast as a
+  // small one and the list can still say how much it leaves out.
+  if (options.limit > 0) query.limit = options.limit;
 
   std::vector<std::shared_ptr<Bookmark>> items;
+  std::int64_t total = 0;  // every item that matches, the page's and the rest
   if (options.smart > 0) {
     auto found = smartFolderItems(cli, *context, options.smart, query);
     if (!checkResult(found)) return kExitFailure;
     items = std::move(*found);
+    auto counted = smartFolderItemCount(cli, *context, options.smart, query);
+    if (!checkResult(counted)) return kExitFailure;
+    total = *counted;
   } else if (options.feed > 0) {
     auto feed = context->existingObject<Feed>(ObjectId{Entity::kFeed, options.feed});
     if (!checkResult(feed)) return kExitFailure;
@@ -74,6 +81,9 @@ int runList(CliContext& cli, const ListOptions& options) {
     auto stories = (*feed)->stories(query);
     if (!checkResult(stories)) return kExitFailure;
     items.assign(stories->begin(), stories->end());
+    auto counted = countStories(**feed, query);
+    if (!checkResult(counted)) return kExitFailure;
+    total = *counted;
   } else if (options.folder > 0) {
     auto folder = context->existingObject<Folder>(ObjectId{Entity::kFolder, options.folder});
     if (!checkResult(folder)) return kExitFailure;
@@ -85,6 +95,9 @@ int runList(CliContext& cli, const ListOptions& options) {
     auto bookmarks = (*folder)->readerItems(query);
     if (!checkResult(bookmarks)) return kExitFailure;
     items = std::move(*bookmarks);
+    auto counted = countReaderItems(**folder, query);
+    if (!checkResult(counted)) return kExitFailure;
+    total = *counted;
   } else {
     auto accounts = Account::services(*context);
     if (!checkResult(accounts)) return kExitFailure;
@@ -98,21 +111,22 @@ int runList(CliContext& cli, const ListOptions& options) {
       auto bookmarks = account->bookmarks(query);
       if (!checkResult(bookmarks)) return kExitFailure;
       items.insert(items.end(), bookmarks->begin(), bookmarks->end());
+      auto counted = countBookmarks(*account, query);
+      if (!checkResult(counted)) return kExitFailure;
+      total += *counted;
     }
     if (!matched) {
       printError(Error::make(kLecternErrorDomain, 1, "No account " + options.account,
                              "See `lectern account list` for the accounts."));
       return kExitFailure;
     }
-    // Each account's list is newest first; merge them and keep the limit.
+    // Each account's page is newest first and holds whatever of it the merged page needs; merge
+    // them and keep the limit.
     std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) {
       return a->date_added().value_or(Date{}) > b->date_added().value_or(Date{});
     });
     if (query.limit && static_cast<std::int64_t>(items.size()) > *query.limit) items.resize(static_cast<size_t>(*query.limit));
   }
-
-  const size_t matched = items.size();
-  if (options.limit > 0 && matched > static_cast<size_t>(options.limit)) items.resize(static_cast<size_t>(options.limit));
 
   if (options.json) {
     return checkResult(printBookmarksJson(items)) ? kExitOk : kExitFailure;
@@ -123,8 +137,8 @@ int runList(CliContext& cli, const ListOptions& options) {
   }
   fmt::print("{}\n", bookmarkHeader());
   for (const auto& item : items) fmt::print("{}\n", bookmarkLine(*item));
-  if (items.size() < matched) {
-    fmt::print("{} of {} (--limit 0 shows all)\n", items.size(), matched);
+  if (static_cast<std::int64_t>(items.size()) < total) {
+    fmt::print("{} of {} (--limit 0 shows all)\n", items.size(), total);
   }
   return kExitOk;
 }

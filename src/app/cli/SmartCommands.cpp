@@ -334,22 +334,46 @@ void addRuleOptions(CLI::App* command, RuleOptions& options) {
 
 }  // namespace
 
-Result<std::vector<std::shared_ptr<Bookmark>>> smartFolderItems(CliContext& cli, ObjectContext& context, std::int64_t id,
-                                                                const BookmarkQuery& query) {
+namespace {
+
+// What a smart folder holds under `query`'s filter, and the scope it is read in.
+struct SmartSelection {
+  Predicate predicate;
+  LibraryScope scope;
+  Date now;
+};
+
+Result<SmartSelection> smartSelection(CliContext& cli, ObjectContext& context, std::int64_t id, const BookmarkQuery& query) {
   auto folder = smartFolderById(context, id);
   if (!folder) return fail(folder.error());
   auto predicate = fetchPredicate(**folder);
   if (!predicate) return fail(predicate.error());
   auto environment = cli.environment();
   if (!environment) return fail(environment.error());
-  LibraryScope scope;
-  scope.unreadOnly = query.filter == BookmarkFilter::kUnread;
-  scope.limit = query.limit;
-  Predicate selected = *predicate;
+  SmartSelection selection{std::move(*predicate), {}, (*environment)->clock().now()};
+  selection.scope.unreadOnly = query.filter == BookmarkFilter::kUnread;
+  selection.scope.limit = query.limit;
   if (query.filter == BookmarkFilter::kStarred) {
-    selected = Predicate::andOf({std::move(selected), QKBooleanRowTemplate{"is_favorited", true}.predicateWithSubpredicates()});
+    selection.predicate = Predicate::andOf(
+        {std::move(selection.predicate), QKBooleanRowTemplate{"is_favorited", true}.predicateWithSubpredicates()});
   }
-  return fetchMatchingBookmarks(context, selected, (*environment)->clock().now(), scope);
+  return selection;
+}
+
+}  // namespace
+
+Result<std::vector<std::shared_ptr<Bookmark>>> smartFolderItems(CliContext& cli, ObjectContext& context, std::int64_t id,
+                                                                const BookmarkQuery& query) {
+  auto selection = smartSelection(cli, context, id, query);
+  if (!selection) return fail(selection.error());
+  return fetchMatchingBookmarks(context, selection->predicate, selection->now, selection->scope);
+}
+
+Result<std::int64_t> smartFolderItemCount(CliContext& cli, ObjectContext& context, std::int64_t id,
+                                          const BookmarkQuery& query) {
+  auto selection = smartSelection(cli, context, id, query);
+  if (!selection) return fail(selection.error());
+  return countMatchingBookmarks(context, selection->predicate, selection->now, selection->scope);
 }
 
 void addSmartCommands(CLI::App& app, CliContext& context) {

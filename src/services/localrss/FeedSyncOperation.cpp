@@ -367,9 +367,29 @@ void FeedSyncOperation::downloadImages(FeedStory& story) {
   for (auto& image : story.parseImages()) pendingImages_.push_back(std::move(image));
 }
 
+std::optional<std::set<std::int64_t>> FeedSyncOperation::feedsWithObsoleteStories() {
+  // One range of the (account, is_archived, date_added) index instead of a probe of every feed's
+  // read stories: in a large library most feeds have nothing to remove.
+  const SqlValue arguments[] = {account().objectID().row, sqlDate(keepDate_)};
+  auto rows = moc().select(
+      "SELECT DISTINCT feed FROM Bookmark WHERE account = ? AND is_archived = 1 AND date_added < ?"
+      " AND is_favorited = 0 AND feed IS NOT NULL",
+      arguments);
+  if (!rows) {
+    logError(kCategory, "Built-in RSS: Failed to find the feeds with obsolete stories: {}", rows.error().message());
+    return std::nullopt;
+  }
+  std::set<std::int64_t> feeds;
+  for (const auto& row : *rows) feeds.insert(integerOf(row[0]).value_or(0));
+  return feeds;
+}
+
 bool FeedSyncOperation::removeObsoleteStories() {
+  // Without the list every feed is looked at, as each would be.
+  const auto candidates = feedsWithObsoleteStories();
   for (const FeedJob& job : jobs_) {
     if (checkIsCancelled()) return false;
+    if (candidates && !candidates->contains(job.feed.row)) continue;
     const ParentView view = parentView(job.feed, /*withSelection=*/true);
     if (view.deleted) continue;
     auto feed = moc().existingObject<Feed>(job.feed);

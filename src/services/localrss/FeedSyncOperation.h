@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,6 +85,9 @@ class FeedSyncOperation final : public SyncOperation {
   void downloadImages(FeedStory& story);
   // Step 7; false when cancelled.
   bool removeObsoleteStories();
+  // The feeds of the account that have a story removeObsoleteStories could remove; nothing when
+  // the query failed.
+  std::optional<std::set<std::int64_t>> feedsWithObsoleteStories();
   void deleteObsoleteStoriesForFeed(Feed& feed, const std::vector<ObjectId>& selected);
   void dropQueuedChanges();
   void finishOperation();
