@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-
 #include "core/Log.h"
 #include "core/Strings.h"
 #include "store/LibraryUpgradeLock.h"
