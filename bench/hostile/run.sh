@@ -13,4 +13,4 @@ if [ ! -x "$program" ] || [ ! -x "$harness" ]; then
   echo "hostile: needs $build/lectern and $harness (make build-bench; cmake --build build-test --target hostile_tests)" >&2
   exit 1
 fi
-LECTERN_HOSTILE_PROGRAM="$program" "$harness" --gtest_filter='HostileFeedTest.*' | grep -E '^\[ (figures|  FAILED|       OK|  PASSED)'
+LECTERN_HOSTILE_PROGRAM="$program" "$harness" --gtest_filter='HostileFeedTest.*' | grep -E '^\[( figures|  FAILED|       OK|  PASSED)'

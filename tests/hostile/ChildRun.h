@@ -1,22 +1,27 @@
 #pragma once
 
 // Runs the built `lectern` as a child process and keeps what only the parent can see of it: its
-// peak memory (wait4's resource usage), how long it ran, and how it ended (a signal, a core).
+// peak memory, how long it ran, and how it ended (a signal, a core).
 
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <fstream>
+#include <thread>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "support/TestSupport.h"
 
@@ -86,13 +91,32 @@ inline ChildRun runLectern(const std::filesystem::path& folder, const std::files
     return run;
   }
   posix_spawn_file_actions_destroy(&actions);
+  // wait4's ru_maxrss would be of no use: exec carries the spawning process's peak over into the
+  // child's, and this test process is the larger. The child's own peak (VmHWM, a high-water mark
+  // that only grows) is read while it runs instead; only its last few milliseconds go unseen.
+  std::atomic<bool> exited{false};
+  std::atomic<long> peak{0};
+  std::thread watcher([&] {
+    const auto status = fmt::format("/proc/{}/status", pid);
+    while (!exited) {
+      std::ifstream in(status);
+      for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("VmHWM:")) peak = std::max(peak.load(), std::strtol(line.c_str() + 6, nullptr, 10));
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
   if (whileRunning) whileRunning(pid);
+  siginfo_t info{};
+  while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+  }
+  exited = true;
+  watcher.join();
   int status = 0;
-  rusage usage{};
-  while (::wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  run.peakKiB = usage.ru_maxrss;
+  run.peakKiB = peak;
   if (WIFEXITED(status)) run.exit = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) {
     run.signal = WTERMSIG(status);

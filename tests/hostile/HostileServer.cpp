@@ -237,9 +237,19 @@ void HostileServer::answer(int fd, SSL* ssl, const std::string& path) {
   } else if (path == "/ten-million") {
     auto chunk = [](const std::string& data) { return fmt::format("{:x}\r\n{}\r\n", data.size(), data); };
     if (!sendAll(fd, ssl, head(200, atom + "Transfer-Encoding: chunked\r\n") + chunk(kFeedHead), path)) return;
+    // Each entry is a copy of one template with its number written in twice: the server has to
+    // outpace the reader for the size cap, not the clock, to be what stops it.
+    const std::string entry = atomEntry("urn:many:00000000", "Entry 00000000");
+    const size_t first = entry.find("00000000");
+    const size_t second = entry.find("00000000", first + 8);
     std::string block;
     for (int i = 0; i < 10'000'000; ++i) {
-      block += atomEntry(fmt::format("urn:many:{}", i), fmt::format("Entry {}", i));
+      const size_t at = block.size();
+      block += entry;
+      for (int n = i, digit = 7; digit >= 0; --digit, n /= 10) {
+        block[at + first + static_cast<size_t>(digit)] = static_cast<char>('0' + n % 10);
+        block[at + second + static_cast<size_t>(digit)] = static_cast<char>('0' + n % 10);
+      }
       if (block.size() >= 65536) {
         if (!sendAll(fd, ssl, chunk(block), path)) return;
         block.clear();

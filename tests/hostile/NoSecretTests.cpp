@@ -247,7 +247,10 @@ TEST_F(NoSecretTest, ACrashedProgramLeavesNoCore) {
   // Let this process's children write cores as far as the system allows.
   rlimit core{};
   getrlimit(RLIMIT_CORE, &core);
-  const rlimit before = core;
+  struct Restore {
+    rlimit limit;
+    ~Restore() { setrlimit(RLIMIT_CORE, &limit); }
+  } restore{core};
   core.rlim_cur = core.rlim_max;
   setrlimit(RLIMIT_CORE, &core);
   const std::string pattern = readFile("/proc/sys/kernel/core_pattern");
@@ -294,7 +297,6 @@ TEST_F(NoSecretTest, ACrashedProgramLeavesNoCore) {
     std::printf("[ skipped  ] the core file check with LECTERN_CORE_DUMPS=1: core_pattern is \"%s\"\n",
                 pattern.c_str());
   }
-  setrlimit(RLIMIT_CORE, &before);
 }
 
 }  // namespace
