@@ -51,7 +51,7 @@ constexpr const char* kTimeoutSeconds = "5";
 // The peak resident memory allowed. The sanitizers' shadow memory and quarantine inflate a
 // sanitized build many times over, so the 200 MB bound is checked on an uninstrumented build
 // (bench/hostile/run.sh runs this test with LECTERN_HOSTILE_PROGRAM pointing at one).
-long memoryLimitKiB() { return sanitizedProgram() ? 1536L * 1024 : 200L * 1024; }
+long memoryLimitKiB() { return sanitizedProgram() ? 1024L * 1024 : 200L * 1024; }
 
 class HostileFeedTest : public ::testing::Test {
  protected:
