@@ -55,6 +55,8 @@ NetworkSession& AppEnvironment::network() {
     NetworkSessionOptions options;
     // Diagnostic dumps are written only when the user has made this folder.
     options.dumpFolder = paths_.applicationFolder / "dump";
+    if (options_.networkTimeoutSeconds)
+      options.defaultTimeoutInterval = std::chrono::duration<double>(*options_.networkTimeoutSeconds);
     network_ = std::make_unique<NetworkSession>(mainQueue_, reachability(), std::move(options));
   }
   return *network_;

@@ -21,6 +21,9 @@ struct AppOptions {
   std::optional<std::filesystem::path> home;  // --home DIR
   bool verbose = false;                       // --verbose: log lines mirrored to stderr
   bool offline = false;                       // --offline or LECTERN_OFFLINE=1: the internet counts as unreachable
+  // LECTERN_NETWORK_TIMEOUT=SECONDS: the network's idle timeout instead of its default (tests use
+  // a short one to meet servers that stall).
+  std::optional<double> networkTimeoutSeconds;
 };
 
 // The process-level pieces every command needs: folders, the log, preferences, the main queue,

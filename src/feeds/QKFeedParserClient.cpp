@@ -44,6 +44,7 @@ QKFeedParserClient::QKFeedParserClient(NetworkSession& session, std::string_view
       baseUrl_(std::move(split.baseUrl)),
       fetchable_(isFetchable(url)) {
   setDefaultHeader("Accept", "*/*");
+  setMaximumResponseSize(kMaximumFeedBytes);
 }
 
 HttpRequest QKFeedParserClient::requestWithMethod(std::string_view method, std::string_view path,

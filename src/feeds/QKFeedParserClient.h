@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -35,6 +36,10 @@ class QKFeedParserClient : public AFHTTPClient {
 
   // How long synchronouslyFetchFeed waits for the whole answer.
   static constexpr std::chrono::duration<double> kSynchronousFetchTimeout{30.0};
+  // The largest feed document accepted (-1103 beyond). Ten times the largest real feed we know
+  // (a podcast's whole history, 1.6 MB); a refresh reads three feeds at once, so the session's
+  // 64 MiB cap alone would let three endless answers hold far more memory than a sync should.
+  static constexpr std::uint64_t kMaximumFeedBytes = 16ull * 1024 * 1024;
 
   // `url` is split by FeedURLSplit: the client's base URL is the part before the path, so an
   // explicit port lands at the front of path() (":8080/feed.xml"). Requests for path() go to `url`

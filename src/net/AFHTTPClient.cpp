@@ -256,6 +256,7 @@ std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::HTTPRequestOperationWithRe
   std::shared_ptr<AFHTTPRequestOperation> operation;
   std::optional<HttpCredential> credential;
   bool allowsInvalid;
+  std::optional<std::uint64_t> maximum;
   {
     std::lock_guard lock(mutex_);
     for (const auto& operationClass : operationClasses_) {
@@ -266,6 +267,7 @@ std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::HTTPRequestOperationWithRe
     }
     credential = defaultCredential_;
     allowsInvalid = allowsInvalidSSLCertificate_;
+    maximum = maximumResponseSize_;
   }
   if (!operation) operation = std::make_shared<AFHTTPRequestOperation>(session_, std::move(request));
   operation->setDefaultCookieJar(cookieJar_);
@@ -273,7 +275,13 @@ std::shared_ptr<AFHTTPRequestOperation> AFHTTPClient::HTTPRequestOperationWithRe
   if (success || failure) operation->setCompletionBlockWithSuccess(std::move(success), std::move(failure));
   operation->setCredential(std::move(credential));
   operation->setAllowsInvalidSSLCertificate(allowsInvalid);
+  if (maximum) operation->setMaximumResponseSize(*maximum);
   return operation;
+}
+
+void AFHTTPClient::setMaximumResponseSize(std::uint64_t bytes) {
+  std::lock_guard lock(mutex_);
+  maximumResponseSize_ = bytes;
 }
 
 void AFHTTPClient::enqueueHTTPRequestOperation(std::shared_ptr<AFHTTPRequestOperation> operation) {
@@ -445,7 +453,10 @@ SynchronousResponse AFHTTPClient::synchronouslyPerformRequest(HttpRequest reques
     return result;
   }
   result.error = result.operation->error();
-  if (result.operation->totalBytesRead() > 0 || !result.error) {
+  // A transfer that broke off (cut short, too large, timed out) left part of a body: parsing it
+  // would tell nothing and cost a copy of up to the size cap.
+  const bool transferFailed = result.operation->AFURLConnectionOperation::error().has_value();
+  if (!transferFailed && (result.operation->totalBytesRead() > 0 || !result.error)) {
     auto parsed = result.operation->responseObject();
     if (parsed) {
       result.responseObject = std::move(*parsed);

@@ -118,6 +118,8 @@ class AFHTTPClient {
   void setDefaultCredential(std::optional<HttpCredential> credential);
   bool allowsInvalidSSLCertificate() const;
   void setAllowsInvalidSSLCertificate(bool allows);
+  // The largest body kept in memory for this client's operations (the session's when not set).
+  void setMaximumResponseSize(std::uint64_t bytes);
 
   // `path` resolved against the base URL, the default headers, and the parameters (null for none):
   // in the query string for GET, HEAD and DELETE ("&" after a query the URL already has), else in
@@ -261,6 +263,7 @@ class AFHTTPClient {
   HttpHeaders defaultHeaders_;
   std::optional<HttpCredential> defaultCredential_;
   bool allowsInvalidSSLCertificate_ = false;
+  std::optional<std::uint64_t> maximumResponseSize_;
   int reachabilityObserver_ = 0;
   std::shared_ptr<ReachabilityState> reachability_;
   // Last: destroyed first, so running operations end before the rest goes.

@@ -1,5 +1,8 @@
 #include "sync/FeedFetchGroup.h"
 
+#include <algorithm>
+
+#include "net/NetworkSession.h"
 #include "net/URLError.h"
 
 namespace lectern {
@@ -9,6 +12,9 @@ FeedFetchGroup::FeedFetchGroup(NetworkSession& session) : session_(session) {}
 Result<ConditionalFeed> FeedFetchGroup::synchronouslyFetchFeed(const std::string& url,
                                                                const FeedValidators& held) {
   QKFeedParserClient client(session_, url);
+  // A session with a shorter idle timeout than the fetch's own bound shortens the bound too.
+  client.setSynchronousTimeout(std::min<std::chrono::duration<double>>(
+      QKFeedParserClient::kSynchronousFetchTimeout, session_.options().defaultTimeoutInterval));
   {
     std::lock_guard lock(mutex_);
     if (cancelled_) {

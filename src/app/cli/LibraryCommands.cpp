@@ -477,7 +477,11 @@ int runConfigList(CliContext& cli, bool asJson) {
   const UserDefaults& defaults = (*environment)->defaults();
   json out = json::array();
   for (const auto& known : knownDefaults()) {
-    const json value = defaults.objectForKey(known.key);
+    json value = defaults.objectForKey(known.key);
+    // An application's secret is shown only when asked for by name (`config get`): a listing
+    // ends up on screens and in pasted bug reports.
+    if (std::string_view(known.key).ends_with("Secret") && value.is_string() && !value.get<std::string>().empty())
+      value = "(hidden)";
     json choices = nullptr;
     if (known.kind == DefaultKind::kIndex) {
       choices = json::array();

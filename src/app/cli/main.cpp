@@ -1,5 +1,7 @@
 // The `lectern` program: parses arguments, calls the library, presents results.
 #include <malloc.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -9,8 +11,28 @@
 
 #include "app/cli/Cli.h"
 
+namespace {
+
+// A core of a running Lectern holds the passwords and tokens it is working with, and a core file
+// lands wherever the system puts it, readable by whoever can read that place. So the program
+// writes none: no core, and no ptrace by other processes of the user (a debugger attaches as
+// root, or the developer sets LECTERN_CORE_DUMPS=1 to keep the system's rules).
+void refuseCoreDumps() {
+  if (const char* allowed = std::getenv("LECTERN_CORE_DUMPS"); allowed != nullptr && std::string(allowed) == "1")
+    return;
+  rlimit core{};
+  if (getrlimit(RLIMIT_CORE, &core) == 0) {
+    core.rlim_cur = 0;  // the hard limit stays, for the programs Lectern starts
+    setrlimit(RLIMIT_CORE, &core);
+  }
+  prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace lectern::cli;
+  refuseCoreDumps();
   // Feeds are read on short-lived threads; glibc would give each its own heap and keep what they
   // freed apart. Two heaps keep a sync's peak memory a tenth lower and cost no measurable time.
   mallopt(M_ARENA_MAX, 2);
@@ -64,6 +86,15 @@ int main(int argc, char** argv) {
   if (!home.empty()) context.options.home = home;
   if (const char* offline = std::getenv("LECTERN_OFFLINE"); offline != nullptr && std::string(offline) == "1") {
     context.options.offline = true;
+  }
+  if (const char* timeout = std::getenv("LECTERN_NETWORK_TIMEOUT"); timeout != nullptr && *timeout != '\0') {
+    char* end = nullptr;
+    const double seconds = std::strtod(timeout, &end);
+    if (*end != '\0' || !(seconds > 0)) {
+      fmt::print(stderr, "LECTERN_NETWORK_TIMEOUT: a number of seconds greater than 0, not \"{}\"\n", timeout);
+      return kExitUsage;
+    }
+    context.options.networkTimeoutSeconds = seconds;
   }
 
   try {
