@@ -389,6 +389,14 @@ TEST_F(PinboardTest, ASecondSyncTooSoonSaysWhenToTryAgainWithoutAskingPinboard) 
   EXPECT_EQ(report.error->recoverySuggestion,
             "Pinboard allows the full list once every 5 min: try again in 5 min.");
   EXPECT_EQ(server_.requests("posts/all").size(), 1u);
+
+  // When the pace of every call is what holds it back, that is the limit named.
+  ASSERT_TRUE(defaults_.setDouble(PinboardService::kAllPostsIntervalKey, 0));
+  ASSERT_TRUE(defaults_.setDouble(PinboardService::kCallIntervalKey, 120));
+  serviceObjectOf<PinboardService>(*account_)->resetApiClient();
+  report = sync(account_);
+  ASSERT_TRUE(report.error);
+  EXPECT_EQ(report.error->recoverySuggestion, "Pinboard allows one call every 2 min: try again in 2 min.");
 }
 
 TEST_F(PinboardTest, TheClientWaitsItsTurnInsteadOfBeingRefused) {

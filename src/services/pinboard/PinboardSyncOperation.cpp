@@ -75,11 +75,15 @@ bool PinboardSyncOperation::fetchAllPosts() {
   const auto wait = pacer.waitBefore(PinboardPacer::Call::kAllPosts);
   if (wait > kLongestWaitForAllPosts) {
     // Holding the sync for minutes would look like a hang; nothing is lost by coming back.
-    const auto interval = pacer.intervals().allPosts;
+    // Say which of the two limits holds the call back: the one that makes the longer wait.
+    const auto intervals = pacer.intervals();
+    const bool fullListLimit = intervals.allPosts >= intervals.call;
     logInfo(className(), "Pinboard: the full list is due in {}", describeWait(wait));
     setError(Error::make(QKPinboardClient::kErrorDomain, QKPinboardClient::kResponseErrorCode, kGetBookmarksFailed,
-                         fmt::format("Pinboard allows the full list once every {}: try again in {}.",
-                                     describeWait(interval), describeWait(wait))));
+                         fullListLimit ? fmt::format("Pinboard allows the full list once every {}: try again in {}.",
+                                                     describeWait(intervals.allPosts), describeWait(wait))
+                                       : fmt::format("Pinboard allows one call every {}: try again in {}.",
+                                                     describeWait(intervals.call), describeWait(wait))));
     return false;
   }
   // "meta" tells a changed post from an unchanged one: asked for, as it is documented as optional.
