@@ -29,7 +29,6 @@ inline NewAccount fuzzAccountRequest(const FuzzedService& service, std::string e
   request.password = "secret";
   request.endpoint = std::move(endpoint);
   if (!service.signsIn) {
-    request.username.reset();
     request.password = "access-token";
     request.refreshToken = "refresh-token";
     request.tokenExpire = std::chrono::system_clock::now() + std::chrono::hours(24 * 365);
