@@ -28,7 +28,7 @@ run_one() {
   mkdir -p "$build/corpus/$target" "$build/findings/$target"
   # Whole pages are big; the interesting structure of every input fits well within this.
   local max_len=65536
-  [ "$target" = services ] && max_len=16384
+  case $target in services|html) max_len=16384 ;; esac
   nice -n "${FUZZ_NICE:-0}" "$program" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2048 \
     -max_len=$max_len -print_final_stats=1 -artifact_prefix="$build/findings/$target/" \
     "$build/corpus/$target" "${seeds[@]}" "${extra[@]}" > "$log" 2>&1
