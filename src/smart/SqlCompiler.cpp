@@ -167,10 +167,15 @@ class Compiler {
     return IndexTerm{std::move(column), std::move(folded)};
   }
 
-  std::string indexLookup(const std::string& match) {
+  // The index answers for the stories it holds up to date; those still awaiting it (a sync
+  // stores first and indexes later) are decided by `exact`. `match` is bound already: its value
+  // must come before those of `exact`, as in the text.
+  std::string indexLookup(const std::string& boundMatch, const std::string& exact) {
     usedIndex = true;
-    return fmt::format("(Bookmark.id IN (SELECT rowid FROM {} WHERE {} MATCH {}))", kSearchIndexTable,
-                       kSearchIndexTable, bind(match));
+    return fmt::format(
+        "((Bookmark.id IN (SELECT rowid FROM {0} WHERE {0} MATCH {1}) AND Bookmark.id NOT IN (SELECT id FROM {2}))"
+        " OR (Bookmark.id IN (SELECT id FROM {2}) AND {3}))",
+        kSearchIndexTable, boundMatch, kSearchIndexPendingTable, exact);
   }
 
   Result<std::string> compileCompound(const Predicate& p) {
@@ -179,11 +184,13 @@ class Compiler {
     std::vector<std::string> parts;
     // Under OR, every exact [cd] text search goes to the index as one query.
     std::vector<std::string> indexAlternatives;
+    std::vector<const Predicate*> indexed;
     for (const auto& sub : p.subpredicates) {
       if (!isAnd && sub.options.caseInsensitive && sub.options.diacriticInsensitive &&
           sub.modifier == ComparisonModifier::kDirect) {
         if (auto term = indexTerm(sub)) {
           indexAlternatives.push_back(fmt::format("({{{}}} : {})", term->column, ftsPhrase(term->term)));
+          indexed.push_back(&sub);
           continue;
         }
       }
@@ -192,12 +199,21 @@ class Compiler {
       parts.push_back(std::move(*compiled));
     }
     if (!indexAlternatives.empty()) {
-      parts.push_back(indexLookup(fmt::format("{}", fmt::join(indexAlternatives, " OR "))));
+      // The lookup comes last in the text, so its values are bound last: the match, then the
+      // exact comparisons for the stories awaiting the index.
+      const std::string match = bind(fmt::format("{}", fmt::join(indexAlternatives, " OR ")));
+      std::vector<std::string> exactAlternatives;
+      for (const Predicate* sub : indexed) {
+        auto exact = compileComparison(*sub, /*allowIndex=*/false);
+        if (!exact) return exact;
+        exactAlternatives.push_back(std::move(*exact));
+      }
+      parts.push_back(indexLookup(match, fmt::format("({})", fmt::join(exactAlternatives, " OR "))));
     }
     return "(" + fmt::format("{}", fmt::join(parts, isAnd ? " AND " : " OR ")) + ")";
   }
 
-  Result<std::string> compileComparison(const Predicate& p) {
+  Result<std::string> compileComparison(const Predicate& p, bool allowIndex = true) {
     const EvaluationContext context{options_.now};
     if (!p.right.isObjectIndependent()) {
       return fail(kPredicateErrorDomain, 4, "A condition that compares two key paths cannot be run as a query");
@@ -219,14 +235,14 @@ class Compiler {
     }
     const PathRoute& route = entry->route;
 
-    if (p.modifier == ComparisonModifier::kDirect) {
+    if (allowIndex && p.modifier == ComparisonModifier::kDirect) {
       if (auto term = indexTerm(p)) {
-        const std::string lookup = indexLookup(fmt::format("({{{}}} : {})", term->column, ftsPhrase(term->term)));
-        if (p.options.caseInsensitive && p.options.diacriticInsensitive) return lookup;
-        // The index holds folded text: it narrows, the exact comparison decides.
+        const std::string match = bind(fmt::format("({{{}}} : {})", term->column, ftsPhrase(term->term)));
         auto exact = routedSql(route, p.op, p.options, right, p.modifier);
         if (!exact) return exact;
-        return "(" + lookup + " AND " + *exact + ")";
+        if (p.options.caseInsensitive && p.options.diacriticInsensitive) return indexLookup(match, *exact);
+        // The index holds folded text: it narrows, the exact comparison decides.
+        return "(" + indexLookup(match, "1") + " AND " + *exact + ")";
       }
     }
     return routedSql(route, p.op, p.options, right, p.modifier);

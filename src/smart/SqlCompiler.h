@@ -29,6 +29,8 @@ Result<void> validateKeyPaths(const Predicate& predicate);
 // compareValues), and the search index table `StorySearch(title, preview_text)` must exist with
 // the bookmark's row id as its rowid, holding foldForSearch of each text.
 inline constexpr std::string_view kSearchIndexTable = "StorySearch";
+// The stories whose index rows are missing or out of date (noted by triggers, cleared by indexing).
+inline constexpr std::string_view kSearchIndexPendingTable = "StorySearchPending";
 inline constexpr std::string_view kCompareFunction = "lectern_compare";
 inline constexpr std::string_view kFoldFunction = "lectern_fold";
 

@@ -10,10 +10,6 @@ namespace lectern {
 
 namespace {
 
-bool isASCII(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0x80) == 0; });
-}
-
 std::u32string toCodePoints(std::string_view text) {
   std::u32string out;
   out.reserve(text.size());
@@ -63,17 +59,13 @@ bool likeMatch(const std::u32string& text, const std::u32string& pattern) {
 
 }  // namespace
 
-std::string foldText(std::string_view text, ComparisonOptions options) {
-  if (!options.caseInsensitive && !options.diacriticInsensitive) return std::string(text);
-  if (isASCII(text)) {
-    std::string out(text);
-    if (options.caseInsensitive) {
-      for (char& c : out) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-      }
-    }
-    return out;
-  }
+namespace {
+
+void appendFoldedASCII(std::string& out, std::string_view text, bool caseInsensitive) {
+  for (char c : text) out += caseInsensitive && c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+void appendFoldedUnicode(std::string& out, std::string_view text, ComparisonOptions options) {
   icu::UnicodeString value = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
   UErrorCode status = U_ZERO_ERROR;
   if (options.diacriticInsensitive) {
@@ -98,8 +90,34 @@ std::string foldText(std::string_view text, ComparisonOptions options) {
     icu::UnicodeString composed = nfc->normalize(value, status);
     if (U_SUCCESS(status)) value = composed;
   }
-  std::string out;
   value.toUTF8String(out);
+}
+
+}  // namespace
+
+std::string foldText(std::string_view text, ComparisonOptions options) {
+  if (!options.caseInsensitive && !options.diacriticInsensitive) return std::string(text);
+  // Mostly-ASCII text (most of what feeds carry) is folded by hand; only the runs around other
+  // characters go through ICU. Each such run takes the ASCII letter before it along, the base a
+  // combining mark may belong to; an ASCII character after it starts afresh, since none combines
+  // with what precedes it and folding is the same for it in any context.
+  std::string out;
+  out.reserve(text.size());
+  size_t i = 0;
+  while (i < text.size()) {
+    size_t j = i;
+    while (j < text.size() && static_cast<unsigned char>(text[j]) < 0x80) ++j;
+    if (j == text.size()) {
+      appendFoldedASCII(out, text.substr(i), options.caseInsensitive);
+      break;
+    }
+    const size_t base = j > i ? j - 1 : j;
+    appendFoldedASCII(out, text.substr(i, base - i), options.caseInsensitive);
+    size_t k = j;
+    while (k < text.size() && static_cast<unsigned char>(text[k]) >= 0x80) ++k;
+    appendFoldedUnicode(out, text.substr(base, k - base), options);
+    i = k;
+  }
   return out;
 }
 

@@ -165,7 +165,7 @@ Result<void> MigrationManager::migrate(const MappingModel& mapping,
   }
   if (auto copied = copyMemberships(); !copied) return copied;
   // The copied stories were noted for the search index; they are indexed once, here.
-  if (auto indexed = updateSearchIndex(db_); !indexed) return indexed;
+  if (auto indexed = updateSearchIndex(db_); !indexed) return fail(indexed.error());
   done = total;
   report();
   return {};

@@ -411,6 +411,33 @@ Result<void> ObjectContext::findCascadedDeletions() {
   return {};
 }
 
+std::vector<std::int64_t> ObjectContext::storiesWritten() const {
+  std::vector<std::int64_t> rows;
+  for (const auto& object : pending_) {
+    if (object->id_.table() == tableOf(Entity::kBookmark)) {
+      rows.push_back(object->id_.row);
+    } else if (object->id_.entity == Entity::kContent) {
+      if (auto bookmark = static_cast<const Content&>(*object).bookmarkID()) rows.push_back(bookmark->row);
+    }
+  }
+  return rows;
+}
+
+Result<std::int64_t> ObjectContext::indexStoriesAwaitingSearch(std::int64_t limit) {
+  checkThread();
+  auto transaction = Transaction::begin(*db_, Transaction::Kind::kImmediate);
+  if (!transaction) return fail(transaction.error());
+  auto indexed = updateSearchIndex(*db_, SearchIndexBatch::oldest(limit));
+  if (!indexed) return indexed;
+  if (auto committed = transaction->commit(); !committed) return fail(committed.error());
+  return indexed;
+}
+
+Result<std::int64_t> ObjectContext::storiesAwaitingSearchIndex() {
+  checkThread();
+  return lectern::storiesAwaitingSearchIndex(*db_);
+}
+
 Result<void> ObjectContext::save() {
   checkThread();
   if (!hasChanges()) return {};
@@ -433,7 +460,11 @@ Result<void> ObjectContext::save() {
     auto transaction = Transaction::begin(*db_, Transaction::Kind::kImmediate);
     if (!transaction) return fail(transaction.error());
     if (auto done = writePendingChanges(); !done) return done;
-    if (auto indexed = updateSearchIndex(*db_); !indexed) return indexed;
+    if (!defersSearchIndex_) {
+      if (auto indexed = updateSearchIndex(*db_, SearchIndexBatch::these(storiesWritten())); !indexed) {
+        return fail(indexed.error());
+      }
+    }
     return transaction->commit();
   }();
   if (!written) {

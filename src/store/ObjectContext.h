@@ -93,6 +93,17 @@ class ObjectContext {
   Result<void> save();
   // Discards the changes since the last save.
   void rollback();
+
+  // The search index: each save indexes the stories it changed. A context that stores stories in
+  // bulk (a sync) defers that to `indexStoriesAwaitingSearch`, run when there is time: searches
+  // stay complete meanwhile (the stories awaiting it are compared one by one).
+  void setDefersSearchIndex(bool defers) { defersSearchIndex_ = defers; }
+  bool defersSearchIndex() const { return defersSearchIndex_; }
+  // Indexes up to `limit` of the stories awaiting the index (the oldest first) in one transaction
+  // of their own; answers how many it indexed. Unsaved changes of this context stay unsaved.
+  Result<std::int64_t> indexStoriesAwaitingSearch(std::int64_t limit);
+  Result<std::int64_t> storiesAwaitingSearchIndex();
+
   // Re-reads every object held here; unsaved changes of this context win, the store wins for the rest.
   Result<void> refreshAllObjects();
   // Brings in another context's save: the store wins. Observers of this context are then told.
@@ -166,6 +177,8 @@ class ObjectContext {
   std::int64_t allocateRow(EntityTable table);
   Result<std::int64_t> reserveRows(EntityTable table, std::int64_t count);
   Result<void> writePendingChanges();
+  // The stories (bookmark rows) the pending changes touch, for the search index.
+  std::vector<std::int64_t> storiesWritten() const;
   void objectWillChange(ManagedObject& object);
   void forget(const ObjectId& id);
   std::shared_ptr<ManagedObject> materialize(EntityTable table, const SqlRow& row);
@@ -194,6 +207,7 @@ class ObjectContext {
   std::array<RowBlock, kEntityTableCount> rowBlocks_{};
   std::int64_t nextTemporaryRow_ = -1;
   std::optional<Error> pendingError_;
+  bool defersSearchIndex_ = false;
   std::map<int, Observer> observers_;
   int nextObserverToken_ = 1;
 };

@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <nlohmann/json.hpp>
+
 #include "store/SqliteDatabase.h"
 
 #include "smart/PredicateEvaluator.h"
@@ -61,24 +63,67 @@ Result<void> registerSearchFunctions(sqlite3* db) {
   return {};
 }
 
-Result<void> updateSearchIndex(SqliteDatabase& db) {
+namespace {
+
+Result<bool> hasSearchIndex(SqliteDatabase& db) {
   auto present = db.selectOne("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'StorySearchPending'");
   if (!present) return fail(present.error());
-  if (!*present) return {};
+  return present->has_value();
+}
+
+}  // namespace
+
+Result<std::int64_t> storiesAwaitingSearchIndex(SqliteDatabase& db) {
+  auto present = hasSearchIndex(db);
+  if (!present) return fail(present.error());
+  if (!*present) return 0;
+  auto count = db.selectOne("SELECT count(*) FROM StorySearchPending");
+  if (!count) return fail(count.error());
+  return *count ? integerOf((**count)[0]).value_or(0) : 0;
+}
+
+Result<std::int64_t> updateSearchIndex(SqliteDatabase& db, const SearchIndexBatch& batch) {
+  auto present = hasSearchIndex(db);
+  if (!present) return fail(present.error());
+  if (!*present) return 0;
+  if (batch.stories && batch.stories->empty()) return 0;
   auto pending = db.selectOne("SELECT 1 FROM StorySearchPending LIMIT 1");
   if (!pending) return fail(pending.error());
-  if (!*pending) return {};
+  if (!*pending) return 0;
+  // The batch is copied once, so that the three statements agree on it.
+  if (auto done = db.execute("CREATE TEMP TABLE IF NOT EXISTS SearchBatch (id INTEGER PRIMARY KEY)"); !done) {
+    return fail(done.error());
+  }
+  if (auto done = db.execute("DELETE FROM temp.SearchBatch"); !done) return fail(done.error());
+  Result<void> chosen;
+  if (batch.stories) {
+    const SqlValue ids[] = {nlohmann::json(*batch.stories).dump()};
+    chosen = db.execute(
+        "INSERT OR IGNORE INTO temp.SearchBatch SELECT id FROM StorySearchPending"
+        " WHERE id IN (SELECT value FROM json_each(?))",
+        ids);
+  } else if (batch.oldestCount) {
+    const SqlValue count[] = {*batch.oldestCount};
+    chosen = db.execute("INSERT INTO temp.SearchBatch SELECT id FROM StorySearchPending ORDER BY id LIMIT ?", count);
+  } else {
+    chosen = db.execute("INSERT INTO temp.SearchBatch SELECT id FROM StorySearchPending");
+  }
+  if (!chosen) return fail(chosen.error());
   for (std::string_view sql : {
-           "DELETE FROM StorySearch WHERE rowid IN (SELECT id FROM StorySearchPending)",
+           "DELETE FROM StorySearch WHERE rowid IN (SELECT id FROM temp.SearchBatch)",
            "INSERT INTO StorySearch(rowid, title, preview_text)"
            " SELECT Bookmark.id, lectern_fold(Bookmark.title), lectern_fold(Content.preview_text)"
-           " FROM StorySearchPending JOIN Bookmark ON Bookmark.id = StorySearchPending.id"
+           " FROM temp.SearchBatch JOIN Bookmark ON Bookmark.id = SearchBatch.id"
            " LEFT JOIN Content ON Content.bookmark = Bookmark.id",
-           "DELETE FROM StorySearchPending",
+           "DELETE FROM StorySearchPending WHERE id IN (SELECT id FROM temp.SearchBatch)",
        }) {
-    if (auto done = db.execute(sql); !done) return done;
+    if (auto done = db.execute(sql); !done) return fail(done.error());
   }
-  return {};
+  auto cleared = db.selectOne("SELECT count(*) FROM temp.SearchBatch");
+  if (!cleared) return fail(cleared.error());
+  const std::int64_t count = *cleared ? integerOf((**cleared)[0]).value_or(0) : 0;
+  if (auto done = db.execute("DELETE FROM temp.SearchBatch"); !done) return fail(done.error());
+  return count;
 }
 
 }  // namespace lectern

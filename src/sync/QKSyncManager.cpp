@@ -181,6 +181,7 @@ void QKSyncManager::operationFinished(SyncOperation& operation) {
     lastPassReports_ = std::move(passReports_);
     passReports_.clear();
     if (observer_ != nullptr) observer_->syncPassFinished(lastPassReports_);
+    if (catchesUpSearchIndex_ && !operation.isCancelled()) catchUpSearchIndex();
   }
   if (mainWindowControllerDelegate_ != nullptr) mainWindowControllerDelegate_->stopSyncProgressIndicator();
 
@@ -230,6 +231,25 @@ void QKSyncManager::rearrangeSmartFoldersWithDatePredicate() {
     if (folder->entity() == Entity::kSmartFolder)
       rearranger_->rearrangeIfHasDatePredicate(static_cast<SmartFolder&>(*folder));
   }
+}
+
+void QKSyncManager::catchUpSearchIndex() {
+  if (catchUpScheduled_ || !environment_.mainQueue.isMainThread()) return;
+  catchUpScheduled_ = true;
+  environment_.mainQueue.post([this, alive = std::weak_ptr<bool>(alive_)] {
+    if (alive.expired()) return;
+    catchUpScheduled_ = false;
+    // A pass that starts now stores more; its end takes the work up again.
+    if (isSyncing_ || !catchesUpSearchIndex_) return;
+    auto context = environment_.dataManager.managedObjectContext();
+    if (!context) return;
+    auto indexed = (*context)->indexStoriesAwaitingSearch(kSearchIndexBatch);
+    if (!indexed) {
+      logError(kCategory, "Failed to index new stories for search: {}", indexed.error().message());
+      return;
+    }
+    if (*indexed == kSearchIndexBatch) catchUpSearchIndex();
+  });
 }
 
 std::string olderEntriesNotKeptNote(std::int64_t count, std::int64_t keepDays) {

@@ -86,6 +86,13 @@ class QKSyncManager {
   // Every smart folder of the smart-folders account re-runs a date condition it has.
   void rearrangeSmartFoldersWithDatePredicate();
 
+  // Syncs store stories without indexing them for search (a first sync can bring thousands).
+  // A long-running front end turns this on: after each pass the stories awaiting the index are
+  // indexed on the main queue, kSearchIndexBatch at a time between other work, until none is left
+  // or a pass starts. A one-shot command leaves them to the next search or the next front end.
+  static constexpr std::int64_t kSearchIndexBatch = 200;
+  void setCatchesUpSearchIndex(bool catchesUp) { catchesUpSearchIndex_ = catchesUp; }
+
   QKSyncNotificationCenter& syncNotificationCenter() { return syncNotifications_; }
   QKNotificationCenter& notificationCenter() { return notifications_; }
 
@@ -97,6 +104,7 @@ class QKSyncManager {
   // The completion work of one operation, on the main queue.
   void operationFinished(SyncOperation& operation);
   void reportFinished(Account& account, AccountSyncReport report);
+  void catchUpSearchIndex();
 
   const SyncEnvironment environment_;
   LogNotificationPresenter logPresenter_;
@@ -108,6 +116,8 @@ class QKSyncManager {
   SmartFolderRearranging* rearranger_ = nullptr;
   std::unique_ptr<RepeatingTimer> timer_;
   int defaultsObserver_ = 0;
+  bool catchesUpSearchIndex_ = false;
+  bool catchUpScheduled_ = false;
 
   // Main thread only.
   bool isSyncing_ = false;

@@ -98,6 +98,8 @@ bool SyncOperation::setupManagedObjectContext() {
     return false;
   }
   moc_ = std::move(*context);
+  // A sync stores stories in bulk: they are indexed for search after the pass, not in its saves.
+  moc_->setDefersSearchIndex(true);
   account_ = std::move(*found);
   account_->setIsInitialSync(initialSync_);
   {

@@ -308,6 +308,60 @@ TEST_F(AgreementTest, TheSearchIndexFollowsInsertsUpdatesAndDeletes) {
   EXPECT_EQ(search("creme brulee"), (std::set<std::int64_t>{(*bookmarks)[1]->objectID().row}));
 }
 
+TEST_F(AgreementTest, StoriesAwaitingTheIndexAreFoundUntilItCatchesUp) {
+  clock_.set(dateFromSecondsSince1970(1.7e9));
+  generateLibrary(5, 40);
+  const auto awaiting = [&] { return context().storiesAwaitingSearchIndex().value(); };
+  ASSERT_EQ(awaiting(), 0);
+
+  // A sync's context stores without indexing: new stories, and index rows gone stale.
+  context().setDefersSearchIndex(true);
+  auto bookmarks = context().fetch<Bookmark>(ObjectContext::FetchRequest{});
+  ASSERT_TRUE(bookmarks);
+  for (size_t i = 0; i < bookmarks->size(); i += 3) {
+    (*bookmarks)[i]->setTitle(fmt::format("Neue Überschrift {} {}", i, words()[i % words().size()]));
+    (*bookmarks)[i]->setPreview_text(fmt::format("Crème brûlée {}", words()[(i + 1) % words().size()]));
+  }
+  generateLibrary(6, 15);
+  const std::int64_t stale = awaiting();
+  EXPECT_GT(stale, 20);
+  context().setDefersSearchIndex(false);
+
+  const auto objects = snapshots();
+  PredicateGenerator generator(12, words(), rows_);
+  for (int i = 0; i < 200; ++i) {
+    const Predicate predicate = generator.tree(3);
+    EXPECT_EQ(bySql(predicate, true), inMemory(predicate, objects)) << formatPredicate(predicate);
+  }
+  const Predicate search = parsePredicate("title CONTAINS[cd] \"uberschrift\" OR content.preview_text CONTAINS[cd] \"CREME\"").value();
+  EXPECT_EQ(bySql(search, true), inMemory(search, objects));
+  EXPECT_FALSE(bySql(search, true).empty());
+
+  // A save of the person's own changes indexes those stories, not the backlog: [0] was awaiting
+  // the index, [1] was not.
+  (*bookmarks)[0]->setTitle("Kaffee");
+  (*bookmarks)[1]->setTitle("Tee");
+  ASSERT_TRUE(context().save());
+  EXPECT_EQ(awaiting(), stale - 1);
+
+  // Catching up in batches leaves the index equal to the library.
+  std::int64_t total = 0;
+  for (;;) {
+    auto indexed = context().indexStoriesAwaitingSearch(7);
+    ASSERT_TRUE(indexed) << indexed.error().message();
+    EXPECT_LE(*indexed, 7);
+    total += *indexed;
+    if (*indexed < 7) break;
+  }
+  EXPECT_EQ(awaiting(), 0);
+  auto library = context().select(
+      "SELECT b.id, lectern_fold(b.title), lectern_fold(c.preview_text) FROM Bookmark b "
+      "LEFT JOIN Content c ON c.bookmark = b.id ORDER BY b.id");
+  ASSERT_TRUE(library);
+  EXPECT_EQ(context().select("SELECT rowid, title, preview_text FROM StorySearch ORDER BY rowid").value(), *library);
+  EXPECT_EQ(bySql(search, true), inMemory(search, snapshots()));
+}
+
 TEST_F(AgreementTest, QueriesThroughTheStoreUseTheScopeAndFallBackToMemory) {
   clock_.set(dateFromSecondsSince1970(1.7e9));
   generateLibrary(5, 30);

@@ -395,6 +395,8 @@ int runRead(CliContext& cli, const ReadOptions& options) {
                        environment.reachability(), environment.clock(),    environment.network()};
   auto app = std::make_unique<QKApplicationController>(sync);
   if (!checkResult(app->setupApp())) return kExitFailure;
+  // The reader stays open between refreshes: time to index what each one stored.
+  app->syncManager().setCatchesUpSearchIndex(true);
   StoreReaderLibrary reader(cli, *library, std::move(app), options);
   auto title = reader.scopeTitle();
   if (!checkResult(title)) return kExitFailure;

@@ -1,11 +1,13 @@
 // Commands of the search language and smart folders: search, smart list/show/add/edit/remove.
 #include <algorithm>
 #include <cstdio>
+#include <unistd.h>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "accounts/AccountLifecycle.h"
+#include "core/Log.h"
 #include "app/cli/Cli.h"
 #include "app/cli/Presentation.h"
 #include "smart/QKSmartStreamExpression.h"
@@ -24,6 +26,28 @@ namespace lectern::cli {
 using nlohmann::json;
 
 namespace {
+
+// A sync stores stories without indexing them for search, and a one-shot `sync` leaves them to
+// whoever searches next: they are indexed here, with progress on a terminal. Searches stay
+// complete without it (stories awaiting the index are compared one by one), only slower.
+void indexStoriesAwaitingSearch(ObjectContext& context) {
+  constexpr std::int64_t kBatch = 1000;
+  auto awaiting = context.storiesAwaitingSearchIndex();
+  if (!awaiting || *awaiting == 0) return;
+  const bool progress = isatty(STDOUT_FILENO) != 0 && *awaiting > kBatch;
+  std::int64_t done = 0;
+  for (;;) {
+    auto indexed = context.indexStoriesAwaitingSearch(kBatch);
+    if (!indexed) {
+      logError("SmartCommands", "Failed to index new stories for search: {}", indexed.error().message());
+      break;
+    }
+    done += *indexed;
+    if (progress) fmt::print(stderr, "\rIndexing new stories for search: {} of {}", done, *awaiting);
+    if (*indexed < kBatch) break;
+  }
+  if (progress) fmt::print(stderr, "\n");
+}
 
 constexpr std::string_view kHighlightOn = "\x1b[1;33m";
 constexpr std::string_view kHighlightOff = "\x1b[0m";
@@ -136,6 +160,7 @@ int runSearch(CliContext& cli, const SearchOptions& options) {
   scope.accounts = std::move(*accounts);
   scope.unreadOnly = options.unread;
   if (options.limit > 0) scope.limit = options.limit;
+  indexStoriesAwaitingSearch(*library->context);
   auto items = fetchMatchingBookmarks(*library->context, *predicate, library->environment->clock().now(), scope);
   if (!checkResult(items)) return kExitFailure;
   return printBookmarks(*items, options.json, search.terms());
@@ -242,6 +267,7 @@ int runSmartShow(CliContext& cli, std::int64_t id, std::int64_t limit, bool asJs
   if (!checkResult(predicate)) return kExitFailure;
   LibraryScope scope;
   if (limit > 0) scope.limit = limit;
+  indexStoriesAwaitingSearch(*library->context);
   auto items = fetchMatchingBookmarks(*library->context, *predicate, library->environment->clock().now(), scope);
   if (!checkResult(items)) return kExitFailure;
   QKSmartFolderContents contents(*library->context, library->environment->clock(), library->environment->defaults());
@@ -366,6 +392,7 @@ Result<std::vector<std::shared_ptr<Bookmark>>> smartFolderItems(CliContext& cli,
                                                                 const BookmarkQuery& query) {
   auto selection = smartSelection(cli, context, id, query);
   if (!selection) return fail(selection.error());
+  indexStoriesAwaitingSearch(context);
   return fetchMatchingBookmarks(context, selection->predicate, selection->now, selection->scope);
 }
 

@@ -270,6 +270,8 @@ int runDaemon(CliContext& cli) {
   if (!session) return kExitFailure;
   PassPrinter printer(/*json=*/false, /*timestamps=*/true);
   session->app->syncManager().setSyncPassObserver(&printer);
+  // Between passes there is time to index what each pass stored.
+  session->app->syncManager().setCatchesUpSearchIndex(true);
   StopSignals signals;
   session->app->startScheduling();
   fmt::print("Lectern is running: accounts sync at start-up (when they ask to) and whenever they are due. "
