@@ -3,9 +3,69 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
 #include <thread>
 
 namespace lectern {
+namespace {
+
+// The threads operations run on. A thread that finishes an operation waits a little for the next
+// one instead of ending: a refresh starts a few operations per feed, and making a thread for each
+// cost hundreds of thread starts per pass. Never a bound: a task that finds no idle thread gets a
+// new one, so an operation waiting for another never waits for a thread.
+class WorkerThreads {
+ public:
+  static WorkerThreads& shared() {
+    // Never destroyed: idle threads may still wait on it while the program exits.
+    static auto* pool = new WorkerThreads();
+    return *pool;
+  }
+
+  void run(std::function<void()> task) {
+    {
+      std::lock_guard lock(mutex_);
+      if (idle_ > static_cast<int>(tasks_.size())) {
+        tasks_.push_back(std::move(task));
+        available_.notify_one();
+        return;
+      }
+    }
+    std::thread([this, task = std::move(task)]() mutable {
+      task();
+      task = nullptr;
+      work();
+    }).detach();
+  }
+
+ private:
+  static constexpr auto kIdleTime = std::chrono::seconds(2);
+
+  void work() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      ++idle_;
+      const bool woken = available_.wait_for(lock, kIdleTime, [this] { return !tasks_.empty(); });
+      --idle_;
+      if (!woken) return;
+      std::function<void()> task = std::move(tasks_.front());
+      tasks_.pop_front();
+      lock.unlock();
+      task();
+      task = nullptr;  // its captures go before the thread waits again
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;  // guards tasks_, idle_
+  std::condition_variable available_;
+  std::deque<std::function<void()>> tasks_;
+  int idle_ = 0;
+};
+
+}  // namespace
 
 void Operation::cancel() {
   std::function<void()> onCancel;
@@ -206,7 +266,7 @@ void OperationQueue::pump(const std::shared_ptr<State>& state) {
     }
   }
   for (auto& op : toStart) {
-    std::thread([state = state, op]() mutable {
+    WorkerThreads::shared().run([state = state, op]() mutable {
       pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
       op->start();
       // The thread's reference goes before the queue hears the thread is done: an operation's
@@ -217,7 +277,7 @@ void OperationQueue::pump(const std::shared_ptr<State>& state) {
         --state->liveThreads;
       }
       state->changed.notify_all();
-    }).detach();
+    });
   }
 }
 

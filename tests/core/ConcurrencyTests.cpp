@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
+#include <set>
 #include <thread>
 
 #include "core/MainQueue.h"
@@ -109,6 +111,37 @@ TEST(OperationQueue, NeverRunsMoreThanTheWidthAndWideningStartsWaitingWork) {
   release = true;
   queue.waitUntilAllOperationsAreFinished();
   EXPECT_EQ(queue.operationCount(), 0u);
+}
+
+TEST(OperationQueue, ThreadsAreReusedAndWorkWaitingForOtherWorkNeverWaitsForAThread) {
+  // Back-to-back operations run on a few threads kept alive between them, not one thread each.
+  OperationQueue queue("com.quillhq.Lectern.Test", 1);
+  std::mutex mutex;
+  std::set<std::thread::id> threads;
+  for (int i = 0; i < 40; ++i) {
+    queue.addOperation([&] {
+      std::lock_guard lock(mutex);
+      threads.insert(std::this_thread::get_id());
+    });
+  }
+  queue.waitUntilAllOperationsAreFinished();
+  EXPECT_LE(threads.size(), 4u);
+
+  // Every operation of an outer queue blocks until an operation it adds to another queue has
+  // run: the threads are never a fixed number that such waits could use up.
+  OperationQueue outer("com.quillhq.Lectern.Outer", 8);
+  OperationQueue inner("com.quillhq.Lectern.Inner", 8);
+  std::atomic<int> finished{0};
+  for (int i = 0; i < 8; ++i) {
+    outer.addOperation([&] {
+      std::atomic<bool> ran{false};
+      inner.addOperation([&] { ran = true; });
+      while (!ran) std::this_thread::sleep_for(1ms);
+      ++finished;
+    });
+  }
+  outer.waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(finished, 8);
 }
 
 TEST(OperationQueue, CancelledOperationsSkipMainButStillComplete) {
