@@ -1,6 +1,7 @@
 #include "feeds/QKFeedParserClient.h"
 
 #include <fmt/format.h>
+#include <openssl/evp.h>
 
 #include "core/Log.h"
 #include "feeds/FeedDocumentParser.h"
@@ -30,6 +31,20 @@ std::string_view responseBytes(const ResponseObject& object, const std::string& 
   if (const auto* bytes = std::get_if<std::string>(&object)) return *bytes;
   if (const auto* xml = std::get_if<XMLParserInput>(&object)) return xml->data;
   return fallback;
+}
+
+std::string sha256Hex(std::string_view bytes) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr);
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(length * 2);
+  for (unsigned int i = 0; i < length; ++i) {
+    out += kHex[digest[i] >> 4];
+    out += kHex[digest[i] & 0xF];
+  }
+  return out;
 }
 
 }  // namespace
@@ -110,14 +125,20 @@ Result<ConditionalFeed> QKFeedParserClient::synchronouslyFetchFeed(const FeedVal
   const std::string fallback = std::holds_alternative<std::monostate>(response.responseObject)
                                    ? response.operation->responseData()
                                    : std::string();
-  auto feed = FeedDocumentParser::parseFeedData(responseBytes(response.responseObject, fallback),
-                                                session().clock().now(), url_);
-  if (!feed) return fail(feed.error());
+  const std::string_view bytes = responseBytes(response.responseObject, fallback);
   FeedValidators validators;
   if (head) {
     validators.etag = head->headers.value("ETag");
     validators.lastModified = head->headers.value("Last-Modified");
   }
+  // Hashing the document costs a small fraction of parsing it.
+  validators.bodyHash = sha256Hex(bytes);
+  if (held.bodyHash == validators.bodyHash) {
+    logDebugMessage(kLogCategory, "Same document as before: {}", url_);
+    return ConditionalFeed{std::nullopt, std::move(validators)};
+  }
+  auto feed = FeedDocumentParser::parseFeedData(bytes, session().clock().now(), url_);
+  if (!feed) return fail(feed.error());
   return ConditionalFeed{std::move(*feed), std::move(validators)};
 }
 

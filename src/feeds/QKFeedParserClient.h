@@ -18,14 +18,18 @@ namespace lectern {
 struct FeedValidators {
   std::optional<std::string> etag;          // "ETag", sent back as "If-None-Match"
   std::optional<std::string> lastModified;  // "Last-Modified", sent back as "If-Modified-Since"
+  // Our own: the SHA-256 of the document (hex). A full answer with the same document is "not
+  // modified" too, for the many servers that ignore the validators above.
+  std::optional<std::string> bodyHash;
   bool operator==(const FeedValidators&) const = default;
 };
 
-// The answer to a conditional fetch: the parsed feed, or nothing when the server answered 304
-// (the copy the caller holds is current; nothing was parsed).
+// The answer to a conditional fetch: the parsed feed, or nothing when the server answered 304 or
+// sent the document whose hash the caller holds (the copy the caller holds is current; nothing
+// was parsed).
 struct ConditionalFeed {
   std::optional<RSSFeed> feed;
-  FeedValidators validators;  // of this answer; on a 304, the ones sent
+  FeedValidators validators;  // of this answer (and its document's hash); on a 304, the ones sent
 };
 
 // Downloads one feed document and parses it into an RSSFeed. A new client is made for each fetch

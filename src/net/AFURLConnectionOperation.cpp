@@ -438,6 +438,8 @@ ResponseDisposition AFURLConnectionOperation::transferDidReceiveResponse(std::ui
     }
     totalBytesRead_ = 0;
   }
+  // Within the limit above for a body kept in memory.
+  if (expected > 0) outputStream_->expectLength(totalBytesRead_ + static_cast<std::uint64_t>(expected));
   response_ = response;
   return ResponseDisposition::allow();
 }

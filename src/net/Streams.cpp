@@ -14,6 +14,13 @@ Result<void> MemoryOutputStream::write(std::string_view bytes) {
   return {};
 }
 
+void MemoryOutputStream::expectLength(std::uint64_t length) {
+  // A server's announced length is not trusted with more than this before the bytes arrive.
+  constexpr std::uint64_t kMostReserved = 16 * 1024 * 1024;
+  std::lock_guard lock(mutex_);
+  if (length > data_.size()) data_.reserve(static_cast<size_t>(std::min(length, kMostReserved)));
+}
+
 Result<void> MemoryOutputStream::truncate() {
   std::lock_guard lock(mutex_);
   data_.clear();

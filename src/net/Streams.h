@@ -36,6 +36,8 @@ class OutputStream {
   virtual Result<void> close() { return {}; }
   // Bodies kept in memory are subject to the response size limit; files are not.
   virtual bool isInMemory() const { return false; }
+  // The body's announced length (a hint: a compressed body decodes longer).
+  virtual void expectLength(std::uint64_t) {}
 };
 
 // The default output stream. Thread-safe.
@@ -44,6 +46,8 @@ class MemoryOutputStream final : public OutputStream {
   Result<void> write(std::string_view bytes) override;
   Result<void> truncate() override;
   bool isInMemory() const override { return true; }
+  // Room for the whole body at once, instead of growing (and copying) it as it arrives.
+  void expectLength(std::uint64_t length) override;
   std::string data() const;
 
  private:

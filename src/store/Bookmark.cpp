@@ -207,17 +207,17 @@ std::shared_ptr<Content> Bookmark::contentForWriting(std::string_view what) {
   return target;
 }
 
-void Bookmark::setHtml(std::optional<std::string> html) {
+void Bookmark::setHtml(std::optional<std::string> html, std::optional<std::string> preview) {
   images_.reset();
   auto target = contentForWriting("HTML");
   if (!target) return;
-  std::optional<std::string> preview;
   bool withPreview = false;
   if (auto owner = account(); owner && *owner) {
     const ServiceType type = (*owner)->serviceType();
     withPreview = isFeedService(type) || isReadLaterService(type);
   }
-  if (withPreview && html) preview = previewTextFromHtml(*html);
+  if (withPreview && html && !preview) preview = previewTextFromHtml(*html);
+  if (!html) preview.reset();
   target->setHtml(std::move(html));
   if (withPreview) target->setPreview_text(std::move(preview));
 }

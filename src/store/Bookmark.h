@@ -74,8 +74,10 @@ class Bookmark : public ManagedObject {
   virtual std::optional<std::string> offlineFeedId() const;
 
   Result<std::optional<std::string>> html() const;
-  // Stores the HTML in Content and, for feed and read-later accounts, its preview text.
-  void setHtml(std::optional<std::string> html);
+  // Stores the HTML in Content and, for feed and read-later accounts, its preview text. A caller
+  // that made the preview already (previewTextFromHtml of the same HTML, on another thread) hands
+  // it in as `preview`.
+  void setHtml(std::optional<std::string> html, std::optional<std::string> preview = std::nullopt);
   Result<std::optional<std::string>> preview_text() const;
   void setPreview_text(std::optional<std::string> previewText);
   // HTML entities decoded, then the HTML turned into plain text.

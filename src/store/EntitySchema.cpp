@@ -44,7 +44,7 @@ constexpr ColumnInfo kFolderColumns[] = {
     {"last_refresh", kDate},   {"last_error", kText},          {"failing_since", kDate},
     {"predicate", kText},      {"showNotification", kBoolean}, {"badgeIndex", kInteger},
     {"groupIndex", kInteger},  {"sortIndex", kInteger},        {"http_etag", kText},
-    {"http_last_modified", kText}, {"older_not_kept", kInteger}};
+    {"http_last_modified", kText}, {"older_not_kept", kInteger}, {"body_hash", kText}};
 constexpr ColumnInfo kBookmarkColumns[] = {
     {"entity", kText},         {"account", kReference},    {"bookmark_id", kText},
     {"bookmark_hash", kText},  {"title", kText},           {"url", kText},

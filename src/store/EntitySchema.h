@@ -93,7 +93,8 @@ enum : int {
   kSortIndex,
   kHttpEtag,
   kHttpLastModified,
-  kOlderNotKept
+  kOlderNotKept,
+  kBodyHash
 };
 }
 namespace BookmarkColumn {

@@ -52,6 +52,8 @@ void Feed::setHttp_last_modified(std::optional<std::string> date) {
 }
 std::int64_t Feed::older_not_kept() const { return integerValue(kOlderNotKept); }
 void Feed::setOlder_not_kept(std::int64_t count) { setInteger(kOlderNotKept, count); }
+std::optional<std::string> Feed::body_hash() const { return textValue(kBodyHash); }
+void Feed::setBody_hash(std::optional<std::string> hash) { setText(kBodyHash, std::move(hash)); }
 
 Result<std::set<std::string>> Feed::deletedEntryIds() const {
   const SqlValue row[] = {objectID().row};

@@ -45,6 +45,9 @@ class Feed final : public FeedFolder {
   // How many entries the feed's first refresh left out as older than the keep period (0: none).
   std::int64_t older_not_kept() const;
   void setOlder_not_kept(std::int64_t count);
+  // The hash of the last document merged whole: the same document again needs no parse or merge.
+  std::optional<std::string> body_hash() const;
+  void setBody_hash(std::optional<std::string> hash);
 
   // The entries of this feed the person deleted (by the link a refresh compares), recorded for as
   // long as the feed lists them so that a refresh does not bring them back. Written at the save.

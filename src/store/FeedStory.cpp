@@ -53,7 +53,11 @@ bool FeedStory::isValidForRSSEntryMapping(const RSSEntry* entry) {
   return entry != nullptr && entry->url && !entry->url->empty();
 }
 
-void FeedStory::mapFromRSSEntry(const RSSEntry& entry, const Clock& clock) {
+const std::optional<std::string>& FeedStory::htmlOfRSSEntry(const RSSEntry& entry) {
+  return entry.content && !entry.content->empty() ? entry.content : entry.summary;
+}
+
+void FeedStory::mapFromRSSEntry(const RSSEntry& entry, const Clock& clock, std::optional<std::string> preview) {
   Date date = entry.date.value_or(clock.now());
   if (isInFuture(date, clock)) date = clock.now();
   setBookmark_id(entry.url);
@@ -61,11 +65,7 @@ void FeedStory::mapFromRSSEntry(const RSSEntry& entry, const Clock& clock) {
   setUrl(entry.url);
   setAuthor(entry.author);
   setDate_added(date);
-  if (entry.content && !entry.content->empty()) {
-    setHtml(entry.content);
-  } else {
-    setHtml(entry.summary);
-  }
+  setHtml(htmlOfRSSEntry(entry), std::move(preview));
   setIs_archived(false);
   setIs_favorited(false);
   // A podcast's episode is its enclosure: without it the story would be only show notes.

@@ -37,8 +37,11 @@ class FeedStory final : public Bookmark {
   // An entry can become a story when it has a link.
   static bool isValidForRSSEntryMapping(const RSSEntry* entry);
   // Fills the story from the entry: its link is its bookmark_id; a missing or future date
-  // becomes now; the HTML is the content, else the summary; unread and not starred.
-  void mapFromRSSEntry(const RSSEntry& entry, const Clock& clock);
+  // becomes now; the HTML is the content, else the summary; unread and not starred. `preview`:
+  // previewTextFromHtml(htmlOfRSSEntry(entry)) when the caller made it already.
+  void mapFromRSSEntry(const RSSEntry& entry, const Clock& clock, std::optional<std::string> preview = std::nullopt);
+  // The HTML a story of the entry keeps.
+  static const std::optional<std::string>& htmlOfRSSEntry(const RSSEntry& entry);
 
   // A Feedbin entry can become a story when its "id", as text, is not empty.
   static bool isValidForFeedbinMapping(const nlohmann::json& entry);

@@ -101,7 +101,8 @@ std::vector<MappingModel> builtInMappingModels() {
           makeMappingModel("Lectern 2.41", "Lectern 2.5", "2.5"),
           makeMappingModel("Lectern 2.5", "Lectern 2.6", "2.6"),
           makeMappingModel("Lectern 2.6", "Lectern 2.7", "2.7"),
-          makeMappingModel("Lectern 2.7", "Lectern 2.8", "2.8")};
+          makeMappingModel("Lectern 2.7", "Lectern 2.8", "2.8"),
+          makeMappingModel("Lectern 2.8", "Lectern 2.9", "2.9")};
 }
 
 }  // namespace lectern

@@ -218,6 +218,35 @@ constexpr auto kSchema28 = concat(
         "CREATE TABLE DeletedEntry (feed INTEGER NOT NULL" LECTERN_FK("Folder") ", entry_id TEXT NOT NULL,"
         " PRIMARY KEY (feed, entry_id)) WITHOUT ROWID"});
 
+// Lectern 2.9: a feed keeps the hash of the last document the built-in reader merged, so that a
+// refresh answered in full with the same document needs no parse and no merge.
+constexpr auto kSchema29 = concat(
+    std::array<std::string_view, 7>{
+        kMetadataTable, kAccountTable,
+        "CREATE TABLE Folder (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", title TEXT, pos INTEGER, folder_id TEXT, ext_id TEXT, is_expanded INTEGER,"
+                       " feed_link TEXT, date_updated REAL, last_refresh REAL, last_error TEXT, "
+                       "failing_since REAL,"
+                       " predicate TEXT, showNotification INTEGER, badgeIndex INTEGER, groupIndex INTEGER, "
+                       "sortIndex INTEGER, http_etag TEXT, http_last_modified TEXT, older_not_kept INTEGER, body_hash TEXT)",
+        kFolderIndexes,
+        "CREATE TABLE Bookmark (id INTEGER PRIMARY KEY AUTOINCREMENT, entity TEXT NOT NULL, account "
+        "INTEGER" LECTERN_FK(
+            "Account") ", bookmark_id TEXT, bookmark_hash TEXT, title TEXT, url TEXT, tags TEXT,"
+                       " date_added REAL, date_updated REAL, is_archived INTEGER, is_favorited INTEGER, "
+                       "is_shared INTEGER,"
+                       " is_opened INTEGER, progress REAL, author TEXT, permalink TEXT, feed "
+                       "INTEGER" LECTERN_FK("Folder") ", score INTEGER)",
+        "CREATE TABLE Content (id INTEGER PRIMARY KEY AUTOINCREMENT, bookmark INTEGER UNIQUE" LECTERN_FK(
+            "Bookmark") ", html TEXT, preview_text TEXT)",
+        "CREATE INDEX Content_bookmark ON Content(bookmark)"},
+    arrayOf(kBookmarkIndexes), arrayOf(kOtherTables), arrayOf(kSearchIndex),
+    // The key answers the lookups by feed, the cascade of a deleted feed included.
+    std::array<std::string_view, 1>{
+        "CREATE TABLE DeletedEntry (feed INTEGER NOT NULL" LECTERN_FK("Folder") ", entry_id TEXT NOT NULL,"
+        " PRIMARY KEY (feed, entry_id)) WITHOUT ROWID"});
+
 #undef LECTERN_FK
 
 const ModelVersion kVersions[] = {
@@ -227,6 +256,7 @@ const ModelVersion kVersions[] = {
     {"Lectern 2.6", "2.6", 4, kSchema26},
     {"Lectern 2.7", "2.7", 5, kSchema27},
     {"Lectern 2.8", "2.8", 6, kSchema28},
+    {"Lectern 2.9", "2.9", 7, kSchema29},
 };
 
 }  // namespace

@@ -126,7 +126,8 @@ TEST_F(MigrationTest, ALibraryThreeVersionsBehindIsMigratedStepByStep) {
                                       "Lectern 2.41 > Lectern 2.5 @ Lectern.Lectern 2.5.storedata",
                                       "Lectern 2.5 > Lectern 2.6 @ Lectern.Lectern 2.6.storedata",
                                       "Lectern 2.6 > Lectern 2.7 @ Lectern.Lectern 2.7.storedata",
-                                      "Lectern 2.7 > Lectern 2.8 @ Lectern.Lectern 2.8.storedata"}));
+                                      "Lectern 2.7 > Lectern 2.8 @ Lectern.Lectern 2.8.storedata",
+                                      "Lectern 2.8 > Lectern 2.9 @ Lectern.Lectern 2.9.storedata"}));
   ASSERT_FALSE(delegate.progress_.empty());
   EXPECT_EQ(delegate.progress_.back(), 1.0);
   // The library as it was stays beside it (not in a temporary folder); no step file is left.
@@ -200,8 +201,8 @@ TEST_F(MigrationTest, PoliciesOfOtherModelVersionsCopyAsTheDefaultMappingDoes) {
   EXPECT_NE(migrateWith("2.41"), asDefault);
 }
 
-TEST_F(MigrationTest, ALibraryOfTheVersionBeforeGainsFeedValidatorsAndTheDeletedEntryRecord) {
-  // A 2.7 library with a feed, a story, its search index entry: one step, everything kept, and
+TEST_F(MigrationTest, ALibraryOfTheVersionsBeforeGainsFeedValidatorsTheDeletedEntryRecordAndTheBodyHash) {
+  // A 2.7 library with a feed, a story, its search index entry: two steps, everything kept, and
   // the new columns and record work in the library that opens.
   const ModelVersion* before = modelVersionNamed("Lectern 2.7");
   ASSERT_NE(before, nullptr);
@@ -214,20 +215,22 @@ TEST_F(MigrationTest, ALibraryOfTheVersionBeforeGainsFeedValidatorsAndTheDeleted
   RecordingDelegate delegate;
   ASSERT_TRUE(manager_->migrate(&delegate));
   EXPECT_EQ(delegate.steps_,
-            std::vector<std::string>{"Lectern 2.7 > Lectern 2.8 @ Lectern.Lectern 2.8.storedata"});
-  EXPECT_EQ(rows("SELECT title, last_error, http_etag FROM Folder"),
-            std::vector<std::string>{"Blog|timed out|NULL"});
+            (std::vector<std::string>{"Lectern 2.7 > Lectern 2.8 @ Lectern.Lectern 2.8.storedata",
+                                      "Lectern 2.8 > Lectern 2.9 @ Lectern.Lectern 2.9.storedata"}));
+  EXPECT_EQ(rows("SELECT title, last_error, http_etag, body_hash FROM Folder"),
+            std::vector<std::string>{"Blog|timed out|NULL|NULL"});
   EXPECT_EQ(rows("SELECT rowid FROM StorySearch"), std::vector<std::string>{"22"});
 
   auto feed = context().existingObject<Feed>(ObjectId{Entity::kFeed, 14}).value();
   ASSERT_NE(feed, nullptr);
   feed->setHttp_etag("\"v1\"");
   feed->setOlder_not_kept(4);
+  feed->setBody_hash("9f86d081");
   feed->recordDeletedEntry("http://blog.example/0");
   feed->recordDeletedEntry("http://blog.example/0");  // once is enough
   ASSERT_TRUE(context().save());
-  EXPECT_EQ(rows("SELECT http_etag, older_not_kept FROM Folder WHERE id = 14"),
-            std::vector<std::string>{"\"v1\"|4"});
+  EXPECT_EQ(rows("SELECT http_etag, older_not_kept, body_hash FROM Folder WHERE id = 14"),
+            std::vector<std::string>{"\"v1\"|4|9f86d081"});
   EXPECT_EQ(feed->deletedEntryIds().value(), std::set<std::string>{"http://blog.example/0"});
   // The record goes with its feed.
   context().deleteObject(*feed);
@@ -337,6 +340,7 @@ TEST_F(MigrationTest, StepFileNamesAndTheMappingChain) {
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[2]).value().modelName, "Lectern 2.6");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[3]).value().modelName, "Lectern 2.7");
   EXPECT_EQ(chain.getDestinationModel(modelVersions()[4]).value().modelName, "Lectern 2.8");
+  EXPECT_EQ(chain.getDestinationModel(modelVersions()[5]).value().modelName, "Lectern 2.9");
   auto none = chain.getDestinationModel(currentModelVersion());
   ASSERT_FALSE(none);
   EXPECT_EQ(none.error().description, "No mapping model found in bundle");

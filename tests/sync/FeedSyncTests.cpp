@@ -467,6 +467,47 @@ TEST_F(FeedSyncTest, AnUnchangedFeedAnswers304AndCostsNoMerge) {
   EXPECT_EQ(server_.requests("news"), 4);
 }
 
+TEST_F(FeedSyncTest, TheSameDocumentAnsweredInFullIsNotMergedAgain) {
+  keepDays(4);
+  auto account = localAccount();
+  auto feed = addFeed(*account, "news");
+  serve("news", {entry("s1", hours(1))});
+  ASSERT_TRUE(syncAndWait(account));
+  ASSERT_THAT(storiesOf(*feed), ElementsAre("s1"));
+  const auto firstHash = feed->body_hash();
+  ASSERT_TRUE(firstHash);
+  EXPECT_EQ(firstHash->size(), 64u);
+
+  // The story gone without a record of its deletion: only a merge would bring it back.
+  const auto dropStory = [&] {
+    auto stories = feed->stories();
+    ASSERT_TRUE(stories);
+    for (const auto& story : *stories) context().deleteObject(*story);
+    ASSERT_TRUE(context().save());
+  };
+  dropStory();
+  feed->recordRefreshFailed(clock_.now(), "Failed to fetch feed: timed out");
+  ASSERT_TRUE(context().save());
+  clock_.advance(hours(1));
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_EQ(server_.requests("news"), 2);
+  EXPECT_THAT(storiesOf(*feed), IsEmpty());  // the same document: not read, not merged
+  EXPECT_FALSE(feed->last_error());          // but a successful refresh
+  EXPECT_EQ(feed->last_refresh(), clock_.now());
+
+  // A changed document is merged, and its hash kept.
+  serve("news", {entry("s2", hours(1)), entry("s1", hours(2))});
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_THAT(storiesOf(*feed), ElementsAre("s2", "s1"));
+  EXPECT_NE(feed->body_hash(), firstHash);
+
+  // A lengthened keep period reads the whole document again, the same one included.
+  dropStory();
+  keepDays(5);
+  ASSERT_TRUE(syncAndWait(account));
+  EXPECT_THAT(storiesOf(*feed), ElementsAre("s2", "s1"));
+}
+
 TEST_F(FeedSyncTest, APodcastEpisodeIsKeptWithItsStory) {
   auto account = localAccount();
   auto feed = addFeed(*account, "cast");

@@ -114,9 +114,9 @@ void FeedSyncOperation::main() {
     const bool conditional = !account().isKeepIndexChangedToLonger();
     for (const auto& feed : *feeds) {
       FeedValidators validators;
-      if (conditional) validators = {feed->http_etag(), feed->http_last_modified()};
+      if (conditional) validators = {feed->http_etag(), feed->http_last_modified(), feed->body_hash()};
       jobs_.push_back(FeedJob{feed->objectID(), feed->title().value_or(""), feed->URL().value_or(""),
-                              std::move(validators)});
+                              std::move(validators), !feed->last_refresh().has_value()});
     }
   }
 
@@ -173,39 +173,55 @@ FeedSyncOperation::ParentView FeedSyncOperation::parentView(ObjectId feed, bool 
 }
 
 bool FeedSyncOperation::refreshFeeds() {
-  // Downloads run on their own threads; every change to the library happens here, on the
-  // operation's thread, which owns the context. A feed holds its slot until it is merged, so at
-  // most three feeds are under way at once.
-  std::mutex mutex;  // guards done
-  std::condition_variable arrived;
-  std::deque<Download> done;
-  OperationQueue downloads("com.quillhq.Lectern.FeedDownloads", kConcurrentFeedFetches);
-
+  // Three downloads at a time, each on a thread of its own that takes the next feed when it is
+  // done; every change to the library happens here, on the operation's thread, which owns the
+  // context. Downloads go on while a feed is merged, so neither waits for the other, but at most
+  // kDocumentsAwaitingMerge downloaded feeds wait for the merge: what a refresh holds stays bounded.
+  std::mutex mutex;  // guards next, stop, done, finishedWorkers
+  std::condition_variable changed;
   size_t next = 0;
-  int inFlight = 0;
+  bool stop = false;
+  std::deque<Download> done;
+  int finishedWorkers = 0;
+  auto worker = [&] {
+    for (;;) {
+      size_t job;
+      {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return stop || done.size() < kDocumentsAwaitingMerge; });
+        if (stop || next >= jobs_.size()) break;
+        job = next++;
+      }
+      Download download = downloadAllStoriesOfFeed(job);
+      std::lock_guard lock(mutex);
+      done.push_back(std::move(download));
+      changed.notify_all();
+    }
+    std::lock_guard lock(mutex);
+    ++finishedWorkers;
+    changed.notify_all();
+  };
+  OperationQueue downloads("com.quillhq.Lectern.FeedDownloads", kConcurrentFeedFetches);
+  for (int i = 0; i < kConcurrentFeedFetches; ++i) downloads.addOperation(worker);
+
   bool cancelled = false;
   for (;;) {
-    while (!cancelled && inFlight < kConcurrentFeedFetches && next < jobs_.size()) {
-      const size_t job = next++;
-      ++inFlight;
-      downloads.addOperation([this, job, &mutex, &arrived, &done] {
-        Download download = downloadAllStoriesOfFeed(job);
-        std::lock_guard lock(mutex);
-        done.push_back(std::move(download));
-        arrived.notify_one();
-      });
-    }
-    if (inFlight == 0) break;
     Download download;
     {
       std::unique_lock lock(mutex);
-      arrived.wait(lock, [&] { return !done.empty(); });
+      changed.wait(lock, [&] { return !done.empty() || finishedWorkers == kConcurrentFeedFetches; });
+      if (done.empty()) break;
       download = std::move(done.front());
       done.pop_front();
+      changed.notify_all();  // room for one more downloaded feed
     }
     finishDownload(download);
-    --inFlight;
-    if (!cancelled && checkIsCancelled()) cancelled = true;
+    if (!cancelled && checkIsCancelled()) {
+      cancelled = true;
+      std::lock_guard lock(mutex);
+      stop = true;
+      changed.notify_all();
+    }
   }
   saveContext();
   return !cancelled;
@@ -222,6 +238,14 @@ FeedSyncOperation::Download FeedSyncOperation::downloadAllStoriesOfFeed(size_t j
   }
   logDebugMessage(kCategory, "Built-in RSS: Downloading all stories of feed: {}", feed.title);
   download.feed = fetches_.synchronouslyFetchFeed(feed.url, feed.validators);
+  if (feed.neverRefreshed && *download.feed && (**download.feed).feed) {
+    const auto& articles = (**download.feed).feed->articles;
+    download.previews.reserve(articles.size());
+    for (const auto& entry : articles) {
+      const auto& html = FeedStory::htmlOfRSSEntry(entry);
+      download.previews.push_back(html ? std::optional(Bookmark::previewTextFromHtml(*html)) : std::nullopt);
+    }
+  }
   // The user may have deleted the feed while it was downloading.
   download.deletedAfter = isFeedDeletedInParentContext(feed.feed);
   return download;
@@ -250,13 +274,16 @@ void FeedSyncOperation::finishDownload(Download& download) {
   const Result<ConditionalFeed>& fetched = *download.feed;
   const Date now = environment().clock.now();
   if (fetched) {
-    // Not modified (304): nothing to read or merge; the refresh still succeeded.
+    // Not modified (a 304, or the same document as the one merged last): nothing to read or
+    // merge; the refresh still succeeded. A document is remembered once it is merged.
     if (fetched->feed) {
-      parseEntriesFromRSSFeed(feed, *fetched->feed);
-      if (feed.http_etag() != fetched->validators.etag) feed.setHttp_etag(fetched->validators.etag);
-      if (feed.http_last_modified() != fetched->validators.lastModified) {
-        feed.setHttp_last_modified(fetched->validators.lastModified);
-      }
+      const bool merged = parseEntriesFromRSSFeed(feed, *fetched->feed, &download.previews);
+      const auto hash = merged ? fetched->validators.bodyHash : std::nullopt;
+      if (feed.body_hash() != hash) feed.setBody_hash(hash);
+    }
+    if (feed.http_etag() != fetched->validators.etag) feed.setHttp_etag(fetched->validators.etag);
+    if (feed.http_last_modified() != fetched->validators.lastModified) {
+      feed.setHttp_last_modified(fetched->validators.lastModified);
     }
     feed.recordRefreshSucceeded(now);
   } else if (isCancelled()) {
@@ -273,7 +300,8 @@ void FeedSyncOperation::finishDownload(Download& download) {
   pendingImages_.clear();
 }
 
-void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parsed) {
+bool FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parsed,
+                                                std::vector<std::optional<std::string>>* previews) {
   const Date now = environment().clock.now();
   const Date initialReadDate = now - kInitialReadAge;
 
@@ -292,7 +320,7 @@ void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parse
   if (!stored) {
     logError(kCategory, "Built-in RSS: Failed to read the stories of feed {}: {}", feed.title().value_or(""),
              stored.error().message());
-    return;
+    return false;
   }
   const std::vector<std::shared_ptr<Bookmark>> container(stored->begin(), stored->end());
   std::set<std::string> known;
@@ -316,6 +344,7 @@ void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parse
   } else {
     logError(kCategory, "Built-in RSS: Failed to read the deleted entries of feed {}: {}",
              feed.title().value_or(""), deleted.error().message());
+    return false;
   }
   const bool firstRefresh =
       !feed.last_refresh() || (feed.failing_since() && container.empty() && known.empty());
@@ -346,7 +375,10 @@ void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parse
     auto story = moc().insertNewObject<FeedStory>();
     story->setAccount(account());
     story->setFeed(feed);
-    story->mapFromRSSEntry(*entry, environment().clock);
+    std::optional<std::string> preview;
+    const auto place = static_cast<size_t>(entry - parsed.articles.data());
+    if (previews != nullptr && place < previews->size()) preview = std::move((*previews)[place]);
+    story->mapFromRSSEntry(*entry, environment().clock, std::move(preview));
     if (isInitialSync() && story->date_added().value_or(now) <= initialReadDate) {
       story->setIs_archived(true);
     } else {
@@ -360,6 +392,7 @@ void FeedSyncOperation::parseEntriesFromRSSFeed(Feed& feed, const RSSFeed& parse
   } else if (!added.empty() && feed.older_not_kept() != 0) {
     feed.setOlder_not_kept(0);  // the feed has stories now: the note has done its work
   }
+  return true;
 }
 
 void FeedSyncOperation::downloadImages(FeedStory& story) {
