@@ -43,6 +43,7 @@ fi
 /usr/bin/python3 - "$runs" "$lectern" "$home" "$(dirname "$0")" <<'PY'
 import shutil, subprocess, sys, time
 runs, lectern, home = int(sys.argv[1]), sys.argv[2], sys.argv[3]
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, sys.argv[4])
 import results
 medians = {}

@@ -63,6 +63,7 @@ fi
 /usr/bin/python3 - "$results" "$modules" "$here/.." "$python_missing" "$node_missing" <<'PY'
 import json, pathlib, subprocess, sys
 results, modules = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, sys.argv[3])
 import results as lines
 python_missing, node_missing = sys.argv[4], sys.argv[5]

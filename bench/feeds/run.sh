@@ -55,6 +55,7 @@ else
     seconds=$(xmllint_seconds "$folder")
     /usr/bin/python3 - "$here/.." "$tmp/parse.json" "$set" "$bytes" "$files" "$seconds" <<'PY'
 import json, sys
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, sys.argv[1])
 import results
 document, which, size, files, seconds = sys.argv[2], sys.argv[3], int(sys.argv[4]), sys.argv[5], float(sys.argv[6])

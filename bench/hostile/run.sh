@@ -27,6 +27,7 @@ LECTERN_HOSTILE_PROGRAM="$program" "$harness" --gtest_filter='HostileFeedTest.*'
 grep -E '^\[( figures|  FAILED|       OK|  PASSED)' "$figures" || true
 /usr/bin/python3 - "$here/bench" "$figures" <<'PY'
 import re, sys
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, sys.argv[1])
 import results
 text = open(sys.argv[2], encoding="utf-8", errors="replace").read()
