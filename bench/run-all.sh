@@ -12,7 +12,7 @@
 #   env: BENCH_FULL=1  the long cases too (the engine scan and index build of smart_bench, the
 #                      middle insert variant of store_bench, scale at 50,000 and 500,000 stories,
 #                      three extraction runs per page instead of one);
-#                      the default run takes about 10 minutes on 2 cores
+#                      the default run takes about 7.5 minutes on 2 cores
 #        LECTERN_BENCH_RESULTS=FILE  where the lines go (default BUILD_DIR/bench-results.jsonl)
 set -uo pipefail
 build=$(cd "${1:-build-bench}" && pwd)
