@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Checks of bench/results.py: /usr/bin/python3 -m unittest discover -s bench -p 'test_*.py'"""
+"""Checks of bench/results.py: /usr/bin/python3 -B -m unittest discover -s bench -p 'test_*.py'"""
 import io
 import json
 import os
