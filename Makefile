@@ -11,8 +11,6 @@ DEB_PACKAGES := build-essential cmake ccache pkg-config \
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev python3
 # The fuzz targets need clang with libc++ (std::expected) and libFuzzer.
 FUZZ_PACKAGES := clang-16 libc++-16-dev libc++abi-16-dev libclang-rt-16-dev
-# Only the benchmarks compare against these.
-BENCH_PACKAGES := newsboat python3-readability nodejs npm valgrind time
 
 MAKEFLAGS += --no-print-directory
 export CCACHE_DIR ?= $(HOME)/.cache/ccache
@@ -43,8 +41,10 @@ endef
 deps:
 	$(call install_missing,$(DEB_PACKAGES))
 
+# The tools the benchmarks compare against are checked as commands, not package names (a Node.js
+# from elsewhere is used as it is); one that cannot be had only skips its comparison.
 bench-deps: deps
-	$(call install_missing,$(BENCH_PACKAGES))
+	@./bench/deps.sh
 
 build: deps
 	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLECTERN_BUILD_TESTS=OFF > /dev/null
@@ -104,6 +104,7 @@ build-bench: bench-deps
 	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLECTERN_BUILD_TESTS=OFF -DLECTERN_BUILD_BENCH=ON > /dev/null
 	@cmake --build build-bench -j $(JOBS)
 
+# Every benchmark, ending in one table (docs/benchmarks.md); BENCH_FULL=1 adds the long cases.
 bench: build-bench
 	./bench/run-all.sh build-bench
 

@@ -5,6 +5,7 @@
 # a few expressions, smart list (every smart folder's count), folders and feeds (unread counts),
 # the start of the terminal reader (under `script`, quitting at once), and last a refresh of
 # every feed (each answers in full: ten known entries, and two new ones for every twentieth feed).
+# Each command is also a line of LECTERN_BENCH_RESULTS.
 #
 # Usage: bench/scale/run.sh [BUILD_DIR]
 #   env: SIZES="50000 500000" FEEDS=5000 PORT=8792
@@ -28,6 +29,7 @@ cleanup() {
 trap cleanup EXIT
 
 lectern=${LECTERN:-$build/lectern}
+results="/usr/bin/python3 $here/../results.py"
 generator="$build/bench/scale/scale_library"
 [ -x "$lectern" ] || cmake --build "$build" --target lectern
 [ -x "$generator" ] || cmake --build "$build" --target scale_library
@@ -72,6 +74,8 @@ measure() {
 row() { # label, "seconds kilobytes"
   read -r s k <<< "$2"
   printf '| %-44s | %7s s | %6s MB |\n' "$1" "$s" "$([ "$k" = - ] && echo - || echo $((k / 1024)))"
+  [ "$s" = - ] || $results add --group "scale: $stories stories, $feeds feeds" --name "$1" --value "$s" --unit s \
+    --note "peak $((k / 1024)) MB; one run"
 }
 
 echo "$(nproc) CPUs, load $(cut -d' ' -f1 /proc/loadavg) at the start; $feeds feeds"

@@ -1,6 +1,8 @@
 // Store benchmarks: 100,000 feed stories with 2 KB of HTML each, inserted in batches of 500 with a
 // save after each, through the store and through plain SQLite statements (the floor); then the
-// reads the reader makes on such a library.
+// reads the reader makes on such a library. Last, the stories of one cold refresh (15,000 of
+// 5 KB HTML) through the store, one save per feed, beside a bare SQLite insert loop of rows of
+// the same sizes: the floor of "storing the refresh's stories".
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 #include <sqlite3.h>
@@ -190,6 +192,134 @@ void insertPlain(benchmark::State& state, bool previewInLoop) {
 void BM_InsertStoriesPlainSqlite(benchmark::State& state) { insertPlain(state, /*previewInLoop=*/true); }
 void BM_InsertStoriesPlainSqlitePrecomputedPreview(benchmark::State& state) { insertPlain(state, false); }
 
+// The stories of one cold refresh of 300 feeds x 50 items, with the sizes of a typical article:
+// a title of about 40 bytes, about 5 KB of HTML whose text is about 4 KB.
+constexpr int kRefreshFeeds = 300;
+constexpr int kRefreshStoriesPerFeed = 50;
+constexpr int kRefreshStories = kRefreshFeeds * kRefreshStoriesPerFeed;
+
+RSSEntry refreshEntryFor(int index) {
+  RSSEntry entry;
+  entry.url = fmt::format("https://example.com/feed{}/story{}", index / kRefreshStoriesPerFeed, index);
+  entry.title = fmt::format("Council approves library plan, story {:05}", index);
+  entry.author = "Reporter";
+  entry.date = dateFromSecondsSince1970(1'600'000'000.0 + index * 60.0);
+  std::string html = fmt::format("<h2>Story {}</h2>", index);
+  for (int paragraph = 1; html.size() < 5000; ++paragraph) {
+    html += fmt::format(
+        "<p>Paragraph {} of story {}: the council voted on <a href=\"https://example.com/{}\">the new "
+        "library</a> and work starts in spring, residents asked about parking and opening hours, "
+        "and the architect showed the plans for the reading rooms and the garden.</p>",
+        paragraph, index, index);
+  }
+  entry.content = std::move(html);
+  return entry;
+}
+
+// Through the store, as a refresh saves: one save per feed of 50 new stories, the preview text
+// and the search index computed on the way.
+void BM_StoreRefreshStories(benchmark::State& state) {
+  std::vector<RSSEntry> entries;
+  entries.reserve(kRefreshStories);
+  for (int i = 0; i < kRefreshStories; ++i) entries.push_back(refreshEntryFor(i));
+  for (auto _ : state) {
+    state.PauseTiming();
+    Library library("refresh");
+    std::filesystem::remove_all(library.root);
+    library.open();
+    auto& context = library.context();
+    auto account = Account::create(context, "localrss");
+    std::vector<std::shared_ptr<Feed>> feeds;
+    for (int f = 0; f < kRefreshFeeds; ++f) {
+      feeds.push_back(account->addFeedWithTitle(fmt::format("Feed {}", f), std::nullopt,
+                                                fmt::format("https://example.com/feed{}", f)));
+    }
+    if (auto saved = context.save(); !saved) throw std::runtime_error(saved.error().message());
+    state.ResumeTiming();
+    for (int i = 0; i < kRefreshStories; ++i) {
+      auto story = context.insertNewObject<FeedStory>();
+      story->setAccount(*account);
+      story->setFeed(*feeds[static_cast<size_t>(i / kRefreshStoriesPerFeed)]);
+      story->mapFromRSSEntry(entries[static_cast<size_t>(i)], library.clock);
+      if ((i + 1) % kRefreshStoriesPerFeed == 0) {
+        if (auto saved = context.save(); !saved) throw std::runtime_error(saved.error().message());
+      }
+    }
+    state.PauseTiming();
+    library.manager.reset();
+    state.ResumeTiming();
+  }
+  state.counters["stories"] = kRefreshStories;
+  state.counters["stories/s"] =
+      benchmark::Counter(static_cast<double>(kRefreshStories) * static_cast<double>(state.iterations()),
+                         benchmark::Counter::kIsRate);
+}
+
+// The floor: SQLite alone writing rows of the same sizes (title, URL, 5 KB of HTML, its 4 KB of
+// text, computed beforehand) with the store's journal settings, in one transaction through one
+// prepared statement. No schema of ours, no indexes, no objects: what any store must pay.
+void BM_BareSqliteRefreshStories(benchmark::State& state) {
+  struct Row {
+    std::string id, title, html, text;
+    double date = 0;
+  };
+  std::vector<Row> rows;
+  rows.reserve(kRefreshStories);
+  std::size_t bytes = 0;
+  for (int i = 0; i < kRefreshStories; ++i) {
+    RSSEntry entry = refreshEntryFor(i);
+    std::string text = Bookmark::previewTextFromHtml(*entry.content);
+    rows.push_back({*entry.url, *entry.title, std::move(*entry.content), std::move(text),
+                    secondsSince1970(*entry.date)});
+    bytes += rows.back().id.size() + rows.back().title.size() + rows.back().html.size() + rows.back().text.size();
+  }
+  for (auto _ : state) {
+    state.PauseTiming();
+    Library library("bare");
+    std::filesystem::remove_all(library.root);
+    std::filesystem::create_directories(library.paths.applicationFolder);
+    auto db = SqliteDatabase::open(library.paths.storeFile(), SqliteDatabase::OpenMode::kReadWriteCreate,
+                                   std::chrono::seconds(5))
+                  .value();
+    (void)db->selectOne("PRAGMA journal_mode = WAL");
+    (void)db->execute("PRAGMA synchronous = NORMAL");
+    (void)db->execute(
+        "CREATE TABLE story (id INTEGER PRIMARY KEY, bookmark_id TEXT, title TEXT, url TEXT, date_added REAL,"
+        " feed INTEGER, html TEXT, preview_text TEXT)");
+    state.ResumeTiming();
+    sqlite3* handle = db->handle();
+    sqlite3_stmt* insert = nullptr;
+    sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    sqlite3_prepare_v2(handle,
+                       "INSERT INTO story (bookmark_id, title, url, date_added, feed, html, preview_text)"
+                       " VALUES (?, ?, ?, ?, ?, ?, ?)",
+                       -1, &insert, nullptr);
+    for (int i = 0; i < kRefreshStories; ++i) {
+      const Row& row = rows[static_cast<size_t>(i)];
+      sqlite3_bind_text(insert, 1, row.id.data(), static_cast<int>(row.id.size()), SQLITE_STATIC);
+      sqlite3_bind_text(insert, 2, row.title.data(), static_cast<int>(row.title.size()), SQLITE_STATIC);
+      sqlite3_bind_text(insert, 3, row.id.data(), static_cast<int>(row.id.size()), SQLITE_STATIC);
+      sqlite3_bind_double(insert, 4, row.date);
+      sqlite3_bind_int(insert, 5, i / kRefreshStoriesPerFeed + 1);
+      sqlite3_bind_text(insert, 6, row.html.data(), static_cast<int>(row.html.size()), SQLITE_STATIC);
+      sqlite3_bind_text(insert, 7, row.text.data(), static_cast<int>(row.text.size()), SQLITE_STATIC);
+      if (sqlite3_step(insert) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(handle));
+      sqlite3_reset(insert);
+    }
+    sqlite3_finalize(insert);
+    if (sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
+      state.SkipWithError(sqlite3_errmsg(handle));
+    state.PauseTiming();
+    db.reset();
+    state.ResumeTiming();
+  }
+  state.counters["stories"] = kRefreshStories;
+  state.counters["bytes_per_story"] = static_cast<double>(bytes) / kRefreshStories;
+  state.counters["stories/s"] =
+      benchmark::Counter(static_cast<double>(kRefreshStories) * static_cast<double>(state.iterations()),
+                         benchmark::Counter::kIsRate);
+}
+
 void BM_UnreadCountsPerFeed(benchmark::State& state) {
   auto& library = populatedLibrary();
   auto account = Account::localRSSAccount(library.context()).value();
@@ -236,6 +366,8 @@ BENCHMARK(BM_InsertStoriesPlainSqlitePrecomputedPreview)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+BENCHMARK(BM_StoreRefreshStories)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_BareSqliteRefreshStories)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_UnreadCountsPerFeed)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FetchFiveHundredBookmarksById)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_OpenExistingLibrary)->Unit(benchmark::kMillisecond);
