@@ -1,19 +1,14 @@
 #!/usr/bin/env python3
-"""The feed set of the end-to-end sync benchmark: prepare it, serve it.
+"""The feed set of the end-to-end sync benchmark.
 
-prepare: generates the synthetic set twice (as it is, and with --shift for the next state),
-moves every date so the newest item of the shifted state is an hour old (the generator's dates
-are fixed in the past, and a reader drops stories older than its keep period), and writes an
-OPML file and a newsboat url list for the set.
-
-serve: a loopback HTTP server for one state of the set. Conditional requests are answered in
-full unless the file "conditional" exists in the served folder's parent, so both readers can be
-measured doing the same work, or newsboat with its 304s.
+prepare: generates the synthetic set twice (as it is, and with --shift for the next state; only
+the first with --no-shift), moves every date so the newest item is an hour old (the generator's
+dates are fixed in the past, and a reader drops stories older than its keep period), and writes
+an OPML file and a newsboat url list for the set. bench/sync/feed_server serves it.
 """
 import argparse
 import datetime as dt
 import email.utils
-import http.server
 import os
 import re
 import subprocess
@@ -58,12 +53,12 @@ def prepare(args):
     out = Path(args.out)
     generator = Path(args.generator)
     base = f"http://127.0.0.1:{args.port}"
-    states = {"state0": 0, "state1": args.shift}
+    states = {"state0": 0} if args.no_shift else {"state0": 0, "state1": args.shift}
     for name, shift in states.items():
         subprocess.run([sys.executable, str(generator), "-n", str(args.feeds), "-m", str(args.items), "-o",
                         str(out / name), "--shift", str(shift), "--base-url", base],
                        check=True, stdout=subprocess.DEVNULL)
-    newest = max(d for path in feed_files(out / "state1") for d in dates(path.read_bytes()))
+    newest = max(d for path in feed_files(out / list(states)[-1]) for d in dates(path.read_bytes()))
     delta = dt.datetime.now(dt.timezone.utc) - dt.timedelta(hours=1) - newest
     delta = dt.timedelta(seconds=round(delta.total_seconds()))
     for name in states:
@@ -80,38 +75,6 @@ def prepare(args):
     print(f"{len(urls)} feeds x {args.items} items, {total / 1e6:.1f} MB per state, dates moved by {delta}")
 
 
-class Handler(http.server.SimpleHTTPRequestHandler):
-    def log_message(self, *args):
-        pass
-
-    def send_head(self):
-        conditional = (Path(self.directory).resolve().parent / "conditional").exists()
-        if not conditional:
-            for header in ("If-Modified-Since", "If-None-Match"):
-                if header in self.headers:
-                    del self.headers[header]
-        return super().send_head()
-
-
-def serve(args):
-    root = Path(args.root)
-
-    class Rooted(Handler):
-        def __init__(self, *a, **k):
-            super().__init__(*a, directory=str(root), **k)
-
-    class Server(http.server.ThreadingHTTPServer):
-        daemon_threads = True
-
-        def handle_error(self, request, client_address):
-            # A reader closing its connection early is not the server's failure.
-            if not isinstance(sys.exc_info()[1], ConnectionError):
-                super().handle_error(request, client_address)
-
-    server = Server(("127.0.0.1", args.port), Rooted)
-    server.serve_forever()
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     sub = parser.add_subparsers(dest="command", required=True)
@@ -122,11 +85,9 @@ def main():
     p.add_argument("--feeds", type=int, default=300)
     p.add_argument("--items", type=int, default=50)
     p.add_argument("--shift", type=int, default=5)
-    s = sub.add_parser("serve")
-    s.add_argument("--root", required=True, help="the folder served (a link to one state)")
-    s.add_argument("--port", type=int, required=True)
+    p.add_argument("--no-shift", action="store_true", help="the first state only")
     args = parser.parse_args()
-    prepare(args) if args.command == "prepare" else serve(args)
+    prepare(args)
 
 
 if __name__ == "__main__":
