@@ -141,12 +141,15 @@ TEST_F(FeedFetch, ConditionalFetchKeepsTheValidatorsAndReadsNothingOn304) {
   ASSERT_TRUE(full->feed);
   EXPECT_EQ(full->feed->title, "Local news");
   EXPECT_FALSE(lastRequest().conditional);
-  const FeedValidators held{"\"v1\"", "Sun, 01 Nov 2026 08:00:00 GMT"};
-  EXPECT_EQ(full->validators, held);
+  const FeedValidators held{"\"v1\"", "Sun, 01 Nov 2026 08:00:00 GMT", std::nullopt};
+  EXPECT_EQ(full->validators.etag, held.etag);
+  EXPECT_EQ(full->validators.lastModified, held.lastModified);
+  ASSERT_TRUE(full->validators.bodyHash);
+  EXPECT_EQ(full->validators.bodyHash->size(), 64u);
 
   // Either validator alone is sent back and earns a 304: no feed, the validators as they were.
   for (const FeedValidators& sent :
-       {FeedValidators{held.etag, std::nullopt}, FeedValidators{std::nullopt, held.lastModified}}) {
+       {FeedValidators{held.etag, std::nullopt, std::nullopt}, FeedValidators{std::nullopt, held.lastModified, std::nullopt}}) {
     auto same = QKFeedParserClient(net.session, url).synchronouslyFetchFeed(sent);
     ASSERT_TRUE(same) << same.error().message();
     EXPECT_FALSE(same->feed);
@@ -155,9 +158,21 @@ TEST_F(FeedFetch, ConditionalFetchKeepsTheValidatorsAndReadsNothingOn304) {
   }
   // Validators the server does not know get the document in full.
   auto changed =
-      QKFeedParserClient(net.session, url).synchronouslyFetchFeed(FeedValidators{"\"v0\"", std::nullopt});
+      QKFeedParserClient(net.session, url).synchronouslyFetchFeed(FeedValidators{"\"v0\"", std::nullopt, std::nullopt});
   ASSERT_TRUE(changed);
   EXPECT_TRUE(changed->feed);
+  // The same answer in full, with the document's hash held: not modified either, and not read; the
+  // answer's own validators come back.
+  auto sameDocument = QKFeedParserClient(net.session, url)
+                          .synchronouslyFetchFeed(FeedValidators{"\"v0\"", std::nullopt, full->validators.bodyHash});
+  ASSERT_TRUE(sameDocument);
+  EXPECT_FALSE(sameDocument->feed);
+  EXPECT_EQ(sameDocument->validators.etag, held.etag);
+  EXPECT_EQ(sameDocument->validators.bodyHash, full->validators.bodyHash);
+  auto otherDocument = QKFeedParserClient(net.session, url)
+                           .synchronouslyFetchFeed(FeedValidators{"\"v0\"", std::nullopt, std::string(64, '0')});
+  ASSERT_TRUE(otherDocument);
+  EXPECT_TRUE(otherDocument->feed);
   // The plain fetch sends no validator.
   ASSERT_TRUE(QKFeedParserClient(net.session, url).synchronouslyFetchFeed());
   EXPECT_FALSE(lastRequest().conditional);
