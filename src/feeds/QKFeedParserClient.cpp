@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 
 #include "core/Log.h"
+#include "core/Strings.h"
 #include "feeds/FeedDocumentParser.h"
 #include "feeds/FeedURLSplit.h"
 #include "net/QKKindURLErrorMessage.h"
@@ -37,14 +38,7 @@ std::string sha256Hex(std::string_view bytes) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr);
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(length * 2);
-  for (unsigned int i = 0; i < length; ++i) {
-    out += kHex[digest[i] >> 4];
-    out += kHex[digest[i] & 0xF];
-  }
-  return out;
+  return hexEncode(std::string_view(reinterpret_cast<const char*>(digest), length));
 }
 
 }  // namespace
