@@ -1,6 +1,7 @@
 #include "core/Dates.h"
 
 #include <array>
+#include <ctime>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -434,6 +435,22 @@ std::string sectionTitle(Date day, Date now, std::string_view timeZone) {
   std::string out;
   text.toUTF8String(out);
   return out;
+}
+
+std::string relativeDate(const std::optional<Date>& date, Date now) {
+  if (!date) return {};
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - *date).count();
+  // A date a little ahead (clock skew at the server) still reads as now.
+  if (seconds < 60 && seconds > -300) return "just now";
+  if (seconds > 0 && seconds < 3600) return fmt::format("{} min ago", seconds / 60);
+  if (seconds > 0 && seconds < 86'400) return fmt::format("{} h ago", seconds / 3600);
+  if (seconds > 0 && seconds < 7 * 86'400) return fmt::format("{} d ago", seconds / 86'400);
+  const std::time_t time = std::chrono::system_clock::to_time_t(*date);
+  std::tm local{};
+  localtime_r(&time, &local);
+  char buffer[16];
+  std::strftime(buffer, sizeof buffer, "%Y-%m-%d", &local);
+  return buffer;
 }
 
 }  // namespace lectern

@@ -40,5 +40,8 @@ bool isInFuture(Date date, const Clock& clock);
 // `timeZone` is an Olson id; empty means the system's zone.
 Date sectionDate(Date date, std::string_view timeZone = {});
 std::string sectionTitle(Date day, Date now, std::string_view timeZone = {});
+// For lists: "just now", "12 min ago", "3 h ago", "4 d ago" within a week, else the local day
+// ("2026-11-02"); "" for no date. At most 10 columns.
+std::string relativeDate(const std::optional<Date>& date, Date now = std::chrono::system_clock::now());
 
 }  // namespace lectern

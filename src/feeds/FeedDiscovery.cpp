@@ -105,4 +105,12 @@ Result<std::vector<QKFeedLinkItem>> discoverFeeds(NetworkSession& session, std::
   return items;
 }
 
+Result<std::vector<QKFeedLinkItem>> subscriptionCandidates(NetworkSession& session, std::string_view typed) {
+  auto candidates = discoverFeeds(session, typed);
+  if (!candidates && candidates.error().domain == "QKFeedLinkParserErrorDomain" && candidates.error().code == 2) {
+    return std::vector<QKFeedLinkItem>{{"", normalizedFeedAddress(typed)}};
+  }
+  return candidates;
+}
+
 }  // namespace lectern

@@ -31,6 +31,11 @@ std::string comparableFeedAddress(std::string_view address);
 // candidate on the calling thread.
 Result<std::vector<QKFeedLinkItem>> discoverFeeds(NetworkSession& session, std::string_view typed);
 
+// The feeds to offer for a typed address: discovery's answer, or the address itself when it
+// answered with something that is not a page but may still be a feed (served as "text/plain" or
+// "application/octet-stream"): subscribing then tries it as one.
+Result<std::vector<QKFeedLinkItem>> subscriptionCandidates(NetworkSession& session, std::string_view typed);
+
 // The address a page's candidate is subscribed at. The address discovery has always built comes
 // first (a relative href resolved against `pageAddress`); when the browser's reading of the href
 // (item.resolvedURL) differs from it and it does not answer with a feed, the browser's reading is

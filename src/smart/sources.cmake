@@ -14,4 +14,5 @@ set(LECTERN_SMART_SOURCES
   src/smart/library/BookmarkPredicateObject.cpp
   src/smart/library/SmartFolderQuery.cpp
   src/smart/library/QKSmartFolderContents.cpp
+  src/smart/library/SmartFolderLibrary.cpp
 )

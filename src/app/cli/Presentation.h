@@ -28,9 +28,6 @@ namespace lectern::cli {
 nlohmann::json jsonDate(const std::optional<Date>& date);
 // "2026-11-22 10:01 +0100": local time with its offset, or "" for no date.
 std::string shortLocalDate(const std::optional<Date>& date);
-// For columns: "just now", "12 min ago", "3 h ago", "4 d ago" within a week, else the local day
-// ("2026-11-02"); "" for no date. At most 10 columns.
-std::string relativeDate(const std::optional<Date>& date, Date now = std::chrono::system_clock::now());
 
 // Persisted attribute names as keys, plus `id` (the local id other commands take), `feed`
 // (its title) and `account` (its unique identifier).

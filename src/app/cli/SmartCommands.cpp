@@ -14,6 +14,7 @@
 #include "smart/RowTemplates.h"
 #include "smart/TextMatching.h"
 #include "smart/library/QKSmartFolderContents.h"
+#include "smart/library/SmartFolderLibrary.h"
 #include "smart/library/SmartFolderQuery.h"
 #include "store/Account.h"
 #include "store/Bookmark.h"
@@ -200,13 +201,6 @@ Result<std::optional<Predicate>> predicateFromOptions(const RuleOptions& options
   return std::optional<Predicate>(options.any ? Predicate::orOf(std::move(rows)) : Predicate::andOf(std::move(rows)));
 }
 
-Result<std::shared_ptr<Account>> smartAccount(ObjectContext& context) {
-  auto account = ensureSmartFoldersAccount(context);
-  if (!account) return fail(account.error());
-  if (auto saved = context.save(); !saved) return fail(saved.error());
-  return *account;
-}
-
 json folderSummary(QKSmartFolderContents& contents, SmartFolder& folder) {
   json out = {{"id", folder.objectID().row}, {"title", folder.title().value_or("")},
               {"predicate", folder.predicate().value_or("")}};
@@ -228,13 +222,7 @@ json folderSummary(QKSmartFolderContents& contents, SmartFolder& folder) {
 }
 
 Result<std::vector<std::shared_ptr<SmartFolder>>> smartFolders(ObjectContext& context) {
-  auto account = smartAccount(context);
-  if (!account) return fail(account.error());
-  ObjectContext::FetchRequest request;
-  request.where = "account = ?";
-  request.arguments = {(*account)->objectID().row};
-  request.orderBy = "pos, id";
-  return context.fetch<SmartFolder>(std::move(request));
+  return librarySmartFolders(context);
 }
 
 int runSmartList(CliContext& cli, bool asJson) {
@@ -301,22 +289,10 @@ int runSmartAdd(CliContext& cli, const std::string& title, const RuleOptions& op
   if (!*predicate) return usageError(Error::make(kLecternErrorDomain, 2, "Give one of --search, --where or --rule"));
   auto library = openLibrary(cli);
   if (!library) return kExitFailure;
-  auto folders = smartFolders(*library->context);
-  if (!checkResult(folders)) return kExitFailure;
-  auto account = smartAccount(*library->context);
-  if (!checkResult(account)) return kExitFailure;
-  std::int64_t pos = 0;
-  for (const auto& folder : *folders) pos = std::max(pos, folder->pos() + 1);
-  auto folder = library->context->insertNewObject<SmartFolder>();
-  folder->setTitle(title);
-  folder->setFolder_id(std::string(kSmartFolderId));
-  folder->setPos(pos);
-  folder->setPredicate(formatPredicate(**predicate));
-  folder->setShowNotification(false);
-  folder->setBadgeIndex(1);
-  folder->setAccount(**account);
-  if (!checkResult(library->context->save())) return kExitFailure;
-  fmt::print("Added smart folder {}: {}\n", folder->objectID().row, title);
+  auto folder = addSmartFolderToLibrary(*library->context, title, **predicate);
+  if (!checkResult(folder)) return kExitFailure;
+  const auto& added = *folder;
+  fmt::print("Added smart folder {}: {}\n", added->objectID().row, title);
   return kExitOk;
 }
 
@@ -377,12 +353,8 @@ Result<SmartSelection> smartSelection(CliContext& cli, ObjectContext& context, s
   auto environment = cli.environment();
   if (!environment) return fail(environment.error());
   SmartSelection selection{std::move(*predicate), {}, (*environment)->clock().now()};
-  selection.scope.unreadOnly = query.filter == BookmarkFilter::kUnread;
   selection.scope.limit = query.limit;
-  if (query.filter == BookmarkFilter::kStarred) {
-    selection.predicate = Predicate::andOf(
-        {std::move(selection.predicate), QKBooleanRowTemplate{"is_favorited", true}.predicateWithSubpredicates()});
-  }
+  narrowToFilter(selection.predicate, selection.scope, query.filter);
   return selection;
 }
 

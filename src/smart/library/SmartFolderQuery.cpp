@@ -98,6 +98,13 @@ Result<std::vector<std::shared_ptr<Bookmark>>> fetchMatchingBookmarks(ObjectCont
   return context.fetch<Bookmark>(std::move(request));
 }
 
+void narrowToFilter(Predicate& predicate, LibraryScope& scope, BookmarkFilter filter) {
+  if (filter == BookmarkFilter::kUnread) scope.unreadOnly = true;
+  if (filter == BookmarkFilter::kStarred) {
+    predicate = Predicate::andOf({std::move(predicate), QKBooleanRowTemplate{"is_favorited", true}.predicateWithSubpredicates()});
+  }
+}
+
 Result<std::int64_t> countMatchingBookmarks(ObjectContext& context, const Predicate& predicate, Date now,
                                             const LibraryScope& scope) {
   auto compiled = compileToSql(predicate, SqlCompileOptions{secondsSince1970(now), true});

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "store/BookmarkQuery.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -36,6 +38,9 @@ struct LibraryScope {
 // The items matching `predicate` at `now`: the predicate compiled to SQL over the library (text
 // searches through the search index); a predicate the compiler cannot express is evaluated in
 // memory over the items in scope instead.
+// A list's filter over the matches: unread narrows the scope, starred adds a row to the predicate.
+void narrowToFilter(Predicate& predicate, LibraryScope& scope, BookmarkFilter filter);
+
 Result<std::vector<std::shared_ptr<Bookmark>>> fetchMatchingBookmarks(ObjectContext& context, const Predicate& predicate,
                                                                       Date now, const LibraryScope& scope = {});
 Result<std::int64_t> countMatchingBookmarks(ObjectContext& context, const Predicate& predicate, Date now,
