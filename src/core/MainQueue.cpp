@@ -10,22 +10,40 @@ MainQueue::MainQueue() : mainThread_(std::this_thread::get_id()) {}
 MainQueue::~MainQueue() { shutdown(); }
 
 void MainQueue::post(Task task) {
+  std::function<void()> wake;
   {
     std::lock_guard lock(mutex_);
     ready_.push_back(std::move(task));
+    wake = wakeUp_;
   }
   wake_.notify_all();
+  if (wake) wake();
 }
 
 std::uint64_t MainQueue::postAfter(Clock::duration delay, Task task) {
   std::uint64_t id;
+  std::function<void()> wake;
   {
     std::lock_guard lock(mutex_);
     id = nextId_++;
     scheduled_.emplace(Clock::now() + delay, std::make_pair(id, std::move(task)));
+    wake = wakeUp_;
   }
   wake_.notify_all();
+  if (wake) wake();
   return id;
+}
+
+void MainQueue::setWakeUp(std::function<void()> wake) {
+  std::lock_guard lock(mutex_);
+  wakeUp_ = std::move(wake);
+}
+
+std::optional<MainQueue::Clock::time_point> MainQueue::nextDue() const {
+  std::lock_guard lock(mutex_);
+  if (!ready_.empty()) return Clock::now();
+  if (scheduled_.empty()) return std::nullopt;
+  return scheduled_.begin()->first;
 }
 
 void MainQueue::cancelScheduled(std::uint64_t id) {

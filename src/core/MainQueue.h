@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace lectern {
@@ -45,6 +46,12 @@ class MainQueue {
   // Runs every task that is due now, then returns how many ran.
   size_t drain();
 
+  // Another event loop drives this queue (a toolkit's): `wake` is called, on the posting thread,
+  // whenever a task is posted or scheduled, so that loop comes round and calls drain().
+  void setWakeUp(std::function<void()> wake);
+  // When the next task is due: now when one is ready; nothing when none is queued or scheduled.
+  std::optional<Clock::time_point> nextDue() const;
+
   // Drops every queued and scheduled task without running it; answers how many there were.
   size_t discardPending();
 
@@ -63,6 +70,7 @@ class MainQueue {
   std::uint64_t nextId_ = 1;
   bool stopRequested_ = false;
   bool shutDown_ = false;
+  std::function<void()> wakeUp_;
 };
 
 // Calls `task` every `interval` on the main queue until destroyed or invalidated. The fire may

@@ -21,6 +21,11 @@ inline constexpr std::string_view kConcurrentSyncOperationsIndex = "ConcurrentSy
 inline constexpr std::string_view kDaysKeepFeedReadItemsIndex = "DaysKeepFeedReadItemsIndex";
 inline constexpr std::string_view kBookmarkCountDisplayIndex = "BookmarkCountDisplayIndex";
 inline constexpr std::string_view kNotificationCenterIndex = "NotificationCenterIndex";
+// The desktop window's article view: "system" (follow the desktop), "light", "dark" or "sepia";
+// a font family ("" for the desktop's); a font size in pixels.
+inline constexpr std::string_view kArticleTheme = "articleTheme";
+inline constexpr std::string_view kArticleFontFamily = "articleFontFamily";
+inline constexpr std::string_view kArticleFontSize = "articleFontSize";
 inline constexpr std::string_view kNewsblurApiEndpoint = "newsblurApiEndpoint";
 inline constexpr std::string_view kAccounts = "Accounts";  // per-account dictionaries by identifier
 
