@@ -126,9 +126,6 @@ std::optional<std::string> safeSrcset(std::string_view srcset) {
   return out;
 }
 
-std::string fileUri(const std::filesystem::path& path) {
-  return "file://" + percentEscape(path.lexically_normal().generic_string(), "#?");
-}
 
 // ---- video links ----
 
@@ -485,7 +482,7 @@ class BodySanitizer {
       const auto scheme = schemeOf(absolute);
       if (scheme && (*scheme == "http" || *scheme == "https")) {
         if (const auto path = images_(absolute); path && path->is_absolute()) {
-          xmlSetProp(img, xml("src"), xml(fileUri(*path).c_str()));
+          xmlSetProp(img, xml("src"), xml(fileUrl(*path).c_str()));
           xmlUnsetProp(img, xml("srcset"));
           xmlUnsetProp(img, xml("sizes"));
           if (isElement(img->parent, "picture")) cachedPictures_.push_back(img->parent);
@@ -577,6 +574,10 @@ class BodySanitizer {
 }  // namespace
 
 std::optional<std::string> safeLinkUrl(std::string_view url) { return safeUrl(url, UrlUse::kLink); }
+
+std::string fileUrl(const std::filesystem::path& path) {
+  return "file://" + percentEscape(path.lexically_normal().generic_string(), "#?");
+}
 
 std::optional<std::string> videoEmbedUrl(std::string_view text) {
   std::string clean = cleanUrl(text);

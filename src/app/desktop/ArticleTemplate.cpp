@@ -101,7 +101,9 @@ h1, h2, h3, h4, h5, h6 { line-height: 1.25; }
 .lectern-title a { color: inherit; text-decoration: none; }
 .lectern-byline { color: var(--secondary); font-size: 0.9em; margin: 0; }
 .lectern-byline > * + *::before { content: "\00b7"; margin: 0 0.45em; }
-.lectern-readable { border: 1px solid var(--rule); border-radius: 4px; padding: 0 0.4em; font-size: 0.85em; }
+.lectern-byline > .lectern-readable::before { content: none; }
+.lectern-readable { border: 1px solid var(--rule); border-radius: 4px; padding: 0 0.4em; font-size: 0.85em;
+                    margin-left: 0.6em; white-space: nowrap; }
 .lectern-video { position: relative; width: 100%; height: 0; padding-bottom: 56.25%; margin: 1.5em 0; }
 .lectern-video iframe { position: absolute; top: 0; left: 0; width: 100%; height: 100%; border: 0; }
 .lectern-frame-link { display: block; margin: 1em 0; }

@@ -54,13 +54,19 @@ struct ArticlePage {
   bool readable = false;  // the body is the readable view (a marker in the header says so)
 };
 
-// The local file of a picture's absolute address, when the image cache holds it.
+// The local file of a picture's absolute address, when the image cache holds it. The page
+// addresses it by its file: URL, which WebKit shows only in a page loaded with a file: base URI
+// that the file lies under (the image cache's folder, given as `fileUrl(folder) + "/"`); the
+// page's own <base> still resolves the article's relative links against its address.
 using CachedImageLookup = std::function<std::optional<std::filesystem::path>(std::string_view url)>;
+// "file:///home/me/.cache/lectern/images/a%20b.png" for an absolute path.
+std::string fileUrl(const std::filesystem::path& path);
 
 // The whole page: a complete HTML5 document whose Content-Security-Policy forbids every script,
 // with the header (title, feed, author, date), the sanitised body, the video players and the
 // enclosures, styled by `style`. Never fails: a body that does not parse shows what could be read.
-// Load it with the article's address as the base URL.
+// The page carries its own <base> (the article's address), so the base URI it is loaded with
+// decides only its origin: see CachedImageLookup.
 std::string renderArticleHtml(const ArticlePage& page, const ArticleStyle& style,
                               const CachedImageLookup& images = {});
 
