@@ -4,8 +4,13 @@ set(LECTERN_DESKTOP_MODEL_SOURCES
   src/app/desktop/LibrarySnapshot.cpp
   src/app/desktop/PaneModels.cpp
   src/app/desktop/DesktopController.cpp
+  src/app/desktop/ArticleBody.cpp
+  src/app/desktop/ArticleTemplate.cpp
 )
 
 # The GTK 4 window over it (only built where GTK 4, libadwaita and WebKitGTK 6.0 are installed).
 set(LECTERN_DESKTOP_WINDOW_SOURCES
+  src/app/desktop/window/GlibMainQueue.cpp
+  src/app/desktop/window/DesktopWindow.cpp
+  src/app/desktop/window/LibraryDialogs.cpp
 )
