@@ -1,6 +1,7 @@
 # The desktop reader's logic, without a toolkit: the panes' models, the article page, favicons.
 # Unit tests run it with no display.
 set(LECTERN_DESKTOP_MODEL_SOURCES
+  src/app/desktop/Favicons.cpp
 )
 
 # The GTK 4 window over it (only built where GTK 4, libadwaita and WebKitGTK 6.0 are installed).
