@@ -133,8 +133,8 @@ std::string normalizedWebAddress(const URL& url, const std::string& origin) {
 std::optional<std::string> candidateAddress(std::string_view href, const std::optional<URL>& base) {
   href = trimView(href);
   if (href.empty()) return std::nullopt;
-  if (splitDataURL(href)) {
-    if (!splitDataURL(href)->first.starts_with("image/")) return std::nullopt;
+  if (const auto data = splitDataURL(href)) {
+    if (!data->first.starts_with("image/")) return std::nullopt;
     return std::string(href);
   }
   const std::optional<URL> url = base ? base->resolve(href) : URL::parse(href);
