@@ -16,6 +16,7 @@ Result<URLDownload> downloadURLSynchronously(NetworkSession& session, std::strin
   AFHTTPClient client(session, parsed->origin());
   // One request, no one to tell about the host's reachability.
   client.stopMonitoringNetworkReachability();
+  if (options.maximumResponseSize) client.setMaximumResponseSize(*options.maximumResponseSize);
   HttpRequest request = client.requestWithMethod("GET", url);
   request.timeoutInterval = options.timeout;
   auto operation = client.HTTPRequestOperationWithRequest(std::move(request), nullptr, nullptr);

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,6 +21,8 @@ enum class DownloadStatusPolicy {
 struct URLDownloadOptions {
   std::chrono::duration<double> timeout{60.0};
   DownloadStatusPolicy statusPolicy = DownloadStatusPolicy::kRequireSuccess;
+  // A smaller cap than the session's: a longer body fails with -1103 as soon as it passes it.
+  std::optional<std::uint64_t> maximumResponseSize = std::nullopt;
 };
 
 // One downloaded resource: the body and the response head (final URL after redirects, status,

@@ -6,6 +6,7 @@ set(LECTERN_DESKTOP_MODEL_SOURCES
   src/app/desktop/DesktopController.cpp
   src/app/desktop/ArticleBody.cpp
   src/app/desktop/ArticleTemplate.cpp
+  src/app/desktop/Favicons.cpp
 )
 
 # The GTK 4 window over it (only built where GTK 4, libadwaita and WebKitGTK 6.0 are installed).
