@@ -9,6 +9,8 @@ DEB_PACKAGES := build-essential cmake ccache pkg-config \
   libcurl4-openssl-dev libsqlite3-dev libxml2-dev libicu-dev libssl-dev zlib1g-dev \
   nlohmann-json3-dev libcli11-dev libfmt-dev libsecret-1-dev libncurses-dev \
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev python3
+# The desktop window and its tests under a virtual X server.
+DESKTOP_PACKAGES := libgtk-4-dev libadwaita-1-dev libwebkitgtk-6.0-dev xvfb xauth xdg-utils
 # The fuzz targets need clang with libc++ (std::expected) and libFuzzer.
 FUZZ_PACKAGES := clang-16 libc++-16-dev libc++abi-16-dev libclang-rt-16-dev
 
@@ -19,7 +21,9 @@ export CCACHE_BASEDIR ?= $(abspath $(CURDIR)/..)
 # Debug objects otherwise carry the build folder in their key, which defeats the line above.
 export CCACHE_NOHASHDIR ?= 1
 
-.PHONY: run test tsan stress fuzz fuzz-check bench deps bench-deps fuzz-deps build build-test build-tsan build-fuzz build-bench clean
+PREFIX ?= /usr/local
+
+.PHONY: desktop desktop-deps install run test tsan stress fuzz fuzz-check bench deps bench-deps fuzz-deps build build-test build-tsan build-fuzz build-bench clean
 
 define install_missing
 	@missing=""; \
@@ -41,6 +45,9 @@ endef
 deps:
 	$(call install_missing,$(DEB_PACKAGES))
 
+desktop-deps: deps
+	$(call install_missing,$(DESKTOP_PACKAGES))
+
 # The tools the benchmarks compare against are checked as commands, not package names (a Node.js
 # from elsewhere is used as it is); one that cannot be had only skips its comparison.
 bench-deps: deps
@@ -53,9 +60,24 @@ build: deps
 run: build
 	./build/lectern $(ARGS)
 
-build-test: deps
+# The window: `make desktop` builds and starts it on the default library (ARGS as for run).
+desktop: desktop-deps
+	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLECTERN_BUILD_TESTS=OFF -DLECTERN_DESKTOP=ON > /dev/null
+	@cmake --build build --target lectern lectern-desktop -j $(JOBS)
+	./build/lectern-desktop $(ARGS)
+
+# Both programs, the desktop entry (feed: and lectern: links) and the icon, under PREFIX.
+install: desktop-deps
+	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLECTERN_BUILD_TESTS=OFF -DLECTERN_DESKTOP=ON \
+	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) > /dev/null
+	@cmake --build build --target lectern lectern-desktop -j $(JOBS)
+	cmake --install build
+	-update-desktop-database $(PREFIX)/share/applications 2>/dev/null
+	-xdg-mime default com.quillhq.Lectern.desktop x-scheme-handler/feed x-scheme-handler/feeds 2>/dev/null
+
+build-test: desktop-deps
 	@cmake -S . -B build-test -DCMAKE_BUILD_TYPE=Debug -DLECTERN_SANITIZE=ON -DLECTERN_WERROR=ON \
-	  -DLECTERN_BUILD_TESTS=ON > /dev/null
+	  -DLECTERN_BUILD_TESTS=ON -DLECTERN_DESKTOP=ON > /dev/null
 	@cmake --build build-test -j $(JOBS)
 
 test: build-test

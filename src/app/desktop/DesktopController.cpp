@@ -14,6 +14,8 @@
 #include "feeds/FeedDiscovery.h"
 #include "feeds/OPMLViewController.h"
 #include "net/BrowserSignIn.h"
+#include "services/feedly/FeedlySignIn.h"
+#include "services/pocket/PocketSignIn.h"
 #include "smart/Predicate.h"
 #include "smart/library/QKSmartFolderContents.h"
 #include "smart/library/SmartFolderLibrary.h"
@@ -573,6 +575,57 @@ void DesktopController::removeAccount(std::int64_t accountRow, Done done) {
   if (sourceNode() == nullptr || sourceNode()->account == accountRow) selectSource({});
   reloadSources();
   done(std::nullopt);
+}
+
+void DesktopController::addAccount(NewAccount account, Done done) {
+  if (!online()) {
+    return done(libraryError("Cannot add an account while offline", "The service checks the sign-in once; try again when the network is back."));
+  }
+  std::weak_ptr<bool> alive = alive_;
+  lectern::addAccount(context(), account, [this, alive, done = std::move(done)](Result<std::shared_ptr<Account>> added) {
+    if (!alive.lock() || !*alive.lock()) return;
+    if (!added) return done(added.error());
+    reloadSources();
+    selectSource({SourceKind::kAccount, (*added)->objectID().row});
+    if (online()) app_.syncAccount(*added, /*forced=*/false);
+    done(std::nullopt);
+  });
+}
+
+void DesktopController::signInWithBrowser(std::string service, std::optional<std::string> endpoint,
+                                          std::function<void(std::string)> showPage, Done done) {
+  std::weak_ptr<bool> alive = alive_;
+  MainQueue& mainQueue = environment_.mainQueue();
+  SignInEnvironment signIn{environment_.defaults(), environment_.network(), environment_.clock(), environment_.paths()};
+  const auto onMain = [alive, &mainQueue](std::function<void()> task) {
+    mainQueue.post([alive, task = std::move(task)] {
+      if (alive.lock() && *alive.lock()) task();
+    });
+  };
+  auto pageShown = [onMain, showPage = std::move(showPage)](const std::string& url) { onMain([showPage, url] { showPage(url); }); };
+  network_.addOperation([this, onMain, signIn, service = std::move(service), endpoint = std::move(endpoint),
+                         pageShown = std::move(pageShown), done = std::move(done)]() mutable {
+    // The window cannot take lectern:// answers unless it is installed: the browser comes back to
+    // a listener on 127.0.0.1 instead.
+    Result<NewAccount> signedIn = lectern::fail(libraryError("Failed to add account", service + " has no browser sign-in."));
+    if (service == "pocket") {
+      PocketSignInRequest request;
+      request.endpoint = endpoint;
+      request.browser.loopback = true;
+      request.browser.showSignInPage = pageShown;
+      signedIn = signInToPocket(signIn, request);
+    } else if (service == "feedly") {
+      FeedlySignInRequest request;
+      request.endpoint = endpoint;
+      request.loopback = true;
+      request.showSignInPage = pageShown;
+      signedIn = signInToFeedly(signIn, request);
+    }
+    onMain([this, signedIn = std::move(signedIn), done = std::move(done)]() mutable {
+      if (!signedIn) return done(signedIn.error());
+      addAccount(std::move(*signedIn), std::move(done));
+    });
+  });
 }
 
 Result<std::string> DesktopController::importOpml(const std::filesystem::path& file) {

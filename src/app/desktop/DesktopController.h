@@ -12,6 +12,7 @@
 #include "app/desktop/PaneModels.h"
 #include "core/Error.h"
 #include "core/OperationQueue.h"
+#include "accounts/AccountCommands.h"
 #include "feeds/QKFeedLinkItem.h"
 #include "sync/SyncAppControllerDelegate.h"
 #include "sync/SyncPassObserver.h"
@@ -120,6 +121,12 @@ class DesktopController final : private SyncPassObserver, private SyncAppControl
   void moveFeed(std::int64_t feed, std::optional<std::string> folder, Done done);
   void renameFolder(std::int64_t folder, std::string title, Done done);
   void removeAccount(std::int64_t account, Done done);
+  // Adds an account after its service accepted the credentials (the account is selected).
+  void addAccount(NewAccount account, Done done);
+  // Feedly and Pocket: signs in through the browser (waiting on a worker for it to come back to
+  // 127.0.0.1), then adds the account. `showPage` hears the sign-in page's address.
+  void signInWithBrowser(std::string service, std::optional<std::string> endpoint,
+                         std::function<void(std::string)> showPage, Done done);
   // What an import did, in one sentence.
   Result<std::string> importOpml(const std::filesystem::path& file);
   Result<void> exportOpml(const std::filesystem::path& file);

@@ -1,6 +1,7 @@
 #include "app/desktop/PaneModels.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include <fmt/format.h>
 
@@ -136,6 +137,35 @@ std::string ArticleList::summary() const {
 }
 
 bool canSubscribe(ServiceType service) { return isFeedService(service); }
+
+std::optional<std::string> subscriptionAddressOfUri(std::string_view uri) {
+  const auto startsWith = [uri](std::string_view prefix) {
+    return uri.size() >= prefix.size() &&
+           std::equal(prefix.begin(), prefix.end(), uri.begin(),
+                      [](char a, char b) { return a == std::tolower(static_cast<unsigned char>(b)); });
+  };
+  std::string address;
+  if (startsWith("feed:http://") || startsWith("feed:https://")) {
+    address = std::string(uri.substr(5));
+  } else if (startsWith("feed://")) {
+    address = "http://" + std::string(uri.substr(7));
+  } else if (startsWith("feeds://")) {
+    address = "https://" + std::string(uri.substr(8));
+  } else if (startsWith("feed:")) {
+    address = "http://" + std::string(uri.substr(5));
+  } else if (startsWith("http://") || startsWith("https://")) {
+    address = std::string(uri);
+  } else {
+    return std::nullopt;
+  }
+  // Nothing after the scheme, or control characters, is not an address.
+  const size_t schemeEnd = address.find("://");
+  if (schemeEnd == std::string::npos || address.size() <= schemeEnd + 3) return std::nullopt;
+  if (std::any_of(address.begin(), address.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; })) {
+    return std::nullopt;
+  }
+  return address;
+}
 
 ActionEnablement enabledActions(const ActionContext& context, bool hasRows) {
   ActionEnablement on;

@@ -90,7 +90,11 @@ struct ActionEnablement {
 
 ActionEnablement enabledActions(const ActionContext& context, bool hasRows);
 
-// Names a person reads for an account's kind ("Feed reader", "Read later").
+// Whether an account of this kind takes subscriptions.
 bool canSubscribe(ServiceType service);
+
+// The address to subscribe to for a link a browser hands over: "feed:https://x/rss" and
+// "feed://x/rss" (http), "feeds://x/rss" (https), or a web address as it is; nothing otherwise.
+std::optional<std::string> subscriptionAddressOfUri(std::string_view uri);
 
 }  // namespace lectern::desktop

@@ -4,6 +4,7 @@ set(LECTERN_DESKTOP_MODEL_SOURCES
   src/app/desktop/LibrarySnapshot.cpp
   src/app/desktop/PaneModels.cpp
   src/app/desktop/DesktopController.cpp
+  src/app/desktop/SmartFolderDraft.cpp
   src/app/desktop/ArticleBody.cpp
   src/app/desktop/ArticleTemplate.cpp
   src/app/desktop/Favicons.cpp
@@ -14,4 +15,7 @@ set(LECTERN_DESKTOP_WINDOW_SOURCES
   src/app/desktop/window/GlibMainQueue.cpp
   src/app/desktop/window/DesktopWindow.cpp
   src/app/desktop/window/LibraryDialogs.cpp
+  src/app/desktop/window/SettingsDialogs.cpp
+  src/app/desktop/window/SmartFolderEditor.cpp
+  src/app/desktop/window/DesktopApp.cpp
 )

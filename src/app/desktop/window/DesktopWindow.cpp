@@ -9,6 +9,7 @@
 #include "core/Dates.h"
 #include "core/Log.h"
 #include "core/UserDefaults.h"
+#include "net/BrowserSignIn.h"
 #include "store/BookmarkImage.h"
 
 namespace lectern::desktop {
