@@ -16,6 +16,7 @@
 #include "core/UserDefaults.h"
 #include "feeds/URLDownload.h"
 #include "net/AFImageRequestOperation.h"
+#include "net/NetworkReachability.h"
 #include "net/NetworkSession.h"
 #include "net/URL.h"
 #include "net/URLError.h"
@@ -370,7 +371,11 @@ void FaviconCache::request(std::string_view site, Completion done) {
     post({std::move(done)}, std::nullopt);
     return;
   }
-  const bool online = session_.reachability().isReachable();
+  // Only a loopback host is named: for it the probe needs no name lookup, and a machine with no
+  // default route can still show a local site's icon. Any other name could block on DNS here.
+  const auto url = URL::parse(*origin);
+  const std::string host = url ? url->host() : std::string();
+  const bool online = session_.reachability().isReachable(isLoopbackHost(host) ? host : std::string());
   std::shared_ptr<Fetch> work;
   {
     // Under the lock, so a fetch that is writing its icon is joined rather than judged by a

@@ -27,8 +27,9 @@ namespace lectern::desktop {
 // `pageUrl`. Raster icons come before SVG ones (SVG needs an optional pixbuf loader and cannot be
 // checked by its first bytes), then the declared size nearest 32 px (stretching a small icon up
 // counts twice as much as shrinking a large one), then "icon" before touch icons, then page order.
-// http, https and data:image addresses are kept, nothing else. The list always ends with
-// /favicon.ico of `pageUrl`'s origin, and holds each address once. Any bytes are accepted.
+// http, https and data:image addresses are kept, nothing else. Each address comes once, and
+// /favicon.ico of `pageUrl`'s origin always comes last (when `pageUrl` is a web address, which
+// relative links need too). Any bytes are accepted.
 std::vector<std::string> faviconCandidates(std::string_view html, std::string_view pageUrl);
 
 // The page whose icon stands for a feed: the feed's site link (relative links read against the
