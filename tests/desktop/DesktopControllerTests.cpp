@@ -3,7 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
+#include "DesktopTestLibrary.h"
+#include "support/TestSupport.h"
 #include "accounts/BuiltInReader.h"
 #include "app/AppEnvironment.h"
 #include "app/QKApplicationController.h"
@@ -46,18 +47,12 @@ class DesktopControllerTest : public ::testing::Test {
     ASSERT_TRUE(app_->setupApp());
     context_ = *(*manager)->managedObjectContext();
 
-    auto reader = ensureLocalRSSAccount(*context_);
-    ASSERT_TRUE(reader);
-    account_ = *reader;
-    auto folder = account_->addFeedFolderWithTitle("Food", 0, "Food");
-    fruit_ = account_->addFeedWithTitle("Fruit", std::nullopt, "http://127.0.0.1:9/fruit", folder.get());
-    news_ = account_->addFeedWithTitle("News", std::nullopt, "http://127.0.0.1:9/news", nullptr);
-    ASSERT_TRUE(context_->save());
-    apple_ = addStory(*fruit_, "Apple harvest", 1, "<p>Apples everywhere</p>");
-    pear_ = addStory(*fruit_, "Pear season", 2, "<p>Pears</p>");
-    addStory(*news_, "Election night", 3, "<p>Votes</p>", /*read=*/true);
-    news_->recordRefreshFailed(environment_->clock().now(), "The server answered 404");
-    ASSERT_TRUE(context_->save());
+    auto library = fixtures::fillTestLibrary(*context_, environment_->clock().now());
+    account_ = library.account;
+    fruit_ = library.fruit;
+    news_ = library.news;
+    apple_ = library.apple;
+    pear_ = library.pear;
 
     controller_ = std::make_unique<DesktopController>(*environment_, *app_, view_);
   }
@@ -66,21 +61,6 @@ class DesktopControllerTest : public ::testing::Test {
     controller_.reset();
     if (app_) app_->shutdown();
     app_.reset();
-  }
-
-  std::int64_t addStory(Feed& feed, const std::string& title, int hoursAgo, const std::string& html, bool read = false) {
-    auto story = context_->insertNewObject<FeedStory>();
-    story->setAccount(*account_);
-    story->setFeed(feed);
-    story->setBookmark_id("http://example.com/" + title);
-    story->setUrl("http://example.com/" + title);
-    story->setTitle(title);
-    story->setAuthor("Ann Author");
-    story->setHtml(html);
-    story->setDate_added(environment_->clock().now() - std::chrono::hours(hoursAgo));
-    story->setIs_archived(read);
-    if (auto saved = context_->save(); !saved) throw std::runtime_error(saved.error().message());
-    return story->objectID().row;
   }
 
   // Runs the main queue until the controller's reads and the library's completions are done.
@@ -101,7 +81,7 @@ class DesktopControllerTest : public ::testing::Test {
     return out;
   }
 
-  test::TempDir temp_;
+  lectern::test::TempDir temp_;
   std::unique_ptr<AppEnvironment> environment_;
   std::unique_ptr<QKApplicationController> app_;
   ObjectContext* context_ = nullptr;
@@ -145,7 +125,7 @@ TEST_F(DesktopControllerTest, OpeningAnArticleShowsItAndMarksItReadInTheLibrary)
   ASSERT_TRUE(controller_->article());
   EXPECT_EQ(controller_->article()->row.title, "Apple harvest");
   EXPECT_EQ(controller_->article()->author, "Ann Author");
-  EXPECT_EQ(controller_->article()->html, "<p>Apples everywhere</p>");
+  EXPECT_EQ(controller_->article()->html, "<p>Apples everywhere this autumn.</p><p>Orchards report a record year.</p>");
   EXPECT_FALSE(controller_->articles().selected()->unread);
   EXPECT_TRUE(stored(apple_)->is_archived());
 

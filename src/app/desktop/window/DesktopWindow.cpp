@@ -37,7 +37,7 @@ SourceKey sourceKeyOf(GtkListBoxRow* row) {
 const char* symbolicIcon(const SourceNode& node) {
   switch (node.key.kind) {
     case SourceKind::kAll:
-      return "mail-inbox-symbolic";
+      return "emblem-documents-symbolic";
     case SourceKind::kAccount:
       if (node.service == ServiceType::kSmartFolders) return "folder-saved-search-symbolic";
       return isReadLaterService(node.service) ? "bookmark-new-symbolic" : "network-server-symbolic";
@@ -80,7 +80,7 @@ DesktopWindow::DesktopWindow(GtkApplication* application, AppEnvironment& enviro
   build(application);
   addActions();
   controller_->reloadSources();
-  controller_->selectSource({});
+  controller_->reloadArticles();
   updateActions();
   statusChanged();
 }
@@ -128,6 +128,8 @@ void DesktopWindow::build(GtkApplication* application) {
   };
   button("view-refresh-symbolic", "win.sync", "Sync all accounts (R)", false);
   button("list-add-symbolic", "win.subscribe", "Subscribe to a feed (Ctrl+N)", false);
+  button("go-up-symbolic", "win.previous", "Previous article (K)", false);
+  button("go-down-symbolic", "win.next", "Next article (J)", false);
   spinner_ = gtk_spinner_new();
   adw_header_bar_pack_start(ADW_HEADER_BAR(header), spinner_);
   offline_ = gtk_label_new("Offline");
@@ -172,7 +174,7 @@ void DesktopWindow::build(GtkApplication* application) {
   for (GMenu* section : {library, smart, article, accounts, menu}) g_object_unref(section);
 
   readableToggle_ = gtk_toggle_button_new();
-  gtk_button_set_icon_name(GTK_BUTTON(readableToggle_), "view-reader-symbolic");
+  gtk_button_set_icon_name(GTK_BUTTON(readableToggle_), "format-text-plaintext-symbolic");
   gtk_widget_set_tooltip_text(readableToggle_, "Readable view: the text of the article's page");
   adw_header_bar_pack_end(ADW_HEADER_BAR(header), readableToggle_);
   readableHandler_ = g_signal_connect(readableToggle_, "toggled", G_CALLBACK(+[](GtkToggleButton* toggle, gpointer self) {
@@ -180,7 +182,8 @@ void DesktopWindow::build(GtkApplication* application) {
                                             gtk_toggle_button_get_active(toggle));
                                       }),
                                       this);
-  button("web-browser-symbolic", "win.open-browser", "Open in browser (O)", true);
+  button("go-jump-symbolic", "win.open-browser", "Open in browser (O)", true);
+  button("user-trash-symbolic", "win.delete", "Delete (Delete)", true);
   button("starred-symbolic", "win.toggle-star", "Star or unstar (S)", true);
   button("mail-read-symbolic", "win.toggle-read", "Mark read or unread (M)", true);
 
@@ -698,12 +701,16 @@ void DesktopWindow::pageDownOrNext() {
 }
 
 gboolean DesktopWindow::onKeyPressed(GtkEventControllerKey*, guint keyval, guint, GdkModifierType state, gpointer self) {
-  auto* window = static_cast<DesktopWindow*>(self);
-  if ((state & (GDK_CONTROL_MASK | GDK_ALT_MASK | GDK_SUPER_MASK)) != 0) return FALSE;
-  if (window->dialog_ != nullptr || focusIsEditable(GTK_WINDOW(window->window_))) return FALSE;
-  const auto activate = [window](const char* name) {
-    g_action_group_activate_action(G_ACTION_GROUP(window->window_), name, nullptr);
-    return TRUE;
+  return static_cast<DesktopWindow*>(self)->handleKey(keyval, state) ? TRUE : FALSE;
+}
+
+bool DesktopWindow::handleKey(guint keyval, GdkModifierType state) {
+  if ((state & (GDK_CONTROL_MASK | GDK_ALT_MASK | GDK_SUPER_MASK)) != 0) return false;
+  if (dialog_ != nullptr || focusIsEditable(GTK_WINDOW(window_))) return false;
+  const auto activate = [this](const char* name) {
+    GAction* action = g_action_map_lookup_action(G_ACTION_MAP(window_), name);
+    if (action != nullptr && g_action_get_enabled(action)) g_action_activate(action, nullptr);
+    return true;
   };
   switch (keyval) {
     case GDK_KEY_j:
@@ -727,7 +734,7 @@ gboolean DesktopWindow::onKeyPressed(GtkEventControllerKey*, guint keyval, guint
     case GDK_KEY_slash:
       return activate("search");
     default:
-      return FALSE;
+      return false;
   }
 }
 

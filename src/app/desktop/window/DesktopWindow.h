@@ -39,6 +39,10 @@ class DesktopWindow final : public DesktopController::View {
   // The `feed:` links a browser hands over, and any address to subscribe to: the subscribe dialog.
   void subscribeTo(const std::string& address);
 
+  // A key pressed in the window (outside a text field): j/k, the arrows, Space, m, s, o, r,
+  // Delete and /. Answers whether it was one of them.
+  bool handleKey(guint keyval, GdkModifierType state);
+
   // For tests: the widgets that show the models.
   GtkListBox* sourcesList() const { return sources_; }
   GtkListBox* articlesList() const { return articles_; }

@@ -1,0 +1,219 @@
+// The real window on a test library, under an X server: driven through its actions and keys,
+// checked on its widgets and on the library.
+
+#include <adwaita.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "../DesktopTestLibrary.h"
+#include "support/TestSupport.h"
+#include "app/desktop/window/DesktopApp.h"
+#include "app/desktop/window/DesktopWindow.h"
+#include "store/Bookmark.h"
+#include "store/Feed.h"
+#include "store/ObjectContext.h"
+#include "store/QKDataManager.h"
+#include "store/SmartFolder.h"
+
+namespace lectern::desktop {
+namespace {
+
+// Runs GLib's loop (and with it the main queue) until `done` or 20 s.
+bool pumpUntil(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    if (!g_main_context_iteration(nullptr, FALSE)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+std::vector<GtkListBoxRow*> rowsOf(GtkListBox* box) {
+  std::vector<GtkListBoxRow*> rows;
+  for (GtkWidget* child = gtk_widget_get_first_child(GTK_WIDGET(box)); child; child = gtk_widget_get_next_sibling(child)) {
+    if (GTK_IS_LIST_BOX_ROW(child)) rows.push_back(GTK_LIST_BOX_ROW(child));
+  }
+  return rows;
+}
+
+// The texts of the labels inside a widget, in order.
+std::string textOf(GtkWidget* widget) {
+  std::string out;
+  if (GTK_IS_LABEL(widget)) out += gtk_label_get_text(GTK_LABEL(widget)) + std::string(" ");
+  for (GtkWidget* child = gtk_widget_get_first_child(widget); child; child = gtk_widget_get_next_sibling(child)) {
+    out += textOf(child);
+  }
+  return out;
+}
+
+GtkWidget* firstEntry(GtkWidget* widget) {
+  if (GTK_IS_ENTRY(widget)) return widget;
+  for (GtkWidget* child = gtk_widget_get_first_child(widget); child; child = gtk_widget_get_next_sibling(child)) {
+    if (GtkWidget* found = firstEntry(child)) return found;
+  }
+  return nullptr;
+}
+
+class DesktopWindowTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!gtk_init_check()) GTEST_SKIP() << "No X server could be opened (run under xvfb-run, or set DISPLAY)";
+    adw_init();
+    application_ = gtk_application_new("com.quillhq.Lectern.Tests", G_APPLICATION_NON_UNIQUE);
+    GError* error = nullptr;
+    ASSERT_TRUE(g_application_register(G_APPLICATION(application_), nullptr, &error)) << (error ? error->message : "");
+    DesktopSession::Options options;
+    options.app.home = temp_.path();
+    options.app.offline = true;  // nothing reaches a network
+    options.schedule = false;
+    // The library is filled before the window reads it.
+    {
+      auto environment = AppEnvironment::create(options.app);
+      ASSERT_TRUE(environment);
+      auto manager = (*environment)->dataManager();
+      ASSERT_TRUE(manager);
+      auto context = (*manager)->managedObjectContext();
+      ASSERT_TRUE(context);
+      library_ = fixtures::fillTestLibrary(**context, (*environment)->clock().now());
+      library_.account.reset();
+      library_.fruit.reset();
+      library_.news.reset();
+    }
+    auto session = DesktopSession::open(application_, options);
+    ASSERT_TRUE(session) << session.error().message();
+    session_ = std::move(*session);
+    window().present();
+    ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().sourcesList()).size() >= 5; }));
+  }
+
+  void TearDown() override {
+    session_.reset();
+    if (application_) g_object_unref(application_);
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+  }
+
+  DesktopWindow& window() { return session_->window(); }
+
+  ObjectContext& context() { return **(*session_->environment().dataManager())->managedObjectContext(); }
+
+  std::shared_ptr<Bookmark> stored(std::int64_t id) {
+    auto bookmark = Bookmark::bookmarkWithLocalId(context(), id);
+    if (!bookmark || !*bookmark) throw std::runtime_error("no such article");
+    return *bookmark;
+  }
+
+  GtkListBoxRow* sourceRow(const std::string& title) {
+    for (auto* row : rowsOf(window().sourcesList())) {
+      if (textOf(GTK_WIDGET(row)).starts_with(title + " ")) return row;
+    }
+    return nullptr;
+  }
+
+  void activate(const char* action) {
+    GAction* found = g_action_map_lookup_action(G_ACTION_MAP(window().window()), action);
+    ASSERT_NE(found, nullptr) << action;
+    ASSERT_TRUE(g_action_get_enabled(found)) << action << " is disabled";
+    g_action_activate(found, nullptr);
+  }
+
+  bool idle() {
+    return pumpUntil([this] { return window().controller().loading() == 0; });
+  }
+
+  lectern::test::TempDir temp_;
+  GtkApplication* application_ = nullptr;
+  fixtures::TestLibrary library_;
+  std::unique_ptr<DesktopSession> session_;
+};
+
+TEST_F(DesktopWindowTest, ReadsAFeedWithTheKeyboardAndEveryChangeReachesTheLibrary) {
+  // The sources pane: the account, its folder and feeds, counts and the failing feed's marker.
+  const std::string fruit = textOf(GTK_WIDGET(sourceRow("Fruit")));
+  EXPECT_NE(fruit.find("2"), std::string::npos) << fruit;
+  ASSERT_NE(sourceRow("News"), nullptr);
+  ASSERT_NE(sourceRow("Food"), nullptr);
+
+  gtk_list_box_select_row(window().sourcesList(), sourceRow("Fruit"));
+  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 2; }));
+  EXPECT_NE(textOf(GTK_WIDGET(rowsOf(window().articlesList())[0])).find("Apple harvest"), std::string::npos);
+
+  // j opens the first article in the web view and marks it read.
+  EXPECT_TRUE(window().handleKey(GDK_KEY_j, GdkModifierType{}));
+  ASSERT_TRUE(pumpUntil([this] { return window().articleHtml().find("Apple harvest") != std::string::npos; }));
+  EXPECT_NE(window().articleHtml().find("Orchards report a record year."), std::string::npos);
+  ASSERT_TRUE(idle());
+  EXPECT_TRUE(stored(library_.apple)->is_archived());
+
+  // s stars it, m marks it unread again: in the row and in the library.
+  EXPECT_TRUE(window().handleKey(GDK_KEY_s, GdkModifierType{}));
+  EXPECT_TRUE(window().handleKey(GDK_KEY_m, GdkModifierType{}));
+  ASSERT_TRUE(idle());
+  EXPECT_TRUE(stored(library_.apple)->is_favorited());
+  EXPECT_FALSE(stored(library_.apple)->is_archived());
+  const char* tooltip = gtk_widget_get_tooltip_text(GTK_WIDGET(rowsOf(window().articlesList())[0]));
+  ASSERT_NE(tooltip, nullptr);
+  EXPECT_STREQ(tooltip, "Unread: Apple harvest (starred)");
+
+  // k at the top stays; j moves to the pear; a text field keeps its letters.
+  EXPECT_TRUE(window().handleKey(GDK_KEY_k, GdkModifierType{}));
+  EXPECT_TRUE(window().handleKey(GDK_KEY_j, GdkModifierType{}));
+  ASSERT_TRUE(pumpUntil([this] { return window().articleHtml().find("Pear season") != std::string::npos; }));
+  gtk_widget_grab_focus(GTK_WIDGET(window().searchEntry()));
+  EXPECT_FALSE(window().handleKey(GDK_KEY_m, GdkModifierType{}));
+
+  // Delete removes it here and in the library, and the list moves on.
+  gtk_widget_grab_focus(GTK_WIDGET(window().articlesList()));
+  EXPECT_TRUE(window().handleKey(GDK_KEY_Delete, GdkModifierType{}));
+  ASSERT_TRUE(idle());
+  EXPECT_EQ(rowsOf(window().articlesList()).size(), 1u);
+  EXPECT_FALSE(Bookmark::bookmarkWithLocalId(context(), library_.pear).value_or(nullptr));
+}
+
+TEST_F(DesktopWindowTest, ASearchIsSavedAsASmartFolder) {
+  gtk_editable_set_text(window().searchEntry(), "apple OR votes");
+  g_signal_emit_by_name(window().searchEntry(), "activate");
+  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 2 && window().controller().loading() == 0; }));
+
+  activate("save-search");
+  ASSERT_NE(window().dialog(), nullptr);
+  GtkWidget* entry = firstEntry(adw_message_dialog_get_extra_child(ADW_MESSAGE_DIALOG(window().dialog())));
+  ASSERT_NE(entry, nullptr);
+  gtk_editable_set_text(GTK_EDITABLE(entry), "Apples and votes");
+  adw_message_dialog_response(ADW_MESSAGE_DIALOG(window().dialog()), "ok");
+  ASSERT_TRUE(pumpUntil([this] { return sourceRow("Apples and votes") != nullptr; }));
+  ASSERT_TRUE(idle());
+  // The new folder is selected and shows what the search found.
+  EXPECT_EQ(window().controller().source().kind, SourceKind::kSmartFolder);
+  EXPECT_EQ(rowsOf(window().articlesList()).size(), 2u);
+  ObjectContext::FetchRequest request;
+  auto folders = context().fetch<SmartFolder>(request);
+  ASSERT_TRUE(folders);
+  bool found = false;
+  for (const auto& folder : *folders) found = found || folder->title() == "Apples and votes";
+  EXPECT_TRUE(found);
+}
+
+TEST_F(DesktopWindowTest, TheMainWindowIsDrawnAndSavedAsAScreenshot) {
+  gtk_list_box_select_row(window().sourcesList(), sourceRow("All articles"));
+  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 3; }));
+  window().controller().openArticle(library_.apple);
+  ASSERT_TRUE(pumpUntil([this] { return !window().articleHtml().empty(); }));
+  // Give the web view a moment to paint the page.
+  ASSERT_TRUE(pumpUntil([this] { return !webkit_web_view_is_loading(window().webView()); }));
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+  pumpUntil([&] { return std::chrono::steady_clock::now() > until; });
+  const std::filesystem::path file = LECTERN_SCREENSHOT;
+  auto saved = window().saveScreenshot(file);
+  ASSERT_TRUE(saved) << saved.error().message();
+  std::error_code error;
+  EXPECT_GT(std::filesystem::file_size(file, error), 10'000u);
+  std::fprintf(stderr, "Screenshot: %s\n", file.c_str());
+}
+
+}  // namespace
+}  // namespace lectern::desktop
