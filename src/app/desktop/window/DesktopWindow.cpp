@@ -1,6 +1,7 @@
 #include "app/desktop/window/DesktopWindow.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "app/AppEnvironment.h"
 #include "app/QKApplicationController.h"
@@ -88,16 +89,17 @@ DesktopWindow::DesktopWindow(GtkApplication* application, AppEnvironment& enviro
 DesktopWindow::~DesktopWindow() {
   *alive_ = false;
   if (dialog_ != nullptr) gtk_window_destroy(GTK_WINDOW(dialog_));
-  // The controller's completions must not reach a window that is going.
+  // Nothing of the window may call back into this object while it goes.
+  g_signal_handlers_disconnect_by_data(adw_style_manager_get_default(), this);
+  for (GtkWidget* widget : {GTK_WIDGET(sources_), GTK_WIDGET(articles_), GTK_WIDGET(web_), search_, filter_,
+                            readableToggle_, window_}) {
+    g_signal_handlers_disconnect_by_data(widget, this);
+  }
+  gtk_window_destroy(GTK_WINDOW(window_));
+  // The controller's completions and the favicons' must not reach a window that is gone.
   controller_.reset();
   favicons_.reset();
-  if (window_ != nullptr) {
-    g_signal_handlers_disconnect_by_data(sources_, this);
-    g_signal_handlers_disconnect_by_data(articles_, this);
-    g_signal_handlers_disconnect_by_data(web_, this);
-    gtk_window_destroy(GTK_WINDOW(window_));
-    g_object_unref(window_);
-  }
+  g_object_unref(window_);
 }
 
 void DesktopWindow::present() { gtk_window_present(GTK_WINDOW(window_)); }
@@ -109,6 +111,16 @@ void DesktopWindow::build(GtkApplication* application) {
   g_object_ref_sink(window_);
   gtk_window_set_title(GTK_WINDOW(window_), "Lectern");
   gtk_window_set_default_size(GTK_WINDOW(window_), 1200, 760);
+  // Closing the window ends the program; the window itself stays until the session goes, so that
+  // nothing late finds its widgets gone.
+  gtk_window_set_hide_on_close(GTK_WINDOW(window_), TRUE);
+  g_signal_connect(window_, "close-request", G_CALLBACK(+[](GtkWindow* window, gpointer) {
+                     if (GtkApplication* application = gtk_window_get_application(window)) {
+                       g_application_quit(G_APPLICATION(application));
+                     }
+                     return FALSE;
+                   }),
+                   this);
 
   GtkWidget* root = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
   GtkWidget* header = adw_header_bar_new();
@@ -436,11 +448,17 @@ GtkWidget* DesktopWindow::sourceRow(const SourceNode& node, int depth) {
       if (auto cached = favicons_->cachedIcon(*site)) {
         gtk_image_set_from_file(GTK_IMAGE(icon), cached->c_str());
       } else {
-        g_object_ref(icon);
-        std::weak_ptr<bool> alive = alive_;
-        favicons_->request(*site, [icon, alive](std::optional<std::filesystem::path> file) {
-          if (alive.lock() && *alive.lock() && file) gtk_image_set_from_file(GTK_IMAGE(icon), file->c_str());
-          g_object_unref(icon);
+        // The row may be rebuilt before the icon comes: a weak reference, not a hold on it.
+        std::shared_ptr<GWeakRef> weak(new GWeakRef, [](GWeakRef* ref) {
+          g_weak_ref_clear(ref);
+          delete ref;
+        });
+        g_weak_ref_init(weak.get(), icon);
+        favicons_->request(*site, [weak](std::optional<std::filesystem::path> file) {
+          GObject* image = static_cast<GObject*>(g_weak_ref_get(weak.get()));
+          if (image == nullptr) return;
+          if (file) gtk_image_set_from_file(GTK_IMAGE(image), file->c_str());
+          g_object_unref(image);
         });
       }
     }
@@ -655,10 +673,31 @@ gboolean DesktopWindow::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* dec
     if (ownPage || subframe) return FALSE;
   }
   webkit_policy_decision_ignore(decision);
+  // A link to a place in the article itself (it resolves against the article's address) scrolls
+  // the view there instead of leaving for the browser.
+  if (const auto& article = window->controller_->article(); userAction && article && !article->row.url.empty()) {
+    const std::string& page = article->row.url;
+    const std::string base = page.substr(0, page.find('#'));
+    if (uri.size() > base.size() + 1 && uri.compare(0, base.size(), base) == 0 && uri[base.size()] == '#') {
+      window->scrollToFragment(uri.substr(base.size() + 1));
+      return TRUE;
+    }
+  }
   if (userAction && (uri.starts_with("http:") || uri.starts_with("https:") || uri.starts_with("mailto:"))) {
     if (auto opened = openInBrowser(uri); !opened) window->showError(opened.error());
   }
   return TRUE;
+}
+
+void DesktopWindow::scrollToFragment(const std::string& fragment) {
+  // The fragment goes in as a JSON string, so nothing in it can be read as script.
+  gchar* id = g_uri_unescape_string(fragment.c_str(), nullptr);
+  const std::string script = fmt::format(
+      "(function(){{var e=document.getElementById({0})||document.getElementsByName({0})[0];"
+      "if(e)e.scrollIntoView();}})()",
+      nlohmann::json(id ? std::string(id) : fragment).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
+  g_free(id);
+  webkit_web_view_evaluate_javascript(web_, script.c_str(), -1, nullptr, nullptr, nullptr, nullptr, nullptr);
 }
 
 void DesktopWindow::pageDownOrNext() {

@@ -72,6 +72,7 @@ class DesktopWindow final : public DesktopController::View {
   void updateActions();
   void renderArticle();
   void pageDownOrNext();
+  void scrollToFragment(const std::string& fragment);
   void showError(const Error& error);
   void showToast(const std::string& text);
   void setDialog(GtkWidget* dialog);
