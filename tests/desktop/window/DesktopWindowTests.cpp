@@ -3,6 +3,7 @@
 
 #include <adwaita.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <chrono>
 #include <filesystem>
@@ -58,8 +59,29 @@ GtkWidget* firstEntry(GtkWidget* widget) {
   return nullptr;
 }
 
+GtkImage* firstImage(GtkWidget* widget) {
+  if (GTK_IS_IMAGE(widget)) return GTK_IMAGE(widget);
+  for (GtkWidget* child = gtk_widget_get_first_child(widget); child; child = gtk_widget_get_next_sibling(child)) {
+    if (GtkImage* found = firstImage(child)) return found;
+  }
+  return nullptr;
+}
+
+// A 2x2 PNG.
+const unsigned char kIconBytes[] = {
+    0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52, 0x00, 0x00, 0x00,
+    0x02, 0x00, 0x00, 0x00, 0x02, 0x08, 0x06, 0x00, 0x00, 0x00, 0x72, 0xB6, 0x0D, 0x24, 0x00, 0x00, 0x00, 0x11, 0x49,
+    0x44, 0x41, 0x54, 0x78, 0x9C, 0x63, 0xD8, 0xEA, 0xAA, 0xFD, 0x1F, 0x84, 0x19, 0x60, 0x0C, 0x00, 0x4B, 0x9A, 0x08,
+    0x91, 0xEF, 0x06, 0x43, 0x4A, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45, 0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
+const std::string kIcon(reinterpret_cast<const char*>(kIconBytes), sizeof kIconBytes);
+
 class DesktopWindowTest : public ::testing::Test {
  protected:
+  // The window tests run offline (nothing reaches a network) unless a test serves what it needs.
+  virtual bool online() const { return false; }
+  // Changes the test library before the window reads it.
+  virtual void prepare(ObjectContext&) {}
+
   void SetUp() override {
     if (!gtk_init_check()) GTEST_SKIP() << "No X server could be opened (run under xvfb-run, or set DISPLAY)";
     adw_init();
@@ -68,7 +90,7 @@ class DesktopWindowTest : public ::testing::Test {
     ASSERT_TRUE(g_application_register(G_APPLICATION(application_), nullptr, &error)) << (error ? error->message : "");
     DesktopSession::Options options;
     options.app.home = temp_.path();
-    options.app.offline = true;  // nothing reaches a network
+    options.app.offline = !online();
     options.schedule = false;
     // The library is filled before the window reads it.
     {
@@ -79,6 +101,7 @@ class DesktopWindowTest : public ::testing::Test {
       auto context = (*manager)->managedObjectContext();
       ASSERT_TRUE(context);
       library_ = fixtures::fillTestLibrary(**context, (*environment)->clock().now());
+      prepare(**context);
       library_.account.reset();
       library_.fruit.reset();
       library_.news.reset();
@@ -220,6 +243,50 @@ TEST_F(DesktopWindowTest, TheMainWindowIsDrawnAndSavedAsAScreenshot) {
   std::error_code error;
   EXPECT_GT(std::filesystem::file_size(file, error), 10'000u);
   std::fprintf(stderr, "Screenshot: %s\n", file.c_str());
+}
+
+// A feed's site serves a page naming its icon: the sources pane shows it once it is cached.
+class DesktopWindowIconTest : public DesktopWindowTest {
+ protected:
+  bool online() const override { return true; }
+  void prepare(ObjectContext& context) override {
+    server_.Get("/", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("<html><head><link rel=\"icon\" href=\"/news.png\"></head><body>News</body></html>",
+                           "text/html");
+    });
+    server_.Get("/news.png", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content(kIcon, "image/png");
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    library_.news->setFeed_link("http://127.0.0.1:" + std::to_string(port_) + "/");
+    ASSERT_TRUE(context.save());
+  }
+  void TearDown() override {
+    DesktopWindowTest::TearDown();
+    server_.stop();
+    if (thread_.joinable()) thread_.join();
+  }
+
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+TEST_F(DesktopWindowIconTest, AFeedShowsItsSitesIcon) {
+  ASSERT_TRUE(pumpUntil([this] {
+    GtkListBoxRow* row = sourceRow("News");
+    GtkImage* image = row ? firstImage(GTK_WIDGET(row)) : nullptr;
+    return image != nullptr && gtk_image_get_storage_type(image) == GTK_IMAGE_PAINTABLE;
+  }));
+  // Cached: the next window finds it without asking the site.
+  const auto folder = temp_.path() / "cache" / "Favicons";
+  std::error_code error;
+  EXPECT_FALSE(std::filesystem::is_empty(folder, error));
+  // Fruit's site is unknown (no link, an unreachable feed address): it keeps the feed symbol.
+  GtkImage* fruit = firstImage(GTK_WIDGET(sourceRow("Fruit")));
+  ASSERT_NE(fruit, nullptr);
+  EXPECT_EQ(gtk_image_get_storage_type(fruit), GTK_IMAGE_ICON_NAME);
 }
 
 }  // namespace

@@ -66,6 +66,15 @@ bool focusIsEditable(GtkWindow* window) {
   return false;
 }
 
+// Shows the picture in `file`; one that does not load keeps the image as it was (the feed symbol),
+// never the "broken image" icon.
+void setIconFromFile(GtkImage* image, const std::filesystem::path& file) {
+  GdkTexture* texture = gdk_texture_new_from_filename(file.c_str(), nullptr);
+  if (texture == nullptr) return;
+  gtk_image_set_from_paintable(image, GDK_PAINTABLE(texture));
+  g_object_unref(texture);
+}
+
 // Removes every row of a list box.
 void clearList(GtkListBox* box) {
   while (GtkWidget* child = gtk_widget_get_first_child(GTK_WIDGET(box))) gtk_list_box_remove(box, child);
@@ -446,7 +455,7 @@ GtkWidget* DesktopWindow::sourceRow(const SourceNode& node, int depth) {
     // The site's icon when it is cached; otherwise it is fetched once, off the main thread.
     if (auto site = faviconSite(node.site, node.feedUrl)) {
       if (auto cached = favicons_->cachedIcon(*site)) {
-        gtk_image_set_from_file(GTK_IMAGE(icon), cached->c_str());
+        setIconFromFile(GTK_IMAGE(icon), *cached);
       } else {
         // The row may be rebuilt before the icon comes: a weak reference, not a hold on it.
         std::shared_ptr<GWeakRef> weak(new GWeakRef, [](GWeakRef* ref) {
@@ -457,7 +466,7 @@ GtkWidget* DesktopWindow::sourceRow(const SourceNode& node, int depth) {
         favicons_->request(*site, [weak](std::optional<std::filesystem::path> file) {
           GObject* image = static_cast<GObject*>(g_weak_ref_get(weak.get()));
           if (image == nullptr) return;
-          if (file) gtk_image_set_from_file(GTK_IMAGE(image), file->c_str());
+          if (file) setIconFromFile(GTK_IMAGE(image), *file);
           g_object_unref(image);
         });
       }
