@@ -84,8 +84,8 @@ test: build-test
 	cd build-test && ctest --output-on-failure -j $(JOBS)
 
 # ThreadSanitizer over the tests of the parts that share threads: the store, the sync engine, the
-# network layer and the services against their mocks.
-TSAN_TESTS := store_tests sync_tests net_tests services_tests
+# network layer, the services against their mocks and the desktop window's controller.
+TSAN_TESTS := store_tests sync_tests net_tests services_tests desktop_tests
 
 build-tsan: deps
 	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DLECTERN_TSAN=ON -DLECTERN_WERROR=ON \
