@@ -245,14 +245,25 @@ TEST_F(DesktopWindowTest, TheMainWindowIsDrawnAndSavedAsAScreenshot) {
   std::fprintf(stderr, "Screenshot: %s\n", file.c_str());
 }
 
-// A feed's site serves a page naming its icon: the sources pane shows it once it is cached.
-class DesktopWindowIconTest : public DesktopWindowTest {
+// A local site with a page naming its icon and its feed: what the window does with the network.
+class DesktopWindowOnlineTest : public DesktopWindowTest {
  protected:
   bool online() const override { return true; }
   void prepare(ObjectContext& context) override {
     server_.Get("/", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content("<html><head><link rel=\"icon\" href=\"/news.png\"></head><body>News</body></html>",
-                           "text/html");
+      response.set_content(
+          "<html><head><link rel=\"icon\" href=\"/news.png\">"
+          "<link rel=\"alternate\" type=\"application/rss+xml\" title=\"Site news\" href=\"/feed.xml\">"
+          "</head><body>News</body></html>",
+          "text/html");
+    });
+    server_.Get("/feed.xml", [this](const httplib::Request&, httplib::Response& response) {
+      const std::string site = "http://127.0.0.1:" + std::to_string(port_) + "/";
+      response.set_content("<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>Site news</title><link>" + site +
+                               "</link><item><title>Launch day</title><link>" + site +
+                               "launch</link><guid>launch</guid><description>&lt;p&gt;We launched.&lt;/p&gt;"
+                               "</description><pubDate>Wed, 25 Nov 2026 10:00:00 GMT</pubDate></item></channel></rss>",
+                           "application/rss+xml");
     });
     server_.Get("/news.png", [](const httplib::Request&, httplib::Response& response) {
       response.set_content(kIcon, "image/png");
@@ -273,7 +284,7 @@ class DesktopWindowIconTest : public DesktopWindowTest {
   std::thread thread_;
 };
 
-TEST_F(DesktopWindowIconTest, AFeedShowsItsSitesIcon) {
+TEST_F(DesktopWindowOnlineTest, AFeedShowsItsSitesIcon) {
   ASSERT_TRUE(pumpUntil([this] {
     GtkListBoxRow* row = sourceRow("News");
     GtkImage* image = row ? firstImage(GTK_WIDGET(row)) : nullptr;
@@ -287,6 +298,32 @@ TEST_F(DesktopWindowIconTest, AFeedShowsItsSitesIcon) {
   GtkImage* fruit = firstImage(GTK_WIDGET(sourceRow("Fruit")));
   ASSERT_NE(fruit, nullptr);
   EXPECT_EQ(gtk_image_get_storage_type(fruit), GTK_IMAGE_ICON_NAME);
+}
+
+TEST_F(DesktopWindowOnlineTest, SubscribingFindsTheFeedPutsItInAFolderAndSyncsIt) {
+  activate("subscribe");
+  ASSERT_NE(window().dialog(), nullptr);
+  GtkWidget* box = adw_message_dialog_get_extra_child(ADW_MESSAGE_DIALOG(window().dialog()));
+  GtkWidget* address = firstEntry(box);
+  ASSERT_NE(address, nullptr);
+  gtk_editable_set_text(GTK_EDITABLE(address), ("http://127.0.0.1:" + std::to_string(port_) + "/").c_str());
+  // The folder chooser offers the account's folders; a new name makes one.
+  GtkWidget* chooser = nullptr;
+  for (GtkWidget* child = gtk_widget_get_first_child(box); child; child = gtk_widget_get_next_sibling(child)) {
+    if (GTK_IS_COMBO_BOX(child)) chooser = child;
+  }
+  ASSERT_NE(chooser, nullptr);
+  gtk_editable_set_text(GTK_EDITABLE(gtk_combo_box_get_child(GTK_COMBO_BOX(chooser))), "Local");
+  adw_message_dialog_response(ADW_MESSAGE_DIALOG(window().dialog()), "ok");
+  // Discovery, the subscription, then a sync of the account bring the feed's article.
+  ASSERT_TRUE(pumpUntil([this] { return sourceRow("Site news") != nullptr && sourceRow("Local") != nullptr; }));
+  ASSERT_TRUE(pumpUntil([this] {
+    return !window().controller().syncing() && window().controller().loading() == 0 &&
+           textOf(GTK_WIDGET(sourceRow("Site news"))).find("1") != std::string::npos;
+  })) << textOf(GTK_WIDGET(sourceRow("Site news")));
+  gtk_list_box_select_row(window().sourcesList(), sourceRow("Site news"));
+  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 1; }));
+  EXPECT_NE(textOf(GTK_WIDGET(rowsOf(window().articlesList())[0])).find("Launch day"), std::string::npos);
 }
 
 }  // namespace

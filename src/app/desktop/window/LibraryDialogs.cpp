@@ -33,7 +33,25 @@ GtkWidget* labelledEntry(GtkWidget* box, const char* label, const std::string& t
   return entry;
 }
 
-std::string entryText(GtkWidget* entry) { return gtk_editable_get_text(GTK_EDITABLE(entry)); }
+std::string entryText(GtkWidget* entry) {
+  if (GTK_IS_COMBO_BOX(entry)) entry = gtk_combo_box_get_child(GTK_COMBO_BOX(entry));
+  return gtk_editable_get_text(GTK_EDITABLE(entry));
+}
+
+// A folder to choose among the account's folders of feeds, or a new name to type.
+GtkWidget* folderChooser(GtkWidget* box, const char* label) {
+  GtkWidget* caption = gtk_label_new(label);
+  gtk_label_set_xalign(GTK_LABEL(caption), 0);
+  gtk_box_append(GTK_BOX(box), caption);
+  GtkWidget* chooser = gtk_combo_box_text_new_with_entry();
+  gtk_box_append(GTK_BOX(box), chooser);
+  return chooser;
+}
+
+void setFolderChoices(GtkWidget* chooser, const std::vector<std::string>& titles) {
+  gtk_combo_box_text_remove_all(GTK_COMBO_BOX_TEXT(chooser));
+  for (const auto& title : titles) gtk_combo_box_text_append_text(GTK_COMBO_BOX_TEXT(chooser), title.c_str());
+}
 
 // Runs `onOk` when the dialog answers "ok", then lets the dialog go.
 void onResponse(GtkWidget* dialog, std::function<void()> onOk) {
@@ -72,7 +90,19 @@ void DesktopWindow::runSubscribe(const std::string& address) {
   gtk_box_append(GTK_BOX(box), caption);
   GtkWidget* account = dropDown(names);
   gtk_box_append(GTK_BOX(box), account);
-  GtkWidget* folder = labelledEntry(box, "Folder (optional; made when missing)", "");
+  GtkWidget* folder = folderChooser(box, "Folder (optional; a new name makes one)");
+  // The folders offered are those of the chosen account.
+  const auto showFolders = [this, accounts, account, folder] {
+    const guint index = gtk_drop_down_get_selected(GTK_DROP_DOWN(account));
+    setFolderChoices(folder, index < accounts.size() ? controller_->feedFolderTitles(accounts[index].id)
+                                                     : std::vector<std::string>{});
+  };
+  showFolders();
+  auto* held = new std::function<void()>(showFolders);
+  g_signal_connect_data(
+      account, "notify::selected",
+      G_CALLBACK(+[](GObject*, GParamSpec*, gpointer data) { (*static_cast<std::function<void()>*>(data))(); }), held,
+      +[](gpointer data, GClosure*) { delete static_cast<std::function<void()>*>(data); }, GConnectFlags{});
   GtkWidget* dialog = messageDialog(window(), "Subscribe", "Lectern finds the feeds a page offers.", "Subscribe",
                                     ADW_RESPONSE_SUGGESTED, box);
   onResponse(dialog, [this, url, account, folder, accounts] {
@@ -159,17 +189,8 @@ void DesktopWindow::runMoveFeed() {
   if (node == nullptr || node->key.kind != SourceKind::kFeed) return;
   const std::int64_t feed = node->key.id;
   GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 6);
-  auto folders = controller_->feedFolderTitles(node->account);
-  std::string hint = "Empty: no folder.";
-  if (!folders.empty()) {
-    hint += " Folders: ";
-    for (size_t i = 0; i < folders.size(); ++i) hint += (i ? ", " : "") + folders[i];
-  }
-  GtkWidget* entry = labelledEntry(box, "Folder", "");
-  GtkWidget* note = gtk_label_new(hint.c_str());
-  gtk_label_set_wrap(GTK_LABEL(note), TRUE);
-  gtk_widget_add_css_class(note, "dim-label");
-  gtk_box_append(GTK_BOX(box), note);
+  GtkWidget* entry = folderChooser(box, "Folder (empty: no folder; a new name makes one)");
+  setFolderChoices(entry, controller_->feedFolderTitles(node->account));
   GtkWidget* dialog = messageDialog(window(), fmt::format("Move {}", node->title), "", "Move", ADW_RESPONSE_SUGGESTED, box);
   onResponse(dialog, [this, feed, entry] {
     const std::string folder = entryText(entry);
