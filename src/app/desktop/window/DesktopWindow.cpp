@@ -565,6 +565,7 @@ void DesktopWindow::fillArticleRow(GtkWidget* row, const ArticleRow& article) {
 }
 
 void DesktopWindow::articlesChanged() {
+  const auto started = std::chrono::steady_clock::now();
   g_signal_handler_block(articles_, articleHandler_);
   clearList(articles_);
   articleRows_.clear();
@@ -584,6 +585,8 @@ void DesktopWindow::articlesChanged() {
   g_signal_handler_unblock(articles_, articleHandler_);
   gtk_label_set_text(GTK_LABEL(listSummary_), list.summary().c_str());
   updateActions();
+  logDebugMessage(kLogCategory, "Article list shown: {} rows in {} ms", list.rows().size(),
+           std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count());
 }
 
 void DesktopWindow::articleRowChanged(std::int64_t id) {
