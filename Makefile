@@ -72,8 +72,9 @@ install: desktop-deps
 	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) > /dev/null
 	@cmake --build build --target lectern lectern-desktop -j $(JOBS)
 	cmake --install build
-	-update-desktop-database $(PREFIX)/share/applications 2>/dev/null
-	-xdg-mime default com.quillhq.Lectern.desktop x-scheme-handler/feed x-scheme-handler/feeds 2>/dev/null
+	@if command -v update-desktop-database > /dev/null; then update-desktop-database $(PREFIX)/share/applications; fi
+	@if command -v xdg-mime > /dev/null; then \
+	  xdg-mime default com.quillhq.Lectern.desktop x-scheme-handler/feed x-scheme-handler/feeds 2> /dev/null || true; fi
 
 build-test: desktop-deps
 	@cmake -S . -B build-test -DCMAKE_BUILD_TYPE=Debug -DLECTERN_SANITIZE=ON -DLECTERN_WERROR=ON \

@@ -162,8 +162,11 @@ TEST_F(DesktopWindowTest, ReadsAFeedWithTheKeyboardAndEveryChangeReachesTheLibra
   ASSERT_NE(sourceRow("Food"), nullptr);
 
   gtk_list_box_select_row(window().sourcesList(), sourceRow("Fruit"));
-  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 2; }));
-  EXPECT_NE(textOf(GTK_WIDGET(rowsOf(window().articlesList())[0])).find("Apple harvest"), std::string::npos);
+  ASSERT_TRUE(pumpUntil([this] { return window().articleIds().size() == 2; }));
+  EXPECT_EQ(window().articleIds(), (std::vector<std::int64_t>{library_.apple, library_.pear}));
+  ASSERT_TRUE(pumpUntil([this] { return window().articleRowWidget(library_.apple) != nullptr; }));
+  EXPECT_NE(textOf(window().articleRowWidget(library_.apple)).find("Apple harvest"), std::string::npos);
+  EXPECT_NE(textOf(GTK_WIDGET(window().articlesList())).find("Today"), std::string::npos);
 
   // j opens the first article in the web view and marks it read.
   EXPECT_TRUE(window().handleKey(GDK_KEY_j, GdkModifierType{}));
@@ -178,7 +181,7 @@ TEST_F(DesktopWindowTest, ReadsAFeedWithTheKeyboardAndEveryChangeReachesTheLibra
   ASSERT_TRUE(idle());
   EXPECT_TRUE(stored(library_.apple)->is_favorited());
   EXPECT_FALSE(stored(library_.apple)->is_archived());
-  const char* tooltip = gtk_widget_get_tooltip_text(GTK_WIDGET(rowsOf(window().articlesList())[0]));
+  const char* tooltip = gtk_widget_get_tooltip_text(window().articleRowWidget(library_.apple));
   ASSERT_NE(tooltip, nullptr);
   EXPECT_STREQ(tooltip, "Unread: Apple harvest (starred)");
 
@@ -200,14 +203,14 @@ TEST_F(DesktopWindowTest, ReadsAFeedWithTheKeyboardAndEveryChangeReachesTheLibra
   gtk_widget_grab_focus(GTK_WIDGET(window().articlesList()));
   EXPECT_TRUE(window().handleKey(GDK_KEY_Delete, GdkModifierType{}));
   ASSERT_TRUE(idle());
-  EXPECT_EQ(rowsOf(window().articlesList()).size(), 1u);
+  EXPECT_EQ(window().articleIds().size(), 1u);
   EXPECT_FALSE(Bookmark::bookmarkWithLocalId(context(), library_.pear).value_or(nullptr));
 }
 
 TEST_F(DesktopWindowTest, ASearchIsSavedAsASmartFolder) {
   gtk_editable_set_text(window().searchEntry(), "apple OR votes");
   g_signal_emit_by_name(window().searchEntry(), "activate");
-  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 2 && window().controller().loading() == 0; }));
+  ASSERT_TRUE(pumpUntil([this] { return window().articleIds().size() == 2 && window().controller().loading() == 0; }));
 
   activate("save-search");
   ASSERT_NE(window().dialog(), nullptr);
@@ -219,7 +222,7 @@ TEST_F(DesktopWindowTest, ASearchIsSavedAsASmartFolder) {
   ASSERT_TRUE(idle());
   // The new folder is selected and shows what the search found.
   EXPECT_EQ(window().controller().source().kind, SourceKind::kSmartFolder);
-  EXPECT_EQ(rowsOf(window().articlesList()).size(), 2u);
+  EXPECT_EQ(window().articleIds().size(), 2u);
   ObjectContext::FetchRequest request;
   auto folders = context().fetch<SmartFolder>(request);
   ASSERT_TRUE(folders);
@@ -230,7 +233,7 @@ TEST_F(DesktopWindowTest, ASearchIsSavedAsASmartFolder) {
 
 TEST_F(DesktopWindowTest, TheMainWindowIsDrawnAndSavedAsAScreenshot) {
   gtk_list_box_select_row(window().sourcesList(), sourceRow("All articles"));
-  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 3; }));
+  ASSERT_TRUE(pumpUntil([this] { return window().articleIds().size() == 3; }));
   window().controller().openArticle(library_.apple);
   ASSERT_TRUE(pumpUntil([this] { return !window().articleHtml().empty(); }));
   // Give the web view a moment to paint the page.
@@ -322,8 +325,9 @@ TEST_F(DesktopWindowOnlineTest, SubscribingFindsTheFeedPutsItInAFolderAndSyncsIt
            textOf(GTK_WIDGET(sourceRow("Site news"))).find("1") != std::string::npos;
   })) << textOf(GTK_WIDGET(sourceRow("Site news")));
   gtk_list_box_select_row(window().sourcesList(), sourceRow("Site news"));
-  ASSERT_TRUE(pumpUntil([this] { return rowsOf(window().articlesList()).size() == 1; }));
-  EXPECT_NE(textOf(GTK_WIDGET(rowsOf(window().articlesList())[0])).find("Launch day"), std::string::npos);
+  ASSERT_TRUE(pumpUntil([this] { return window().articleIds().size() == 1; }));
+  ASSERT_TRUE(pumpUntil([this] { return window().articleRowWidget(window().articleIds()[0]) != nullptr; }));
+  EXPECT_NE(textOf(window().articleRowWidget(window().articleIds()[0])).find("Launch day"), std::string::npos);
 }
 
 }  // namespace

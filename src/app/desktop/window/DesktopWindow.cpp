@@ -21,7 +21,6 @@ constexpr std::string_view kLogCategory = "DesktopWindow";
 // Row data: which source or article a list row stands for.
 constexpr const char* kSourceKind = "lectern-source-kind";
 constexpr const char* kSourceId = "lectern-source-id";
-constexpr const char* kArticleId = "lectern-article-id";
 
 std::int64_t rowInteger(GtkWidget* row, const char* key) {
   return static_cast<std::int64_t>(reinterpret_cast<intptr_t>(g_object_get_data(G_OBJECT(row), key)));
@@ -104,11 +103,14 @@ DesktopWindow::~DesktopWindow() {
                             readableToggle_, window_}) {
     g_signal_handlers_disconnect_by_data(widget, this);
   }
+  g_signal_handlers_disconnect_by_data(articleSelection_, this);
+  boundRows_.clear();
   gtk_window_destroy(GTK_WINDOW(window_));
   // The controller's completions and the favicons' must not reach a window that is gone.
   controller_.reset();
   favicons_.reset();
   g_object_unref(window_);
+  g_object_unref(articleItems_);
 }
 
 void DesktopWindow::present() { gtk_window_present(GTK_WINDOW(window_)); }
@@ -251,31 +253,19 @@ void DesktopWindow::build(GtkApplication* application) {
   gtk_box_append(GTK_BOX(middle), tools);
   GtkWidget* articlesScroll = gtk_scrolled_window_new();
   gtk_widget_set_vexpand(articlesScroll, TRUE);
-  articles_ = GTK_LIST_BOX(gtk_list_box_new());
-  gtk_list_box_set_header_func(
-      articles_,
-      +[](GtkListBoxRow* row, GtkListBoxRow* before, gpointer self) {
-        auto* window = static_cast<DesktopWindow*>(self);
-        const int index = gtk_list_box_row_get_index(row);
-        if (index < 0 || static_cast<size_t>(index) >= window->rowSections_.size()) return;
-        const std::string& title = window->rowSections_[static_cast<size_t>(index)];
-        const bool first = before == nullptr ||
-                           window->rowSections_[static_cast<size_t>(gtk_list_box_row_get_index(before))] != title;
-        if (!first) {
-          gtk_list_box_row_set_header(row, nullptr);
-          return;
-        }
-        GtkWidget* label = gtk_label_new(title.c_str());
-        gtk_label_set_xalign(GTK_LABEL(label), 0);
-        gtk_widget_add_css_class(label, "heading");
-        gtk_widget_set_margin_start(label, 12);
-        gtk_widget_set_margin_top(label, 8);
-        gtk_widget_set_margin_bottom(label, 4);
-        gtk_list_box_row_set_header(row, label);
-      },
-      this, nullptr);
+  // A recycling list: only the rows on screen are widgets, so a list of thousands shows at once.
+  // Its items are keys: "s<title>" for a date heading, "a<id>" for an article.
+  articleItems_ = gtk_string_list_new(nullptr);
+  articleSelection_ = gtk_single_selection_new(G_LIST_MODEL(g_object_ref(articleItems_)));
+  gtk_single_selection_set_autoselect(articleSelection_, FALSE);
+  gtk_single_selection_set_can_unselect(articleSelection_, TRUE);
+  GtkListItemFactory* factory = gtk_signal_list_item_factory_new();
+  g_signal_connect(factory, "setup", G_CALLBACK(onArticleSetup), this);
+  g_signal_connect(factory, "bind", G_CALLBACK(onArticleBind), this);
+  g_signal_connect(factory, "unbind", G_CALLBACK(onArticleUnbind), this);
+  articles_ = GTK_LIST_VIEW(gtk_list_view_new(GTK_SELECTION_MODEL(articleSelection_), factory));
   gtk_scrolled_window_set_child(GTK_SCROLLED_WINDOW(articlesScroll), GTK_WIDGET(articles_));
-  articleHandler_ = g_signal_connect(articles_, "row-selected", G_CALLBACK(onArticleSelected), this);
+  articleHandler_ = g_signal_connect(articleSelection_, "notify::selected", G_CALLBACK(onArticleSelected), this);
   gtk_box_append(GTK_BOX(middle), articlesScroll);
   listSummary_ = dimLabel("");
   gtk_widget_set_margin_top(listSummary_, 4);
@@ -284,11 +274,9 @@ void DesktopWindow::build(GtkApplication* application) {
   gtk_widget_set_size_request(middle, 320, -1);
 
   articleStack_ = gtk_stack_new();
-  GtkWidget* empty = adw_status_page_new();
-  adw_status_page_set_icon_name(ADW_STATUS_PAGE(empty), "x-office-document-symbolic");
-  adw_status_page_set_title(ADW_STATUS_PAGE(empty), "No Article Selected");
-  adw_status_page_set_description(ADW_STATUS_PAGE(empty), "J and K move through the list, Space pages and moves on");
-  gtk_stack_add_named(GTK_STACK(articleStack_), empty, "empty");
+  emptyPage_ = adw_status_page_new();
+  adw_status_page_set_icon_name(ADW_STATUS_PAGE(emptyPage_), "x-office-document-symbolic");
+  gtk_stack_add_named(GTK_STACK(articleStack_), emptyPage_, "empty");
   web_ = WEBKIT_WEB_VIEW(webkit_web_view_new());
   WebKitSettings* settings = webkit_web_view_get_settings(web_);
   // The article's own scripts are refused by the page's policy; these keep the view a reader.
@@ -499,6 +487,7 @@ GtkWidget* DesktopWindow::sourceRow(const SourceNode& node, int depth) {
 }
 
 void DesktopWindow::sourcesChanged() {
+  if (!controller_->article()) renderArticle();
   g_signal_handler_block(sources_, sourceHandler_);
   clearList(sources_);
   GtkWidget* selected = nullptr;
@@ -524,41 +513,92 @@ void DesktopWindow::onSourceSelected(GtkListBox*, GtkListBoxRow* row, gpointer s
 
 // ---- the article list ----
 
-GtkWidget* DesktopWindow::articleRow(const ArticleRow& article) {
-  GtkWidget* row = gtk_list_box_row_new();
-  fillArticleRow(row, article);
-  setRowInteger(row, kArticleId, article.id);
-  return row;
-}
+namespace {
 
-void DesktopWindow::fillArticleRow(GtkWidget* row, const ArticleRow& article) {
-  GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 2);
-  gtk_widget_set_margin_start(box, 10);
-  gtk_widget_set_margin_end(box, 10);
-  gtk_widget_set_margin_top(box, 6);
-  gtk_widget_set_margin_bottom(box, 6);
+GtkWidget* part(GtkWidget* row, const char* name) { return GTK_WIDGET(g_object_get_data(G_OBJECT(row), name)); }
+
+}  // namespace
+
+void DesktopWindow::onArticleSetup(GtkSignalListItemFactory*, GtkListItem* item, gpointer) {
+  GtkWidget* row = gtk_box_new(GTK_ORIENTATION_VERTICAL, 2);
+  GtkWidget* heading = gtk_label_new("");
+  gtk_label_set_xalign(GTK_LABEL(heading), 0);
+  gtk_widget_add_css_class(heading, "heading");
+  gtk_widget_set_margin_start(heading, 12);
+  gtk_widget_set_margin_top(heading, 8);
+  gtk_widget_set_margin_bottom(heading, 4);
+  gtk_box_append(GTK_BOX(row), heading);
+  GtkWidget* body = gtk_box_new(GTK_ORIENTATION_VERTICAL, 2);
+  gtk_widget_set_margin_start(body, 10);
+  gtk_widget_set_margin_end(body, 10);
+  gtk_widget_set_margin_top(body, 6);
+  gtk_widget_set_margin_bottom(body, 6);
   GtkWidget* top = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 6);
-  GtkWidget* mark = gtk_label_new(article.unread ? "●" : "");
+  GtkWidget* mark = gtk_label_new("");
   gtk_widget_add_css_class(mark, "accent");
   gtk_widget_set_size_request(mark, 10, -1);
   gtk_box_append(GTK_BOX(top), mark);
-  GtkWidget* title = gtk_label_new(article.title.empty() ? "(untitled)" : article.title.c_str());
+  GtkWidget* title = gtk_label_new("");
   gtk_label_set_xalign(GTK_LABEL(title), 0);
   gtk_label_set_ellipsize(GTK_LABEL(title), PANGO_ELLIPSIZE_END);
   gtk_label_set_lines(GTK_LABEL(title), 2);
   gtk_label_set_wrap(GTK_LABEL(title), TRUE);
   gtk_widget_set_hexpand(title, TRUE);
-  if (article.unread) gtk_widget_add_css_class(title, "heading");
   gtk_box_append(GTK_BOX(top), title);
-  if (article.starred) gtk_box_append(GTK_BOX(top), gtk_image_new_from_icon_name("starred-symbolic"));
-  gtk_box_append(GTK_BOX(box), top);
-  GtkWidget* meta = dimLabel(fmt::format("{} · {}", article.feed, relativeDate(article.date)));
+  GtkWidget* star = gtk_label_new("★");
+  gtk_box_append(GTK_BOX(top), star);
+  gtk_box_append(GTK_BOX(body), top);
+  GtkWidget* meta = dimLabel("");
   gtk_label_set_xalign(GTK_LABEL(meta), 0);
   gtk_label_set_ellipsize(GTK_LABEL(meta), PANGO_ELLIPSIZE_END);
   gtk_widget_set_margin_start(meta, 16);
   gtk_widget_add_css_class(meta, "caption");
-  gtk_box_append(GTK_BOX(box), meta);
-  gtk_list_box_row_set_child(GTK_LIST_BOX_ROW(row), box);
+  gtk_box_append(GTK_BOX(body), meta);
+  gtk_box_append(GTK_BOX(row), body);
+  g_object_set_data(G_OBJECT(row), "heading", heading);
+  g_object_set_data(G_OBJECT(row), "body", body);
+  g_object_set_data(G_OBJECT(row), "mark", mark);
+  g_object_set_data(G_OBJECT(row), "title", title);
+  g_object_set_data(G_OBJECT(row), "star", star);
+  g_object_set_data(G_OBJECT(row), "meta", meta);
+  gtk_list_item_set_child(item, row);
+}
+
+void DesktopWindow::onArticleBind(GtkSignalListItemFactory*, GtkListItem* item, gpointer self) {
+  auto* window = static_cast<DesktopWindow*>(self);
+  GtkWidget* row = gtk_list_item_get_child(item);
+  const std::string key = gtk_string_object_get_string(GTK_STRING_OBJECT(gtk_list_item_get_item(item)));
+  const bool heading = !key.empty() && key[0] == 's';
+  gtk_list_item_set_selectable(item, !heading);
+  gtk_list_item_set_activatable(item, !heading);
+  gtk_widget_set_visible(part(row, "heading"), heading);
+  gtk_widget_set_visible(part(row, "body"), !heading);
+  if (heading) {
+    gtk_label_set_text(GTK_LABEL(part(row, "heading")), key.c_str() + 1);
+    return;
+  }
+  const std::int64_t id = std::strtoll(key.c_str() + 1, nullptr, 10);
+  window->boundRows_[id] = row;
+  if (const ArticleRow* article = window->controller_->articles().row(id)) fillArticleRow(row, *article);
+}
+
+void DesktopWindow::onArticleUnbind(GtkSignalListItemFactory*, GtkListItem* item, gpointer self) {
+  auto* window = static_cast<DesktopWindow*>(self);
+  GtkWidget* row = gtk_list_item_get_child(item);
+  std::erase_if(window->boundRows_, [row](const auto& entry) { return entry.second == row; });
+}
+
+void DesktopWindow::fillArticleRow(GtkWidget* row, const ArticleRow& article) {
+  gtk_label_set_text(GTK_LABEL(part(row, "mark")), article.unread ? "●" : "");
+  GtkWidget* title = part(row, "title");
+  gtk_label_set_text(GTK_LABEL(title), article.title.empty() ? "(untitled)" : article.title.c_str());
+  if (article.unread) {
+    gtk_widget_add_css_class(title, "heading");
+  } else {
+    gtk_widget_remove_css_class(title, "heading");
+  }
+  gtk_widget_set_visible(part(row, "star"), article.starred);
+  gtk_label_set_text(GTK_LABEL(part(row, "meta")), fmt::format("{} · {}", article.feed, relativeDate(article.date)).c_str());
   const std::string accessible = fmt::format("{}{}{}", article.unread ? "Unread: " : "", article.title,
                                              article.starred ? " (starred)" : "");
   gtk_widget_set_tooltip_text(row, accessible.c_str());
@@ -566,58 +606,82 @@ void DesktopWindow::fillArticleRow(GtkWidget* row, const ArticleRow& article) {
 
 void DesktopWindow::articlesChanged() {
   const auto started = std::chrono::steady_clock::now();
-  g_signal_handler_block(articles_, articleHandler_);
-  clearList(articles_);
-  articleRows_.clear();
   const ArticleList& list = controller_->articles();
-  rowSections_.assign(list.rows().size(), std::string());
+  std::vector<std::string> keys;
+  keys.reserve(list.rows().size() + 16);
+  articlePositions_.clear();
   for (const auto& section : list.sections(environment_.clock().now())) {
-    for (size_t i = section.first; i < section.first + section.count; ++i) rowSections_[i] = section.title;
+    keys.push_back("s" + section.title);
+    for (size_t i = section.first; i < section.first + section.count; ++i) {
+      articlePositions_[list.rows()[i].id] = static_cast<guint>(keys.size());
+      keys.push_back("a" + std::to_string(list.rows()[i].id));
+    }
   }
-  for (const auto& article : list.rows()) {
-    GtkWidget* row = articleRow(article);
-    gtk_list_box_append(articles_, row);
-    articleRows_[article.id] = row;
-  }
-  if (const ArticleRow* selected = list.selected()) {
-    gtk_list_box_select_row(articles_, GTK_LIST_BOX_ROW(articleRows_[selected->id]));
-  }
-  g_signal_handler_unblock(articles_, articleHandler_);
+  std::vector<const char*> strings;
+  strings.reserve(keys.size() + 1);
+  for (const auto& key : keys) strings.push_back(key.c_str());
+  strings.push_back(nullptr);
+  g_signal_handler_block(articleSelection_, articleHandler_);
+  gtk_string_list_splice(articleItems_, 0, g_list_model_get_n_items(G_LIST_MODEL(articleItems_)), strings.data());
+  showSelectedArticle();
+  g_signal_handler_unblock(articleSelection_, articleHandler_);
   gtk_label_set_text(GTK_LABEL(listSummary_), list.summary().c_str());
   updateActions();
   logDebugMessage(kLogCategory, "Article list shown: {} rows in {} ms", list.rows().size(),
-           std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count());
+                  std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count());
+}
+
+void DesktopWindow::showSelectedArticle() {
+  const ArticleRow* selected = controller_->articles().selected();
+  auto found = selected ? articlePositions_.find(selected->id) : articlePositions_.end();
+  const guint position = found == articlePositions_.end() ? GTK_INVALID_LIST_POSITION : found->second;
+  if (gtk_single_selection_get_selected(articleSelection_) != position) {
+    g_signal_handler_block(articleSelection_, articleHandler_);
+    gtk_single_selection_set_selected(articleSelection_, position);
+    g_signal_handler_unblock(articleSelection_, articleHandler_);
+  }
+  if (position != GTK_INVALID_LIST_POSITION) {
+    gtk_widget_activate_action(GTK_WIDGET(articles_), "list.scroll-to-item", "u", position);
+  }
 }
 
 void DesktopWindow::articleRowChanged(std::int64_t id) {
-  auto found = articleRows_.find(id);
+  auto found = boundRows_.find(id);
   const ArticleRow* article = controller_->articles().row(id);
-  if (found == articleRows_.end() || article == nullptr) return;
-  fillArticleRow(found->second, *article);
+  if (found != boundRows_.end() && article != nullptr) fillArticleRow(found->second, *article);
   gtk_label_set_text(GTK_LABEL(listSummary_), controller_->articles().summary().c_str());
   updateActions();
 }
 
-void DesktopWindow::onArticleSelected(GtkListBox*, GtkListBoxRow* row, gpointer self) {
-  if (row == nullptr) return;
+std::vector<std::int64_t> DesktopWindow::articleIds() const {
+  std::vector<std::int64_t> ids;
+  const guint count = g_list_model_get_n_items(G_LIST_MODEL(articleItems_));
+  for (guint i = 0; i < count; ++i) {
+    const char* key = gtk_string_list_get_string(articleItems_, i);
+    if (key != nullptr && key[0] == 'a') ids.push_back(std::strtoll(key + 1, nullptr, 10));
+  }
+  return ids;
+}
+
+GtkWidget* DesktopWindow::articleRowWidget(std::int64_t id) const {
+  auto found = boundRows_.find(id);
+  return found == boundRows_.end() ? nullptr : found->second;
+}
+
+void DesktopWindow::onArticleSelected(GObject*, GParamSpec*, gpointer self) {
   auto* window = static_cast<DesktopWindow*>(self);
-  window->controller_->openArticle(rowInteger(GTK_WIDGET(row), kArticleId));
+  const guint position = gtk_single_selection_get_selected(window->articleSelection_);
+  if (position == GTK_INVALID_LIST_POSITION) return;
+  const char* key = gtk_string_list_get_string(window->articleItems_, position);
+  if (key == nullptr || key[0] != 'a') return;
+  window->controller_->openArticle(std::strtoll(key + 1, nullptr, 10));
   window->updateActions();
 }
 
 // ---- the article ----
 
 void DesktopWindow::articleChanged() {
-  const ArticleList& list = controller_->articles();
-  if (const ArticleRow* selected = list.selected()) {
-    auto found = articleRows_.find(selected->id);
-    if (found != articleRows_.end() && gtk_list_box_get_selected_row(articles_) != GTK_LIST_BOX_ROW(found->second)) {
-      g_signal_handler_block(articles_, articleHandler_);
-      gtk_list_box_select_row(articles_, GTK_LIST_BOX_ROW(found->second));
-      g_signal_handler_unblock(articles_, articleHandler_);
-    }
-    if (found != articleRows_.end()) gtk_widget_grab_focus(found->second);
-  }
+  showSelectedArticle();
   g_signal_handler_block(readableToggle_, readableHandler_);
   gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(readableToggle_), controller_->readableView());
   g_signal_handler_unblock(readableToggle_, readableHandler_);
@@ -629,6 +693,15 @@ void DesktopWindow::renderArticle() {
   const auto& article = controller_->article();
   if (!article) {
     articleHtml_.clear();
+    // A library with nothing to read yet says how to begin.
+    const bool welcome = !controller_->enabledActions().syncAll && controller_->articles().rows().empty() &&
+                         !controller_->syncing();
+    adw_status_page_set_title(ADW_STATUS_PAGE(emptyPage_), welcome ? "Welcome to Lectern" : "No Article Selected");
+    adw_status_page_set_description(
+        ADW_STATUS_PAGE(emptyPage_),
+        welcome ? "Subscribe to a site with Ctrl+N, import your subscriptions with Ctrl+O, or add an account "
+                  "from the menu."
+                : "J and K move through the list, Space pages and moves on");
     gtk_stack_set_visible_child_name(GTK_STACK(articleStack_), "empty");
     return;
   }

@@ -45,7 +45,10 @@ class DesktopWindow final : public DesktopController::View {
 
   // For tests: the widgets that show the models.
   GtkListBox* sourcesList() const { return sources_; }
-  GtkListBox* articlesList() const { return articles_; }
+  GtkListView* articlesList() const { return articles_; }
+  // The articles the list holds, in order, and the widget showing one (while it is on screen).
+  std::vector<std::int64_t> articleIds() const;
+  GtkWidget* articleRowWidget(std::int64_t id) const;
   GtkEditable* searchEntry() const { return GTK_EDITABLE(search_); }
   WebKitWebView* webView() const { return web_; }
   const std::string& statusText() const;
@@ -67,8 +70,9 @@ class DesktopWindow final : public DesktopController::View {
   void build(GtkApplication* application);
   void addActions();
   GtkWidget* sourceRow(const SourceNode& node, int depth);
-  GtkWidget* articleRow(const ArticleRow& row);
-  void fillArticleRow(GtkWidget* row, const ArticleRow& article);
+  static void fillArticleRow(GtkWidget* row, const ArticleRow& article);
+  // Selects (and scrolls to) the controller's selected article.
+  void showSelectedArticle();
   void updateActions();
   void renderArticle();
   void pageDownOrNext();
@@ -95,7 +99,10 @@ class DesktopWindow final : public DesktopController::View {
   void runAddAccount();
 
   static void onSourceSelected(GtkListBox* box, GtkListBoxRow* row, gpointer self);
-  static void onArticleSelected(GtkListBox* box, GtkListBoxRow* row, gpointer self);
+  static void onArticleSelected(GObject* selection, GParamSpec*, gpointer self);
+  static void onArticleSetup(GtkSignalListItemFactory* factory, GtkListItem* item, gpointer self);
+  static void onArticleBind(GtkSignalListItemFactory* factory, GtkListItem* item, gpointer self);
+  static void onArticleUnbind(GtkSignalListItemFactory* factory, GtkListItem* item, gpointer self);
   static gboolean onKeyPressed(GtkEventControllerKey* controller, guint keyval, guint keycode, GdkModifierType state,
                                gpointer self);
   static gboolean onDecidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type,
@@ -109,11 +116,14 @@ class DesktopWindow final : public DesktopController::View {
   GtkWidget* window_ = nullptr;
   AdwToastOverlay* toasts_ = nullptr;
   GtkListBox* sources_ = nullptr;
-  GtkListBox* articles_ = nullptr;
+  GtkListView* articles_ = nullptr;
+  GtkStringList* articleItems_ = nullptr;       // one key per row (held)
+  GtkSingleSelection* articleSelection_ = nullptr;
   GtkWidget* search_ = nullptr;
   GtkWidget* filter_ = nullptr;
   GtkWidget* listSummary_ = nullptr;
   GtkWidget* articleStack_ = nullptr;
+  GtkWidget* emptyPage_ = nullptr;
   WebKitWebView* web_ = nullptr;
   GtkWidget* status_ = nullptr;
   GtkWidget* spinner_ = nullptr;
@@ -123,8 +133,8 @@ class DesktopWindow final : public DesktopController::View {
   gulong sourceHandler_ = 0;
   gulong articleHandler_ = 0;
   gulong readableHandler_ = 0;
-  std::map<std::int64_t, GtkWidget*> articleRows_;  // by article id
-  std::vector<std::string> rowSections_;             // the section title of each article row
+  std::map<std::int64_t, guint> articlePositions_;  // by article id
+  std::map<std::int64_t, GtkWidget*> boundRows_;     // the rows on screen, by article id
   std::string articleHtml_;
   std::string shownError_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
