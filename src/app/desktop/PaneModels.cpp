@@ -114,13 +114,25 @@ void ArticleList::remove(std::int64_t id) {
 
 std::vector<ArticleSection> ArticleList::sections(Date now, std::string_view timeZone) const {
   std::vector<ArticleSection> out;
-  std::optional<Date> day;
+  // The current section's day as [start, end): rows newest first mostly stay inside it, so the
+  // calendar is asked twice per section rather than once per row.
+  std::optional<std::pair<Date, Date>> day;
+  bool undated = false;
   for (size_t i = 0; i < rows_.size(); ++i) {
     const auto& date = rows_[i].date;
-    const Date thisDay = date ? sectionDate(*date, timeZone) : Date{};
-    if (out.empty() || !day || thisDay != *day) {
-      out.push_back(ArticleSection{date ? sectionTitle(*date, now, timeZone) : std::string("Undated"), i, 0});
-      day = thisDay;
+    const bool same = date ? day && *date >= day->first && *date < day->second : undated && !out.empty();
+    if (!same) {
+      if (date) {
+        const Date start = sectionDate(*date, timeZone);
+        // 26 hours after midnight is always in the next day, whatever the clock change.
+        day = std::pair(start, sectionDate(start + std::chrono::hours(26), timeZone));
+        undated = false;
+        out.push_back(ArticleSection{sectionTitle(start, now, timeZone), i, 0});
+      } else {
+        day.reset();
+        undated = true;
+        out.push_back(ArticleSection{"Undated", i, 0});
+      }
     }
     ++out.back().count;
   }
