@@ -89,17 +89,21 @@ ObjectContext& DesktopController::context() const {
 }
 
 template <class T>
-void DesktopController::runRead(std::function<Result<T>(ObjectContext&)> read, std::function<void(Result<T>)> done) {
+void DesktopController::runRead(const char* what, std::function<Result<T>(ObjectContext&)> read,
+                                std::function<void(Result<T>)> done) {
   ++loading_;
   std::weak_ptr<bool> alive = alive_;
   QKDataManager* manager = *environment_.dataManager();
   MainQueue& mainQueue = environment_.mainQueue();
-  reads_.addOperation([this, alive, manager, &mainQueue, read = std::move(read), done = std::move(done)]() mutable {
+  reads_.addOperation([this, alive, manager, &mainQueue, what, read = std::move(read), done = std::move(done)]() mutable {
+    const auto started = std::chrono::steady_clock::now();
     auto answer = [&]() -> Result<T> {
       auto context = manager->newBackgroundContext();
       if (!context) return lectern::fail(context.error());
       return read(**context);
     }();
+    logDebugMessage(kLogCategory, "Read {} in {} ms", what,
+                    std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count());
     mainQueue.post([this, alive, answer = std::move(answer), done = std::move(done)]() mutable {
       if (!alive.lock() || !*alive.lock()) return;
       --loading_;
@@ -113,7 +117,7 @@ void DesktopController::runRead(std::function<Result<T>(ObjectContext&)> read, s
 void DesktopController::reloadSources() {
   const Clock& clock = environment_.clock();
   UserDefaults& defaults = environment_.defaults();
-  runRead<SourceTree>([&clock, &defaults](ObjectContext& context) { return loadSourceTree(context, clock, defaults); },
+  runRead<SourceTree>("the sources", [&clock, &defaults](ObjectContext& context) { return loadSourceTree(context, clock, defaults); },
                       [this](Result<SourceTree> tree) {
                         if (!tree) return fail(tree.error());
                         sources_ = std::move(*tree);
@@ -157,7 +161,7 @@ void DesktopController::loadArticles(bool replace) {
   }
   const Clock& clock = environment_.clock();
   runRead<ArticlePageOfRows>(
-      [query, &clock](ObjectContext& context) {
+      "the article list", [query, &clock](ObjectContext& context) {
         // New stories wait for the search index after a sync; a search catches them up first so
         // it answers from the index.
         if (!query.search.empty()) {
@@ -220,7 +224,7 @@ bool DesktopController::openNextUnread() {
 
 void DesktopController::loadArticle(std::int64_t id) {
   const std::uint64_t generation = ++articleGeneration_;
-  runRead<StoredArticle>([id](ObjectContext& context) { return lectern::desktop::loadArticle(context, id); },
+  runRead<StoredArticle>("an article", [id](ObjectContext& context) { return lectern::desktop::loadArticle(context, id); },
                          [this, generation](Result<StoredArticle> article) {
                            if (generation != articleGeneration_) return;
                            if (!article) return fail(article.error());

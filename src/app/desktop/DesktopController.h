@@ -150,7 +150,7 @@ class DesktopController final : private SyncPassObserver, private SyncAppControl
   void fail(const Error& error);
   ObjectContext& context() const;
   template <class T>
-  void runRead(std::function<Result<T>(ObjectContext&)> read, std::function<void(Result<T>)> done);
+  void runRead(const char* what, std::function<Result<T>(ObjectContext&)> read, std::function<void(Result<T>)> done);
 
   // SyncPassObserver
   void accountSyncStarted(Account& account) override;

@@ -487,6 +487,7 @@ GtkWidget* DesktopWindow::sourceRow(const SourceNode& node, int depth) {
 }
 
 void DesktopWindow::sourcesChanged() {
+  const auto started = std::chrono::steady_clock::now();
   if (!controller_->article()) renderArticle();
   g_signal_handler_block(sources_, sourceHandler_);
   clearList(sources_);
@@ -501,6 +502,8 @@ void DesktopWindow::sourcesChanged() {
   if (selected != nullptr) gtk_list_box_select_row(sources_, GTK_LIST_BOX_ROW(selected));
   g_signal_handler_unblock(sources_, sourceHandler_);
   updateActions();
+  logDebugMessage(kLogCategory, "Sources shown in {} ms",
+                  std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count());
 }
 
 void DesktopWindow::onSourceSelected(GtkListBox*, GtkListBoxRow* row, gpointer self) {
