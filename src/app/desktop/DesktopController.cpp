@@ -272,12 +272,20 @@ void DesktopController::setReadableView(bool on) {
 
 // ---- changes ----
 
-void DesktopController::markSelected(bool read) {
+Result<std::shared_ptr<Bookmark>> DesktopController::selectedBookmark() const {
   const ArticleRow* row = list_.selected();
-  if (!row) return;
-  const std::int64_t id = row->id;
-  auto bookmark = Bookmark::bookmarkWithLocalId(context(), id);
-  if (!bookmark || !*bookmark) return fail(bookmark ? libraryError("The article is no longer in the library") : bookmark.error());
+  if (!row) return lectern::fail(libraryError("No article is selected"));
+  auto bookmark = Bookmark::bookmarkWithLocalId(context(), row->id);
+  if (!bookmark) return lectern::fail(bookmark.error());
+  if (!*bookmark) return lectern::fail(libraryError("The article is no longer in the library", "A sync may have removed it."));
+  return *bookmark;
+}
+
+void DesktopController::markSelected(bool read) {
+  if (!list_.selected()) return;
+  const std::int64_t id = list_.selected()->id;
+  auto bookmark = selectedBookmark();
+  if (!bookmark) return fail(bookmark.error());
   auto account = (*bookmark)->account();
   if (!account || !*account) return fail(account ? libraryError("The article belongs to no account") : account.error());
   list_.setUnread(id, !read);
@@ -306,8 +314,8 @@ void DesktopController::toggleStar() {
   if (!row) return;
   const std::int64_t id = row->id;
   const bool starred = !row->starred;
-  auto bookmark = Bookmark::bookmarkWithLocalId(context(), id);
-  if (!bookmark || !*bookmark) return fail(bookmark ? libraryError("The article is no longer in the library") : bookmark.error());
+  auto bookmark = selectedBookmark();
+  if (!bookmark) return fail(bookmark.error());
   list_.setStarred(id, starred);
   if (article_ && article_->row.id == id) article_->row.starred = starred;
   view_.articleRowChanged(id);
@@ -327,8 +335,8 @@ void DesktopController::deleteSelected() {
   const ArticleRow* row = list_.selected();
   if (!row) return;
   const std::int64_t id = row->id;
-  auto bookmark = Bookmark::bookmarkWithLocalId(context(), id);
-  if (!bookmark || !*bookmark) return fail(bookmark ? libraryError("The article is no longer in the library") : bookmark.error());
+  auto bookmark = selectedBookmark();
+  if (!bookmark) return fail(bookmark.error());
   auto account = (*bookmark)->account();
   const auto bookmarkId = (*bookmark)->bookmark_id();
   if (!account || !*account || !bookmarkId) return fail(libraryError("The article has no identifier at its service"));

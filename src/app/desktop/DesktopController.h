@@ -19,6 +19,7 @@
 
 namespace lectern {
 class AppEnvironment;
+class Bookmark;
 class QKApplicationController;
 class QKContentParserAsync;
 }  // namespace lectern
@@ -146,6 +147,8 @@ class DesktopController final : private SyncPassObserver, private SyncAppControl
   void loadArticles(bool replace);
   void loadArticle(std::int64_t id);
   void markSelected(bool read);
+  // The selected article in the main context, or why there is none.
+  Result<std::shared_ptr<Bookmark>> selectedBookmark() const;
   void setStatus(std::string text);
   void fail(const Error& error);
   ObjectContext& context() const;

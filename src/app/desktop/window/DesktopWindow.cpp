@@ -160,41 +160,45 @@ void DesktopWindow::build(GtkApplication* application) {
   gtk_widget_set_tooltip_text(offline_, "Changes are kept and sent when the network is back");
   adw_header_bar_pack_start(ADW_HEADER_BAR(header), offline_);
 
+  struct MenuEntry {
+    const char* label;
+    const char* action;
+  };
+  static const std::vector<std::vector<MenuEntry>> kMenu = {
+      {{"Sync Selected Account", "win.sync-account"},
+       {"Subscribe…", "win.subscribe"},
+       {"Unsubscribe", "win.unsubscribe"},
+       {"Move Feed…", "win.move-feed"},
+       {"Rename Folder…", "win.rename-folder"}},
+      {{"New Smart Folder…", "win.new-smart-folder"},
+       {"Edit Smart Folder…", "win.edit-smart-folder"},
+       {"Remove Smart Folder", "win.remove-smart-folder"},
+       {"Save Search as Smart Folder…", "win.save-search"}},
+      {{"Mark Read or Unread", "win.toggle-read"},
+       {"Star or Unstar", "win.toggle-star"},
+       {"Delete", "win.delete"},
+       {"Open in Browser", "win.open-browser"},
+       {"Copy Link", "win.copy-link"},
+       {"Send by E-mail", "win.email"},
+       {"Send to Read Later…", "win.send-to"}},
+      {{"Add Account…", "win.add-account"},
+       {"Remove Account", "win.remove-account"},
+       {"Import OPML…", "win.import-opml"},
+       {"Export OPML…", "win.export-opml"},
+       {"Preferences", "win.preferences"}},
+  };
   GMenu* menu = g_menu_new();
-  GMenu* library = g_menu_new();
-  g_menu_append(library, "Sync Selected Account", "win.sync-account");
-  g_menu_append(library, "Subscribe…", "win.subscribe");
-  g_menu_append(library, "Unsubscribe", "win.unsubscribe");
-  g_menu_append(library, "Move Feed…", "win.move-feed");
-  g_menu_append(library, "Rename Folder…", "win.rename-folder");
-  g_menu_append_section(menu, nullptr, G_MENU_MODEL(library));
-  GMenu* smart = g_menu_new();
-  g_menu_append(smart, "New Smart Folder…", "win.new-smart-folder");
-  g_menu_append(smart, "Edit Smart Folder…", "win.edit-smart-folder");
-  g_menu_append(smart, "Remove Smart Folder", "win.remove-smart-folder");
-  g_menu_append(smart, "Save Search as Smart Folder…", "win.save-search");
-  g_menu_append_section(menu, nullptr, G_MENU_MODEL(smart));
-  GMenu* article = g_menu_new();
-  g_menu_append(article, "Mark Read or Unread", "win.toggle-read");
-  g_menu_append(article, "Star or Unstar", "win.toggle-star");
-  g_menu_append(article, "Delete", "win.delete");
-  g_menu_append(article, "Open in Browser", "win.open-browser");
-  g_menu_append(article, "Copy Link", "win.copy-link");
-  g_menu_append(article, "Send by E-mail", "win.email");
-  g_menu_append(article, "Send to Read Later…", "win.send-to");
-  g_menu_append_section(menu, nullptr, G_MENU_MODEL(article));
-  GMenu* accounts = g_menu_new();
-  g_menu_append(accounts, "Add Account…", "win.add-account");
-  g_menu_append(accounts, "Remove Account", "win.remove-account");
-  g_menu_append(accounts, "Import OPML…", "win.import-opml");
-  g_menu_append(accounts, "Export OPML…", "win.export-opml");
-  g_menu_append(accounts, "Preferences", "win.preferences");
-  g_menu_append_section(menu, nullptr, G_MENU_MODEL(accounts));
+  for (const auto& entries : kMenu) {
+    GMenu* section = g_menu_new();
+    for (const auto& entry : entries) g_menu_append(section, entry.label, entry.action);
+    g_menu_append_section(menu, nullptr, G_MENU_MODEL(section));
+    g_object_unref(section);
+  }
   GtkWidget* menuButton = gtk_menu_button_new();
   gtk_menu_button_set_icon_name(GTK_MENU_BUTTON(menuButton), "open-menu-symbolic");
   gtk_menu_button_set_menu_model(GTK_MENU_BUTTON(menuButton), G_MENU_MODEL(menu));
   adw_header_bar_pack_end(ADW_HEADER_BAR(header), menuButton);
-  for (GMenu* section : {library, smart, article, accounts, menu}) g_object_unref(section);
+  g_object_unref(menu);
 
   readableToggle_ = gtk_toggle_button_new();
   gtk_button_set_icon_name(GTK_BUTTON(readableToggle_), "format-text-plaintext-symbolic");
