@@ -51,6 +51,19 @@ std::string textOf(GtkWidget* widget) {
   return out;
 }
 
+// As a click on one of the dialog's buttons: the response, then the dialog closes.
+void answer(GtkWidget* dialog, const char* response) {
+  adw_message_dialog_response(ADW_MESSAGE_DIALOG(dialog), response);
+  gtk_window_close(GTK_WINDOW(dialog));
+}
+
+void collectEntries(GtkWidget* widget, std::vector<GtkWidget*>& out) {
+  if (GTK_IS_ENTRY(widget)) out.push_back(widget);
+  for (GtkWidget* child = gtk_widget_get_first_child(widget); child; child = gtk_widget_get_next_sibling(child)) {
+    collectEntries(child, out);
+  }
+}
+
 GtkWidget* firstEntry(GtkWidget* widget) {
   if (GTK_IS_ENTRY(widget)) return widget;
   for (GtkWidget* child = gtk_widget_get_first_child(widget); child; child = gtk_widget_get_next_sibling(child)) {
@@ -217,7 +230,7 @@ TEST_F(DesktopWindowTest, ASearchIsSavedAsASmartFolder) {
   GtkWidget* entry = firstEntry(adw_message_dialog_get_extra_child(ADW_MESSAGE_DIALOG(window().dialog())));
   ASSERT_NE(entry, nullptr);
   gtk_editable_set_text(GTK_EDITABLE(entry), "Apples and votes");
-  adw_message_dialog_response(ADW_MESSAGE_DIALOG(window().dialog()), "ok");
+  answer(window().dialog(), "ok");
   ASSERT_TRUE(pumpUntil([this] { return sourceRow("Apples and votes") != nullptr; }));
   ASSERT_TRUE(idle());
   // The new folder is selected and shows what the search found.
@@ -229,6 +242,55 @@ TEST_F(DesktopWindowTest, ASearchIsSavedAsASmartFolder) {
   bool found = false;
   for (const auto& folder : *folders) found = found || folder->title() == "Apples and votes";
   EXPECT_TRUE(found);
+}
+
+TEST_F(DesktopWindowTest, TheSmartFolderEditorAddsAFolderFromItsRules) {
+  activate("new-smart-folder");
+  ASSERT_NE(window().dialog(), nullptr);
+  std::vector<GtkWidget*> entries;
+  collectEntries(adw_message_dialog_get_extra_child(ADW_MESSAGE_DIALOG(window().dialog())), entries);
+  // The title, then the first rule's value ("Title contains …").
+  ASSERT_EQ(entries.size(), 2u);
+  gtk_editable_set_text(GTK_EDITABLE(entries[0]), "Pears");
+  gtk_editable_set_text(GTK_EDITABLE(entries[1]), "pear");
+  answer(window().dialog(), "ok");
+  ASSERT_TRUE(pumpUntil([this] { return sourceRow("Pears") != nullptr; }));
+  ASSERT_TRUE(pumpUntil([this] {
+    return window().controller().source().kind == SourceKind::kSmartFolder && window().controller().loading() == 0 &&
+           window().articleIds() == std::vector<std::int64_t>{library_.pear};
+  }));
+}
+
+TEST_F(DesktopWindowTest, TheAccountAndPreferencesDialogsOpenAndClose) {
+  // Adding an account offline is refused with what to do, and nothing is added.
+  activate("add-account");
+  ASSERT_NE(window().dialog(), nullptr);
+  std::vector<GtkWidget*> entries;
+  collectEntries(adw_message_dialog_get_extra_child(ADW_MESSAGE_DIALOG(window().dialog())), entries);
+  ASSERT_GE(entries.size(), 2u);
+  answer(window().dialog(), "ok");  // the built-in reader is first; it exists already
+  pumpUntil([this] { return window().dialog() == nullptr; });
+  EXPECT_EQ(window().controller().accounts().size(), 1u);
+
+  activate("preferences");
+  ASSERT_NE(window().dialog(), nullptr);
+  EXPECT_TRUE(ADW_IS_PREFERENCES_WINDOW(window().dialog()));
+  gtk_window_close(GTK_WINDOW(window().dialog()));
+  pumpUntil([this] { return window().dialog() == nullptr; });
+  EXPECT_EQ(window().dialog(), nullptr);
+}
+
+TEST_F(DesktopWindowTest, AFeedLinkFromABrowserOpensTheSubscribeDialog) {
+  session_->open("feed://example.org/rss.xml");
+  ASSERT_NE(window().dialog(), nullptr);
+  GtkWidget* address = firstEntry(adw_message_dialog_get_extra_child(ADW_MESSAGE_DIALOG(window().dialog())));
+  ASSERT_NE(address, nullptr);
+  EXPECT_STREQ(gtk_editable_get_text(GTK_EDITABLE(address)), "http://example.org/rss.xml");
+  answer(window().dialog(), "cancel");
+  pumpUntil([this] { return window().dialog() == nullptr; });
+  // Anything else is not a subscription: no dialog.
+  session_->open("javascript:alert(1)");
+  EXPECT_EQ(window().dialog(), nullptr);
 }
 
 TEST_F(DesktopWindowTest, TheMainWindowIsDrawnAndSavedAsAScreenshot) {
@@ -317,7 +379,7 @@ TEST_F(DesktopWindowOnlineTest, SubscribingFindsTheFeedPutsItInAFolderAndSyncsIt
   }
   ASSERT_NE(chooser, nullptr);
   gtk_editable_set_text(GTK_EDITABLE(gtk_combo_box_get_child(GTK_COMBO_BOX(chooser))), "Local");
-  adw_message_dialog_response(ADW_MESSAGE_DIALOG(window().dialog()), "ok");
+  answer(window().dialog(), "ok");
   // Discovery, the subscription, then a sync of the account bring the feed's article.
   ASSERT_TRUE(pumpUntil([this] { return sourceRow("Site news") != nullptr && sourceRow("Local") != nullptr; }));
   ASSERT_TRUE(pumpUntil([this] {

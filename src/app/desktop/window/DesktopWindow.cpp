@@ -907,14 +907,20 @@ void DesktopWindow::showToast(const std::string& text) {
   logInfo(kLogCategory, "{}", text);
 }
 
-void DesktopWindow::setDialog(GtkWidget* dialog) {
+DesktopController::Done DesktopWindow::showingErrors() {
+  return [this](std::optional<Error> error) {
+    if (error) showError(*error);
+  };
+}
+
+void DesktopWindow::showDialog(GtkWidget* dialog) {
   dialog_ = dialog;
-  if (dialog == nullptr) return;
   g_signal_connect(dialog, "destroy", G_CALLBACK(+[](GtkWidget* widget, gpointer self) {
                      auto* window = static_cast<DesktopWindow*>(self);
                      if (window->dialog_ == widget) window->dialog_ = nullptr;
                    }),
                    this);
+  gtk_window_present(GTK_WINDOW(dialog));
 }
 
 Result<void> DesktopWindow::saveScreenshot(const std::filesystem::path& file) const {

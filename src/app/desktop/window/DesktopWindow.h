@@ -79,7 +79,10 @@ class DesktopWindow final : public DesktopController::View {
   void scrollToFragment(const std::string& fragment);
   void showError(const Error& error);
   void showToast(const std::string& text);
-  void setDialog(GtkWidget* dialog);
+  // Shows a dialog as the window's one dialog.
+  void showDialog(GtkWidget* dialog);
+  // A completion that shows an error, if there is one.
+  DesktopController::Done showingErrors();
 
   // Dialogs.
   void runSubscribe(const std::string& address);

@@ -116,9 +116,7 @@ void DesktopWindow::runSubscribe(const std::string& address) {
       if (!feeds) {
         // A hosted reader finds feeds itself, from where it stands: let it try the address.
         if (accountRow != 0) {
-          controller_->subscribe(accountRow, normalizedFeedAddress(typed), inFolder, [this](std::optional<Error> error) {
-            if (error) showError(*error);
-          });
+          controller_->subscribe(accountRow, normalizedFeedAddress(typed), inFolder, showingErrors());
           return;
         }
         return showError(feeds.error());
@@ -133,8 +131,7 @@ void DesktopWindow::runSubscribe(const std::string& address) {
       chooseFeed(accountRow, inFolder, std::move(*feeds));
     });
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::chooseFeed(std::int64_t account, std::optional<std::string> folder, std::vector<QKFeedLinkItem> feeds) {
@@ -164,8 +161,7 @@ void DesktopWindow::chooseFeed(std::int64_t account, std::optional<std::string> 
       });
     }
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runUnsubscribe() {
@@ -176,12 +172,9 @@ void DesktopWindow::runUnsubscribe() {
                                     "Its articles go too; starred ones are kept in the built-in reader.", "Unsubscribe",
                                     ADW_RESPONSE_DESTRUCTIVE);
   onResponse(dialog, [this, feed] {
-    controller_->unsubscribe(feed, [this](std::optional<Error> error) {
-      if (error) showError(*error);
-    });
+    controller_->unsubscribe(feed, showingErrors());
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runMoveFeed() {
@@ -194,12 +187,9 @@ void DesktopWindow::runMoveFeed() {
   GtkWidget* dialog = messageDialog(window(), fmt::format("Move {}", node->title), "", "Move", ADW_RESPONSE_SUGGESTED, box);
   onResponse(dialog, [this, feed, entry] {
     const std::string folder = entryText(entry);
-    controller_->moveFeed(feed, folder.empty() ? std::nullopt : std::optional(folder), [this](std::optional<Error> error) {
-      if (error) showError(*error);
-    });
+    controller_->moveFeed(feed, folder.empty() ? std::nullopt : std::optional(folder), showingErrors());
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runRenameFolder() {
@@ -212,12 +202,9 @@ void DesktopWindow::runRenameFolder() {
   onResponse(dialog, [this, folder, entry] {
     const std::string title = entryText(entry);
     if (title.empty()) return;
-    controller_->renameFolder(folder, title, [this](std::optional<Error> error) {
-      if (error) showError(*error);
-    });
+    controller_->renameFolder(folder, title, showingErrors());
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runRemoveAccount() {
@@ -229,12 +216,9 @@ void DesktopWindow::runRemoveAccount() {
                                     "Nothing changes at the service.",
                                     "Remove", ADW_RESPONSE_DESTRUCTIVE);
   onResponse(dialog, [this, account] {
-    controller_->removeAccount(account, [this](std::optional<Error> error) {
-      if (error) showError(*error);
-    });
+    controller_->removeAccount(account, showingErrors());
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 namespace {
@@ -298,8 +282,7 @@ void DesktopWindow::runSaveSearch() {
     if (!saved) return showError(saved.error());
     gtk_editable_set_text(GTK_EDITABLE(search_), "");
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runRemoveSmartFolder() {
@@ -312,8 +295,7 @@ void DesktopWindow::runRemoveSmartFolder() {
   onResponse(dialog, [this, id] {
     if (auto removed = controller_->removeSmartFolder(id); !removed) showError(removed.error());
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runSendTo() {
@@ -332,8 +314,7 @@ void DesktopWindow::runSendTo() {
       showToast(fmt::format("Sent to {}", title));
     });
   });
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runEmail() {

@@ -109,7 +109,7 @@ void DesktopWindow::runAddAccount() {
   GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 6);
   GtkStringList* names = gtk_string_list_new(nullptr);
   for (const auto& choice : kServices) gtk_string_list_append(names, choice.title);
-  GtkWidget* service = gtk_drop_down_new(G_LIST_MODEL(names), nullptr);
+  GtkWidget* service = gtk_drop_down_new(G_LIST_MODEL(names), nullptr);  // takes the list
   gtk_box_append(GTK_BOX(box), service);
   GtkWidget* username = gtk_entry_new();
   gtk_entry_set_placeholder_text(GTK_ENTRY(username), "Username or e-mail");
@@ -173,9 +173,7 @@ void DesktopWindow::runAddAccount() {
         window->controller_->addAccount(std::move(account), done);
       }),
       fields, +[](gpointer data, GClosure*) { delete static_cast<Fields*>(data); }, GConnectFlags{});
-  g_object_unref(names);
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 void DesktopWindow::runPreferences() {
@@ -283,8 +281,7 @@ void DesktopWindow::runPreferences() {
     adw_preferences_page_add(ADW_PREFERENCES_PAGE(accountsPage), ADW_PREFERENCES_GROUP(group));
   }
   adw_preferences_window_add(ADW_PREFERENCES_WINDOW(preferences), ADW_PREFERENCES_PAGE(accountsPage));
-  setDialog(preferences);
-  gtk_window_present(GTK_WINDOW(preferences));
+  showDialog(preferences);
 }
 
 }  // namespace lectern::desktop

@@ -54,7 +54,7 @@ void addRule(Editor& editor, const DraftRow& row) {
   std::vector<std::string> labels;
   for (const auto& field : rowFields()) labels.push_back(field.label);
   GtkStringList* fields = stringList(labels);
-  rule.field = gtk_drop_down_new(G_LIST_MODEL(fields), nullptr);
+  rule.field = gtk_drop_down_new(G_LIST_MODEL(fields), nullptr);  // takes the list
   rule.op = gtk_drop_down_new(nullptr, nullptr);
   rule.value = gtk_entry_new();
   gtk_widget_set_hexpand(rule.value, TRUE);
@@ -85,7 +85,6 @@ void addRule(Editor& editor, const DraftRow& row) {
                      gtk_box_remove(GTK_BOX(editor->rules), box);
                    }),
                    &editor);
-  g_object_unref(fields);
 }
 
 SmartFolderDraft draftOf(const Editor& editor) {
@@ -160,8 +159,7 @@ void DesktopWindow::runSmartFolderEditor(std::optional<std::int64_t> id) {
         }
       }),
       editor, +[](gpointer data, GClosure*) { delete static_cast<Editor*>(data); }, GConnectFlags{});
-  setDialog(dialog);
-  gtk_window_present(GTK_WINDOW(dialog));
+  showDialog(dialog);
 }
 
 }  // namespace lectern::desktop
