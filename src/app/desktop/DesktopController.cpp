@@ -436,11 +436,11 @@ void DesktopController::syncPassFinished(const std::vector<AccountSyncReport>& r
 }
 
 void DesktopController::syncOperationDidUpdateAccount(Account&) {
-  // Coalesced: a sync saves often, the tree is read once per turn of the loop.
+  // A sync saves after every feed it merges: the counts are read again at most once a second.
   if (pendingSourceReload_) return;
   pendingSourceReload_ = true;
   std::weak_ptr<bool> alive = alive_;
-  environment_.mainQueue().post([this, alive] {
+  environment_.mainQueue().postAfter(std::chrono::seconds(1), [this, alive] {
     if (!alive.lock() || !*alive.lock()) return;
     pendingSourceReload_ = false;
     reloadSources();
